@@ -1,0 +1,43 @@
+#pragma once
+// Module compression: a module's bytes become a CompressedDataHeader, an lh5 bit
+// stream and a closing 0x00.
+
+#include <cstdint>
+#include <exception>
+#include <memory>
+#include <span>
+
+namespace fwforge::lzh {
+
+struct CompressResult {
+    std::uint32_t total = 0;     // bit-stream bytes + 9, as stored at offset 0
+    std::uint32_t consumed = 0;  // input bytes consumed, as stored at offset 4
+    bool stopped = false;        // the output bound cut the stream off
+};
+
+// The encoder ran out of memory: the program prints "Out of memory." to standard
+// error and exits with status 1, bypassing the diagnostics.
+class OutOfMemory : public std::exception {
+public:
+    const char* what() const noexcept override { return "Out of memory."; }
+};
+
+// One encoder lives as long as a build. Its window is zero when created and is not
+// cleared between runs, which decides exact bytes of later results.
+class Encoder {
+public:
+    Encoder();
+    ~Encoder();
+    Encoder(const Encoder&) = delete;
+    Encoder& operator=(const Encoder&) = delete;
+
+    // `destination` must have room for source.size() + 9 bytes.
+    CompressResult CompressModule(std::span<const std::uint8_t> source,
+                                  std::span<std::uint8_t> destination);
+
+private:
+    struct State;
+    std::unique_ptr<State> state_;
+};
+
+}  // namespace fwforge::lzh

@@ -1,0 +1,184 @@
+#include "platform/file_io.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <strings.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <utility>
+
+namespace fwforge::platform {
+namespace {
+
+constexpr char kSeparator = '/';
+
+bool Exists(const std::string& path) {
+    struct stat st;
+    return ::lstat(path.c_str(), &st) == 0;
+}
+
+// The one entry of `dir` whose name equals `component` ignoring case; nullopt when
+// there is none or more than one.
+std::optional<std::string> FindCaseInsensitive(const std::string& dir,
+                                               const std::string& component) {
+    DIR* handle = ::opendir(dir.empty() ? "." : dir.c_str());
+    if (handle == nullptr) return std::nullopt;
+    std::optional<std::string> found;
+    int matches = 0;
+    while (const dirent* entry = ::readdir(handle)) {
+        if (::strcasecmp(entry->d_name, component.c_str()) == 0) {
+            found = entry->d_name;
+            ++matches;
+        }
+    }
+    ::closedir(handle);
+    if (matches != 1) return std::nullopt;
+    return found;
+}
+
+// Resolves the components of `path` one by one against the file system (the last one
+// only when `include_last`); nullopt at the first component that matches nothing.
+std::optional<std::string> ResolveComponents(const std::string& path, bool include_last) {
+    std::string resolved;
+    std::size_t pos = 0;
+    if (!path.empty() && path[0] == kSeparator) {
+        resolved = "/";
+        pos = 1;
+    }
+    while (pos <= path.size()) {
+        std::size_t end = path.find(kSeparator, pos);
+        const bool last = end == std::string::npos;
+        if (last) end = path.size();
+        std::string component = path.substr(pos, end - pos);
+        if (last && !include_last) {
+            resolved += component;
+            return resolved;
+        }
+        if (!component.empty()) {
+            std::string candidate = resolved + component;
+            if (component == "." || component == ".." || Exists(candidate)) {
+                resolved = candidate;
+            } else {
+                std::string dir = resolved;
+                if (dir.size() > 1 && dir.back() == kSeparator) dir.pop_back();
+                auto match = FindCaseInsensitive(dir, component);
+                if (!match) return std::nullopt;
+                resolved += *match;
+            }
+        }
+        if (last) return resolved;
+        if (!resolved.empty() && resolved.back() != kSeparator) resolved += kSeparator;
+        pos = end + 1;
+    }
+    return resolved;
+}
+
+}  // namespace
+
+std::string ToHostSeparators(std::string_view name) {
+    std::string host(name);
+    for (char& c : host) {
+        if (c == '\\') c = kSeparator;
+    }
+    return host;
+}
+
+std::string ResolveExistingPath(std::string_view name) {
+    std::string host = ToHostSeparators(name);
+    if (host.empty() || Exists(host)) return host;
+    return ResolveComponents(host, true).value_or(host);
+}
+
+std::string ComposeOutputName(std::string_view output_path, std::string_view rest) {
+    std::string name(output_path);
+    if (!name.empty() && name.back() != '/' && name.back() != '\\') name += kSeparator;
+    name += rest;
+    return name;
+}
+
+std::optional<InputFile> InputFile::Open(std::string_view name) {
+    const std::string path = ResolveExistingPath(name);
+    if (path.empty()) return std::nullopt;
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return std::nullopt;
+    struct stat st;
+    if (::fstat(fd, &st) != 0 || S_ISDIR(st.st_mode)) {
+        ::close(fd);
+        return std::nullopt;
+    }
+    return InputFile(fd);
+}
+
+InputFile::InputFile(InputFile&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+
+InputFile& InputFile::operator=(InputFile&& other) noexcept {
+    if (this != &other) {
+        if (fd_ >= 0) ::close(fd_);
+        fd_ = std::exchange(other.fd_, -1);
+    }
+    return *this;
+}
+
+InputFile::~InputFile() {
+    if (fd_ >= 0) ::close(fd_);
+}
+
+std::optional<std::uint64_t> InputFile::Size() const {
+    struct stat st;
+    if (::fstat(fd_, &st) != 0 || st.st_size < 0) return std::nullopt;
+    return static_cast<std::uint64_t>(st.st_size);
+}
+
+bool InputFile::ReadExactly(std::span<std::uint8_t> buffer) {
+    std::size_t done = 0;
+    while (done < buffer.size()) {
+        const ssize_t n = ::pread(fd_, buffer.data() + done, buffer.size() - done,
+                                  static_cast<off_t>(done));
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        done += static_cast<std::size_t>(n);
+    }
+    return true;
+}
+
+std::optional<OutputFile> OutputFile::Create(std::string_view name) {
+    std::string host = ToHostSeparators(name);
+    if (host.empty()) return std::nullopt;
+    // The folders above the new file are looked up like input names; the file's own
+    // name stays as composed.
+    if (!Exists(host)) {
+        if (auto resolved = ResolveComponents(host, false)) host = *resolved;
+    }
+    const int fd = ::open(host.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    if (fd < 0) return std::nullopt;
+    return OutputFile(fd);
+}
+
+OutputFile::OutputFile(OutputFile&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+
+OutputFile& OutputFile::operator=(OutputFile&& other) noexcept {
+    if (this != &other) {
+        if (fd_ >= 0) ::close(fd_);
+        fd_ = std::exchange(other.fd_, -1);
+    }
+    return *this;
+}
+
+OutputFile::~OutputFile() {
+    if (fd_ >= 0) ::close(fd_);
+}
+
+bool OutputFile::Write(std::span<const std::uint8_t> data) {
+    std::size_t done = 0;
+    while (done < data.size()) {
+        const ssize_t n = ::write(fd_, data.data() + done, data.size() - done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        done += static_cast<std::size_t>(n);
+    }
+    return true;
+}
+
+}  // namespace fwforge::platform

@@ -1,0 +1,72 @@
+#pragma once
+// The file layer: open and size an input file, read it whole, create and write an
+// output file whole. Every failure goes back to the caller, which owns the message.
+//
+// Names come from build scripts written for Windows and from a script text that has
+// been lower-cased, so input names are opened after turning "\" into "/", and a name
+// that does not exist exactly as written is looked up case-insensitively, folder by
+// folder (exactly one match is used). Files the tool creates keep the name exactly as
+// composed; only the folders above them are looked up that way.
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace fwforge::platform {
+
+// The host form of a name from a script or the command line: "\" becomes "/".
+std::string ToHostSeparators(std::string_view name);
+
+// The existing path that `name` denotes, exactly or case-insensitively; the host form
+// of the name itself when nothing (or more than one candidate) matches.
+std::string ResolveExistingPath(std::string_view name);
+
+// `output_path`, the host separator and `rest`; no second separator when
+// `output_path` already ends in one.
+std::string ComposeOutputName(std::string_view output_path, std::string_view rest);
+
+class InputFile {
+public:
+    // Opens an existing file for reading; nullopt when it cannot be opened.
+    static std::optional<InputFile> Open(std::string_view name);
+
+    InputFile(InputFile&& other) noexcept;
+    InputFile& operator=(InputFile&& other) noexcept;
+    InputFile(const InputFile&) = delete;
+    InputFile& operator=(const InputFile&) = delete;
+    ~InputFile();
+
+    // The file's size in bytes; nullopt when it cannot be determined.
+    std::optional<std::uint64_t> Size() const;
+    // Reads `count` bytes from the start of the file into `buffer`; false when the
+    // read fails or returns fewer bytes.
+    bool ReadExactly(std::span<std::uint8_t> buffer);
+
+private:
+    explicit InputFile(int fd) : fd_(fd) {}
+    int fd_ = -1;
+};
+
+class OutputFile {
+public:
+    // Creates the file anew (replacing an existing one); nullopt when that fails.
+    static std::optional<OutputFile> Create(std::string_view name);
+
+    OutputFile(OutputFile&& other) noexcept;
+    OutputFile& operator=(OutputFile&& other) noexcept;
+    OutputFile(const OutputFile&) = delete;
+    OutputFile& operator=(const OutputFile&) = delete;
+    ~OutputFile();
+
+    // Writes the whole buffer; false when the write fails or is short.
+    bool Write(std::span<const std::uint8_t> data);
+
+private:
+    explicit OutputFile(int fd) : fd_(fd) {}
+    int fd_ = -1;
+};
+
+}  // namespace fwforge::platform

@@ -1,0 +1,138 @@
+#pragma once
+// Everything a build script says: the settings, the module and ROM-hole tables with
+// their counters, and the modules diverted to the Extended Boot Block. The script
+// reader fills it; the layout engine writes only the fields it owns (see each field).
+
+#include <array>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "layout/module_header.h"
+#include "platform/byte_order.h"
+
+namespace fwforge {
+
+inline constexpr std::size_t kModuleTableSize = 255;  // 254 from the script + image info
+inline constexpr std::size_t kRomHoleTableSize = 16;
+inline constexpr std::size_t kMaxEbbModules = 10;
+inline constexpr std::uint32_t kNoStartAddress = 0xFFFFFFFF;
+inline constexpr std::uint8_t kNoIndex = 0xFF;
+
+// ModuleEntry::CompressionFlags bits.
+namespace compression_flag {
+inline constexpr std::uint8_t AlreadyCompressed = 0x01;  // nowcompressed = yes
+inline constexpr std::uint8_t MinSize = 0x02;            // compressed = minsize
+}  // namespace compression_flag
+
+// RomImageFlags bits.
+namespace rom_image_flag {
+inline constexpr std::uint8_t Mode32Bit = 0x01;
+inline constexpr std::uint8_t HasRomHoles = 0x02;
+inline constexpr std::uint8_t ModuleSplit = 0x04;
+}  // namespace rom_image_flag
+
+enum PlacementState : std::uint8_t { Unplaced = 0, Placed = 1, NoWholeFit = 2 };
+
+// A 20-byte module header image with named access to its fields.
+struct ModuleHeaderImage {
+    std::array<std::uint8_t, module_header::kSize> bytes{};
+
+    std::uint32_t DataSize() const { return load_le32(&bytes[module_header::DataSize.offset]); }
+    void SetDataSize(std::uint32_t v) { store_le32(&bytes[module_header::DataSize.offset], v); }
+    std::uint16_t DataSize16() const { return load_le16(&bytes[module_header::DataSize16.offset]); }
+    void SetDataSize16(std::uint16_t v) { store_le16(&bytes[module_header::DataSize16.offset], v); }
+    std::uint8_t ModuleId() const { return bytes[module_header::ModuleId.offset]; }
+    void SetModuleId(std::uint8_t v) { bytes[module_header::ModuleId.offset] = v; }
+    std::uint8_t ModuleAttributes() const { return bytes[module_header::ModuleAttributes.offset]; }
+    void SetModuleAttributes(std::uint8_t v) { bytes[module_header::ModuleAttributes.offset] = v; }
+    // DestOffset, or the PCI VendorId of an add-on ROM.
+    std::uint16_t DestOffset() const { return load_le16(&bytes[module_header::DestOffset.offset]); }
+    void SetDestOffset(std::uint16_t v) { store_le16(&bytes[module_header::DestOffset.offset], v); }
+    // DestSegment, or the PCI DeviceId of an add-on ROM.
+    std::uint16_t DestSegment() const { return load_le16(&bytes[module_header::DestSegment.offset]); }
+    void SetDestSegment(std::uint16_t v) { store_le16(&bytes[module_header::DestSegment.offset], v); }
+};
+
+// One [module] section. Default member values are those of a fresh section.
+struct ModuleEntry {
+    std::string FileName;
+    ModuleHeaderImage Header;
+    std::uint16_t LinkVendorId = 0xFFFF;
+    std::uint16_t LinkDeviceId = 0xFFFF;
+    std::uint32_t MaxModuleSize = 0;
+    std::uint8_t Contiguous = 0;
+    std::uint8_t Alignment = 0;
+    std::uint8_t PlacementState = Unplaced;  // layout engine
+    std::uint32_t PlacedSize = 0;            // layout engine
+    std::uint8_t LinkedRomCount = 0;         // layout engine
+    std::uint8_t InsertionIndex = 0;         // layout engine
+    std::uint8_t CompressionFlags = 0;
+    std::string RomRegion;  // upper case; "" main BIOS, "EBB", or a non-critical block's Name
+    std::uint32_t StartAddress = kNoStartAddress;
+    std::uint32_t HeaderAddress = 0;
+    std::uint8_t RomHoleIndex = kNoIndex;
+};
+
+// A [romhole] or [noncriticalrom] section, or the reservation of a module with a
+// start address (OwnerModule != 0xFF).
+struct RomHoleEntry {
+    std::string FileName;
+    std::uint8_t Filler = 0xFF;
+    std::uint32_t StartAddress = 0;  // ROM address until the gap map makes it an image offset
+    std::uint32_t Size = 0;
+    std::string Name;  // upper case; non-empty makes the record a non-critical block
+    std::uint8_t OwnerModule = kNoIndex;
+};
+
+// A module diverted to the Extended Boot Block.
+struct EbbModuleRecord {
+    ModuleHeaderImage Header;
+    std::string FileName;
+    std::uint32_t MaxModuleSize = 0;
+    std::uint8_t Alignment = 0;
+    std::uint8_t CompressionFlags = 0;
+    std::uint32_t EbbOffset = 0;
+};
+
+struct InitSettings {
+    std::string BootBlockFile;
+    std::uint32_t ChecksumOffset = 0x0000E000;
+    std::uint32_t BiosTagOffset = 0x0000FFE0;
+};
+
+struct BiosSettings {
+    std::string RomFile;
+    std::uint32_t BiosSize = 0;
+    std::uint32_t BootBlockSize = 0;
+    std::uint32_t NvramSize = 0;
+    std::uint32_t MaxEbbSize = 0;
+    std::string BiosTag;  // upper case, at most 11 characters
+};
+
+struct RomImageSettings {
+    std::uint8_t RomImageVersion = 0;
+    bool Use32BitMode = false;
+    std::uint8_t RomImageFlags = 0;
+};
+
+struct BuildDescription {
+    InitSettings Init;
+    BiosSettings Bios;
+    RomImageSettings RomImage;
+
+    std::uint8_t ModuleHeaderExtension = 8;
+    std::uint8_t MainHeaderExtension = 10;
+
+    // Fixed-size tables: record ModuleCount is taken by the image information module.
+    std::vector<ModuleEntry> ModuleTable = std::vector<ModuleEntry>(kModuleTableSize);
+    std::uint32_t ModuleCount = 0;
+    std::vector<RomHoleEntry> RomHoleTable = std::vector<RomHoleEntry>(kRomHoleTableSize);
+    std::uint32_t RomHoleCount = 0;
+    std::uint32_t FixedModuleCount = 0;
+    std::uint8_t ConstrainedModuleCount = 0;
+    std::vector<EbbModuleRecord> EbbModuleList;  // at most kMaxEbbModules
+    std::uint32_t BootBlockStamp = 0;
+};
+
+}  // namespace fwforge

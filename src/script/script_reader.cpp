@@ -1,0 +1,7 @@
+#include "script/script_reader.h"
+
+namespace fwforge {
+
+void ParseBuildScript(BuildContext&, const std::string&) {}
+
+}  // namespace fwforge
