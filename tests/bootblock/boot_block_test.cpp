@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <filesystem>
 
 #include "bootblock/region_fixture.h"
@@ -31,6 +32,7 @@ struct BootBlockBuild : RegionBuild {
 
 TEST(BootBlock, EightKilobytesFromSegmentFileWithDefaultOffsets) {
     BootBlockBuild b(0x40000, 0x2000, 0x10000);
+    WriteBytes(b.dir.File("X1234.int"), std::vector<std::uint8_t>(0x9000, 0x11));  // replaced
     ASSERT_EQ(b.Run(BuildBootBlock), "");
     EXPECT_EQ(b.console.str(), kProgress);
     EXPECT_EQ(b.ctx.image.PlacementCursor, 0x3E000u);
@@ -53,53 +55,38 @@ TEST(BootBlock, FileCopyCoversOnlyTheBootBlock) {
         std::uint32_t bb_size;
         std::size_t file_size;
         std::size_t copied;  // leading boot block bytes taken from the file
+        std::uint32_t checksum_offset;
+        std::uint32_t tag_offset;
+        const char* tag;
     };
     const Case cases[] = {
-        {0x10000, 0x10000, 0x10000},  // the whole file is the boot block
-        {0x2000, 0xF000, 0x1000},     // short file: copied as far as it reaches
-        {0x2000, 0xD000, 0},          // ends below the boot block: all zero
-        {0x2000, 0x12000, 0x2000},    // longer file: only the boot block's bytes
+        {0x10000, 0x10000, 0x10000, 0xFFF0, 0xFFE0, "X1234"},  // the whole file
+        {0x2000, 0xF000, 0x1000, 0xFFF0, 0xFFE0, "X1234"},     // short: copied as far as it reaches
+        {0x2000, 0xD000, 0, 0xFFF0, 0xFFE0, "X1234"},          // ends below the boot block
+        {0x2000, 0x12000, 0x2000, 0xFFF0, 0xFFE0, "X1234"},    // longer: only the boot block
+        {0x1000, 0x10000, 0x1000, 0xF000, 0xFFF4, "ABCDEFGHIJK"},  // tag's zero is the last byte
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.file_size);
         BootBlockBuild b(0x20000, c.bb_size, c.file_size);
-        b.ctx.description.Init.ChecksumOffset = 0xFFF0;
+        b.ctx.description.Init.ChecksumOffset = c.checksum_offset;
+        b.ctx.description.Init.BiosTagOffset = c.tag_offset;
+        b.ctx.description.Bios.BiosTag = c.tag;
         ASSERT_EQ(b.Run(BuildBootBlock), "");
-        const std::vector<std::uint8_t> bb = b.IntFile();
+        const std::vector<std::uint8_t> bb = ReadBytes(b.dir.File(std::string(c.tag) + ".int"));
         ASSERT_EQ(bb.size(), c.bb_size);
         EXPECT_EQ(SumOf(bb), 0u);
         const std::size_t first = 0x10000 - c.bb_size;
-        const std::size_t checksum_at = 0xFFF0 - first;
-        const std::size_t tag_at = 0xFFE0 - first;
-        EXPECT_EQ(std::string(bb.begin() + tag_at, bb.begin() + tag_at + 6), std::string("X1234\0", 6));
+        const std::size_t checksum_at = c.checksum_offset - first;
+        const std::size_t tag_at = c.tag_offset - first;
+        const std::string tag(c.tag, std::strlen(c.tag) + 1);
+        EXPECT_EQ(std::string(bb.begin() + tag_at, bb.begin() + tag_at + tag.size()), tag);
         for (std::size_t i = 0; i < c.bb_size; ++i) {
-            if ((i >= tag_at && i < tag_at + 6) || (i >= checksum_at && i < checksum_at + 4)) continue;
+            if ((i >= tag_at && i < tag_at + tag.size()) || (i >= checksum_at && i < checksum_at + 4)) continue;
             ASSERT_EQ(bb[i], i < c.copied ? b.file[first + i] : 0) << "at " << i;
         }
         EXPECT_EQ(b.Image(0x20000 - c.bb_size, c.bb_size), bb);
     }
-}
-
-TEST(BootBlock, TagMayShareTheBootBlockWithAMovedChecksum) {
-    BootBlockBuild b(0x20000, 0x1000, 0x10000);
-    b.ctx.description.Bios.BiosTag = "ABCDEFGHIJK";  // 11 characters and the zero byte
-    b.ctx.description.Init.BiosTagOffset = 0xFFF4;
-    b.ctx.description.Init.ChecksumOffset = 0xF000;
-    ASSERT_EQ(b.Run(BuildBootBlock), "");
-    const std::vector<std::uint8_t> bb = ReadBytes(b.dir.File("ABCDEFGHIJK.int"));
-    EXPECT_EQ(SumOf(bb), 0u);
-    EXPECT_EQ(std::string(bb.end() - 12, bb.end()), std::string("ABCDEFGHIJK\0", 12));
-    // Segment offset 0xF000 is the first dword of a 4 KB boot block.
-    EXPECT_EQ(std::vector<std::uint8_t>(bb.begin() + 4, bb.end() - 12),
-              std::vector<std::uint8_t>(b.file.begin() + 0xF004, b.file.end() - 12));
-}
-
-TEST(BootBlock, ExistingIntFileIsReplaced) {
-    BootBlockBuild b(0x20000, 0x2000, 0x10000);
-    WriteBytes(b.dir.File("X1234.int"), std::vector<std::uint8_t>(0x9000, 0x11));
-    ASSERT_EQ(b.Run(BuildBootBlock), "");
-    EXPECT_EQ(b.console.str(), kProgress);
-    EXPECT_EQ(b.IntFile(), b.Image(0x1E000, 0x2000));
 }
 
 TEST(BootBlock, FailuresReportTheirMessageAfterTheProgressLine) {

@@ -98,127 +98,79 @@ TEST(ExtendedBootBlock, NoBlockLeavesTheImageAlone) {
     EXPECT_TRUE(AllBytesAre(b.ctx.image.ImageBuffer, 0, 0x40000, 0xFF));
 }
 
-TEST(ExtendedBootBlock, BlockWithoutModulesIsABareHeader) {
-    EbbBuild b(0x1000);
-    ASSERT_EQ(b.Run(BuildExtendedBootBlock), "");
-    EXPECT_EQ(b.console.str(), kProgress);
-    EXPECT_EQ(b.ctx.image.PlacementCursor, 0x37000u);
-    EXPECT_TRUE(WalkEbb(b).empty());
-    EXPECT_EQ(load_le32(&b.ctx.image.ImageBuffer[0x37000 + 20]), 0xFFFFFFFFu);
-    EXPECT_TRUE(AllBytesAre(b.ctx.image.ImageBuffer, 0x37018, 0x40000, 0xFF));
-    EXPECT_TRUE(AllBytesAre(b.ctx.image.ImageBuffer, 0, 0x37000, 0xFF));
-}
+struct ModuleSpec {
+    std::size_t file_size;
+    std::uint32_t max_module_size = 0;
+    std::uint8_t alignment = 0;
+    std::uint8_t compression_flags = 0;
+    std::uint8_t attributes = module_attr::NotCompressed;
+};
 
+// Modules stored as their files are: where each lands and how much it takes.
 TEST(ExtendedBootBlock, ModulesArePackedUpwardsAndChained) {
     struct Case {
-        std::vector<std::size_t> file_sizes;
+        const char* name;
+        std::uint32_t ebb_size;
+        std::vector<ModuleSpec> modules;
         std::vector<std::size_t> headers;       // EBB offsets
         std::vector<std::uint32_t> data_sizes;  // rounded up to 4
     };
+    const std::uint8_t kStoredAsIs = 0;  // NotCompressed clear, file already compressed
     const Case cases[] = {
-        {{100}, {24}, {100}},
-        {{0x40, 0x23}, {24, 24 + 0x40 + 20}, {0x40, 0x24}},
-        {{0, 5, 0x200}, {24, 44, 44 + 8 + 20}, {0, 8, 0x200}},
+        {"bare header", 0x1000, {}, {}, {}},
+        {"one module", 0x1000, {{100}}, {24}, {100}},
+        {"two modules, padding", 0x1000, {{0x40}, {0x23}}, {24, 24 + 0x40 + 20}, {0x40, 0x24}},
+        {"empty file", 0x1000, {{0}, {5}, {0x200}}, {24, 44, 44 + 8 + 20}, {0, 8, 0x200}},
+        {"MaxModuleSize reserves erased space", 0x1000, {{0x40, 0x101}, {0x10}},
+         {24, 24 + 20 + 0x104}, {0x104, 0x10}},
+        {"already compressed", 0x1000, {{0x33, 0, 0, compression_flag::AlreadyCompressed, kStoredAsIs}},
+         {24}, {0x34}},
+        {"exactly full", 0x100, {{0xD4}}, {24}, {0xD4}},
+        {"DataSize16 saturates", 0x20000, {{0x10000}, {0xFF00}}, {24, 24 + 20 + 0x10000},
+         {0x10000, 0xFF00}},
+        // Alignment puts the data, not the header, on a multiple in the image.
+        {"alignment 7", 0x1000, {{0x10}, {0x20, 0, 7}}, {24, 0x41}, {0x10, 0x20}},
+        {"alignment 0x40", 0x1000, {{0x10}, {0x20, 0, 0x40}}, {24, 0x6C}, {0x10, 0x20}},
+        {"alignment 0xFF", 0x1000, {{0x10}, {0x20, 0, 0xFF}, {4}}, {24, 0x78, 0x78 + 0x34},
+         {0x10, 0x20, 4}},
     };
     for (const Case& c : cases) {
-        SCOPED_TRACE(c.file_sizes.size());
-        EbbBuild b(0x1000);
-        for (std::size_t size : c.file_sizes) b.Add(size);
+        SCOPED_TRACE(c.name);
+        EbbBuild b(c.ebb_size, 0x3F000 + c.ebb_size);  // the EBB starts at 0x37000
+        for (const ModuleSpec& m : c.modules) {
+            EbbModuleRecord& r = b.Add(m.file_size, 0x12, m.attributes);
+            r.MaxModuleSize = m.max_module_size;
+            r.Alignment = m.alignment;
+            r.CompressionFlags = m.compression_flags;
+        }
         ASSERT_EQ(b.Run(BuildExtendedBootBlock), "");
-        EXPECT_EQ(b.ctx.image.PlacementCursor, 0x37000u);
+        const std::size_t start = b.Start();
+        EXPECT_EQ(b.ctx.image.PlacementCursor, start);
 
         std::string console = kProgress;
-        for (std::size_t i = 0; i < c.headers.size(); ++i) console += b.InsertLine(i, 0x37000 + c.headers[i]);
+        for (std::size_t i = 0; i < c.headers.size(); ++i) console += b.InsertLine(i, start + c.headers[i]);
         EXPECT_EQ(b.console.str(), console);
 
         const std::vector<EbbModule> modules = WalkEbb(b);
         ASSERT_EQ(modules.size(), c.headers.size());
-        EXPECT_EQ(load_le32(&b.ctx.image.ImageBuffer[0x37000 + 20]), 0x20u);
+        EXPECT_EQ(load_le32(&b.ctx.image.ImageBuffer[start + 20]), c.headers.empty() ? 0xFFFFFFFF : 0x20u);
+        std::size_t erased_from = start + 24;  // bytes no module covers stay 0xFF
         for (std::size_t i = 0; i < modules.size(); ++i) {
-            const std::size_t at = 0x37000 + c.headers[i];
+            const std::size_t at = start + c.headers[i];
             EXPECT_EQ(modules[i].header, c.headers[i]);
             EXPECT_EQ(modules[i].data_size, c.data_sizes[i]);
             EXPECT_EQ(b.ctx.description.EbbModuleList[i].EbbOffset, c.headers[i]);
-            EXPECT_EQ(b.Image(at + 14, 6), (std::vector<std::uint8_t>{0x12, 0x80, 0x34, 0x12, 0x00, 0xF0}));
+            EXPECT_EQ(b.Image(at + 14, 6), (std::vector<std::uint8_t>{0x12, c.modules[i].attributes,
+                                                                     0x34, 0x12, 0x00, 0xF0}));
             EXPECT_EQ(b.Image(at + 20, b.files[i].size()), b.files[i]);
-            EXPECT_TRUE(AllBytesAre(b.ctx.image.ImageBuffer, at + 20 + b.files[i].size(),
-                                    at + 20 + c.data_sizes[i], 0xFF))
-                << "padding is not written";
+            EXPECT_TRUE(AllBytesAre(b.ctx.image.ImageBuffer, erased_from, at, 0xFF));
+            erased_from = at + 20 + b.files[i].size();
+            if (c.modules[i].alignment != 0) {
+                EXPECT_EQ((at + 20) % c.modules[i].alignment, 0u);
+            }
         }
-        const std::size_t end = 0x37000 + c.headers.back() + 20 + c.data_sizes.back();
-        EXPECT_TRUE(AllBytesAre(b.ctx.image.ImageBuffer, end, 0x38000, 0xFF));
-    }
-}
-
-TEST(ExtendedBootBlock, MaxModuleSizeReservesErasedSpace) {
-    EbbBuild b(0x1000);
-    b.Add(0x40).MaxModuleSize = 0x101;
-    b.Add(0x10);
-    ASSERT_EQ(b.Run(BuildExtendedBootBlock), "");
-    const std::vector<EbbModule> modules = WalkEbb(b);
-    ASSERT_EQ(modules.size(), 2u);
-    EXPECT_EQ(modules[0].data_size, 0x104u);
-    EXPECT_EQ(modules[1].header, 24u + 20 + 0x104);
-    EXPECT_TRUE(AllBytesAre(b.ctx.image.ImageBuffer, 0x37000 + 44 + 0x40, 0x37000 + 44 + 0x104, 0xFF));
-}
-
-TEST(ExtendedBootBlock, AlreadyCompressedFileIsStoredAsItIs) {
-    EbbBuild b(0x1000);
-    b.Add(0x33, 0x12, 0).CompressionFlags = compression_flag::AlreadyCompressed;
-    ASSERT_EQ(b.Run(BuildExtendedBootBlock), "");
-    const std::vector<EbbModule> modules = WalkEbb(b);
-    ASSERT_EQ(modules.size(), 1u);
-    EXPECT_EQ(modules[0].data_size, 0x34u);
-    EXPECT_EQ(b.ctx.image.ImageBuffer[0x37000 + 24 + 15], 0x00) << "NotCompressed stays clear";
-    EXPECT_EQ(b.Image(0x37000 + 44, 0x33), b.files[0]);
-}
-
-TEST(ExtendedBootBlock, LargeModuleHasDataSize16Saturated) {
-    EbbBuild b(0x20000, 0x80000);
-    b.Add(0x10000);
-    b.Add(0xFF00);
-    ASSERT_EQ(b.Run(BuildExtendedBootBlock), "");
-    const std::vector<EbbModule> modules = WalkEbb(b);
-    ASSERT_EQ(modules.size(), 2u);
-    EXPECT_EQ(modules[0].data_size, 0x10000u);
-    EXPECT_EQ(modules[1].data_size, 0xFF00u);
-}
-
-TEST(ExtendedBootBlock, AlignmentPlacesTheDataNotTheHeader) {
-    for (std::uint8_t alignment : {7, 0x40, 0xFF}) {
-        SCOPED_TRACE(int(alignment));
-        EbbBuild b(0x1000);
-        b.Add(0x10);
-        b.Add(0x20).Alignment = alignment;
-        ASSERT_EQ(b.Run(BuildExtendedBootBlock), "");
-        const std::vector<EbbModule> modules = WalkEbb(b);
-        ASSERT_EQ(modules.size(), 2u);
-        const std::size_t packed = 24 + 20 + 0x10;
-        const std::size_t header = modules[1].header;
-        EXPECT_EQ((0x37000 + header + 20) % alignment, 0u);
-        EXPECT_GE(header, packed);
-        EXPECT_LT(header, packed + alignment);
-        EXPECT_EQ(modules[1].data_size, 0x20u) << "the size is not padded by the alignment";
-        EXPECT_EQ(b.ctx.description.EbbModuleList[1].EbbOffset, header);
-        EXPECT_TRUE(AllBytesAre(b.ctx.image.ImageBuffer, 0x37000 + packed, 0x37000 + header, 0xFF));
-        EXPECT_EQ(b.Image(0x37000 + header + 20, 0x20), b.files[1]);
-    }
-}
-
-TEST(ExtendedBootBlock, ModuleMayEndExactlyAtTheEndOfTheBlock) {
-    for (std::size_t file_size : {std::size_t(0xD4), std::size_t(0xD5)}) {
-        EbbBuild b(0x100);
-        b.Add(file_size);
-        const std::string result = b.Run(BuildExtendedBootBlock);
-        if (file_size == 0xD4) {
-            EXPECT_EQ(result, "");
-            EXPECT_EQ(WalkEbb(b).size(), 1u);
-        } else {
-            EXPECT_EQ(result, "Out of EBB space!");
-            EXPECT_EQ(b.console.str(), std::string(kProgress) + " Inserting " +
-                                           b.ctx.description.EbbModuleList[0].FileName +
-                                           " as module id 12\nFATAL ERROR: Out of EBB space!\n");
-        }
+        EXPECT_TRUE(AllBytesAre(b.ctx.image.ImageBuffer, erased_from, start + c.ebb_size, 0xFF));
+        EXPECT_TRUE(AllBytesAre(b.ctx.image.ImageBuffer, 0, start, 0xFF));
     }
 }
 
@@ -247,6 +199,8 @@ TEST(ExtendedBootBlock, FailuresReportTheirExactText) {
          "Fail to open file \"<0>\"\nFATAL ERROR: Cannot open boot block file\n"},
         {"module above MaxModuleSize", 0x1000, [](auto& b) { b.Add(0x41).MaxModuleSize = 0x40; },
          " Inserting <0> as module id 12\nFATAL ERROR: MaxModuleSize is too small for this module\n"},
+        {"one byte more than fits", 0x100, [](auto& b) { b.Add(0xD5); },
+         " Inserting <0> as module id 12\nFATAL ERROR: Out of EBB space!\n"},
         {"eleven modules", 0x1000,
          [](auto& b) {
              for (int i = 0; i < 11; ++i) b.Add(4);
