@@ -194,13 +194,15 @@ void ScriptParser::ModuleStartAddressKey(std::string_view key) {
     if (!address) {
         Fail("Expected 8 digit hex number (i.e. 00000000 - FFFFFFFF).  Refer to %s, line %d.");
     }
-    if (*address % 4 != 0) Fail("Module StartAddress must be DWORD aligned.  Refer to %s, line %d.");
+    if (*address % 4 != 0)
+        Fail("Module StartAddress must be DWORD aligned.  Refer to %s, line %d.");
     const std::uint32_t header_size = 12u + desc_.ModuleHeaderExtension;
     // The header goes directly below the data; below address 0 there is no image.
     if (*address < header_size) {
-        FailWithTail(StrFormat("Module StartAddress %08X leaves no room for its %u-byte "
-                               "header: StartAddress - %u wraps below 0.  ",
-                               *address, header_size, header_size));
+        FailWithTail(
+            StrFormat("Module StartAddress %08X leaves no room for its %u-byte "
+                      "header: StartAddress - %u wraps below 0.  ",
+                      *address, header_size, header_size));
     }
     ++desc_.ConstrainedModuleCount;
     ++desc_.FixedModuleCount;
@@ -229,8 +231,9 @@ void ScriptParser::CheckModuleSection() {
     ModuleEntry& module = Current();
     if (given.startaddress) {
         if (given.alignment) {
-            Fail("Alignment tag and StartAddress tag not mutually supported. "
-                 "Refer to %s, line %d.");
+            Fail(
+                "Alignment tag and StartAddress tag not mutually supported. "
+                "Refer to %s, line %d.");
         }
         if (given.romregion) {
             Fail("StartAddress tag not supported for NCB module.  Refer to %s, line %d.");
@@ -244,24 +247,28 @@ void ScriptParser::CheckModuleSection() {
             (module.Header.ModuleAttributes() & module_attr::NotCompressed) != 0 ? 1 : 0;
     }
     if (given.alignment && given.romregion) {
-        Fail("Alignment tag not supported for Non-Critical Block modules. "
-             "Refer to %s, line %d.");
+        Fail(
+            "Alignment tag not supported for Non-Critical Block modules. "
+            "Refer to %s, line %d.");
     }
     if (module.Header.ModuleId() == kAddOnRomModuleId) {
         if (given.link) {
             if (!(given.moduleid && given.vendorid && given.deviceid && given.linkvenid &&
                   given.linkdevid)) {
-                Fail("Expected one of the following keywords: ModuleId, VendorId, DeviceId, "
-                     "LinkVenId, or LinkDevId. Refer to %s, line %d.");
+                Fail(
+                    "Expected one of the following keywords: ModuleId, VendorId, DeviceId, "
+                    "LinkVenId, or LinkDevId. Refer to %s, line %d.");
             }
             InsertLinkedRom();
         } else if (!(given.file && given.moduleid && given.vendorid && given.deviceid)) {
-            Fail("Expected one of the following keywords: File, ModuleId, VendorId, or "
-                 "DeviceId. Refer to %s, line %d.");
+            Fail(
+                "Expected one of the following keywords: File, ModuleId, VendorId, or "
+                "DeviceId. Refer to %s, line %d.");
         }
     } else if (!(given.file && given.moduleid && given.destn)) {
-        Fail("Expected one of the following keywords: File, ModuleId, or Destn. "
-             "Refer to %s, line %d.");
+        Fail(
+            "Expected one of the following keywords: File, ModuleId, or Destn. "
+            "Refer to %s, line %d.");
     }
 
     // The record now in this slot is the section's own, or, after a link insertion,

@@ -56,9 +56,10 @@ void ScriptParser::RomHoleSizeKey(std::string_view key) {
     if (*size == 0) Fail("ROMHOLE.Size must be greater than zero.  Refer to %s, line %d.");
     // Sizes are whole paragraphs; from FFFFFFF1 on the rounding would wrap to 0.
     if (*size > 0xFFFFFFF0u) {
-        FailWithTail(StrFormat("ROMHOLE Size %08X wraps past 4 GB when rounded up to a "
-                               "multiple of 16.  ",
-                               *size));
+        FailWithTail(
+            StrFormat("ROMHOLE Size %08X wraps past 4 GB when rounded up to a "
+                      "multiple of 16.  ",
+                      *size));
     }
     current_rom_hole_.Size = (*size + 15u) & ~std::uint32_t{15};
 }
@@ -78,8 +79,9 @@ void ScriptParser::CheckRomHoleSection() {
         Fail("Files not allowed in Non-Critical Blocks. Use a ROMHOLE. Refer to %s, line %d.");
     }
     if (!(given.startaddress && given.size)) {
-        Fail("Expected one of the following keywords: StartAddres or Size. "
-             "Refer to %s, line %d.");
+        Fail(
+            "Expected one of the following keywords: StartAddres or Size. "
+            "Refer to %s, line %d.");
     }
     desc_.RomImage.RomImageFlags |= rom_image_flag::HasRomHoles;
     // Module reservations count against the same 16 records.

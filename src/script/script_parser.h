@@ -32,13 +32,13 @@ inline constexpr std::uint8_t kBootBlockStampModuleId = 0x1B;
 inline constexpr std::uint8_t kAddOnRomModuleId = 0x20;
 
 class ScriptParser {
-public:
+  public:
     ScriptParser(BuildContext& ctx, std::string path);
 
     // Reads the file, walks it and runs the end-of-script check.
     void Run();
 
-private:
+  private:
     // --- reader (script_reader.cpp) ---
     void ReadScriptFile();
     void TopLevelLoop();
@@ -119,7 +119,7 @@ private:
     BuildDescription& desc_;
 
     // Reader state of this parse.
-    std::string script_file_name_;  // as given; the "%s" of every "Refer to" tail
+    std::string script_file_name_;    // as given; the "%s" of every "Refer to" tail
     std::vector<std::uint8_t> text_;  // the file, lower-cased, and one zero byte
     std::size_t size_ = 0;
     std::size_t pos_ = 0;
@@ -140,10 +140,9 @@ private:
     // The slot of the last [module] section; it keeps pointing at that slot afterwards.
     std::optional<std::size_t> current_module_;
     struct ModuleKeysGiven {
-        bool file = false, moduleid = false, destn = false, vendorid = false,
-             deviceid = false, linkvenid = false, linkdevid = false, link = false,
-             contiguous = false, alignment = false, romregion = false,
-             startaddress = false;
+        bool file = false, moduleid = false, destn = false, vendorid = false, deviceid = false,
+             linkvenid = false, linkdevid = false, link = false, contiguous = false,
+             alignment = false, romregion = false, startaddress = false;
     } module_given_;
 
     // The ROM-hole section being read; it enters RomHoleTable only when it is complete,

@@ -28,7 +28,9 @@ constexpr std::uint8_t kLf = 0x0A;
 // A text editor's end-of-file mark; at the start of a top-level line it ends the script.
 constexpr std::uint8_t kEndMark = 0x1A;
 
-bool IsBlank(std::uint8_t c) { return c == ' ' || c == '\t' || c == 0xFF; }
+bool IsBlank(std::uint8_t c) {
+    return c == ' ' || c == '\t' || c == 0xFF;
+}
 
 }  // namespace
 
@@ -105,16 +107,16 @@ void ScriptParser::TopLevelLoop() {
             // The stamp module's file is read again after every section (and comment)
             // while it is the current module; the result is the same every time.
             if (current_module_ &&
-                desc_.ModuleTable[*current_module_].Header.ModuleId() ==
-                    kBootBlockStampModuleId) {
+                desc_.ModuleTable[*current_module_].Header.ModuleId() == kBootBlockStampModuleId) {
                 ReadBootBlockStamp();
             }
             break;
         }
         if (matched) continue;
         if (Byte(pos_) == kEndMark) return;
-        Fail("Expected one of the following keywords: [INIT], [BIOS], or [MODULE]. "
-             "Refer to %s, line %d.");
+        Fail(
+            "Expected one of the following keywords: [INIT], [BIOS], or [MODULE]. "
+            "Refer to %s, line %d.");
     }
 }
 
@@ -144,7 +146,7 @@ void ScriptParser::ExpectEndOfLine() {
 
 void ScriptParser::EnterSection(std::size_t section_index) {
     static constexpr std::size_t kHeaderLength[] = {
-        sizeof("[init]") - 1,    sizeof("[bios]") - 1,           sizeof("[module]") - 1,
+        sizeof("[init]") - 1,    sizeof("[bios]") - 1,     sizeof("[module]") - 1,
         sizeof("[romhole]") - 1, sizeof("[romimage]") - 1, sizeof("[noncriticalrom]") - 1,
     };
     pos_ += kHeaderLength[section_index];

@@ -25,8 +25,9 @@ constexpr std::uint64_t kStampOffsetInSegment = 0xF408;
 std::uint32_t ScriptParser::EightDigitHex(const std::string& value) {
     const auto number = ScanHex(value, 8);
     if (!number) {
-        Fail("Expected eight digit hex number (i.e. 00000000 - FFFFFFFF).  "
-             "Refer to %s, line %d.");
+        Fail(
+            "Expected eight digit hex number (i.e. 00000000 - FFFFFFFF).  "
+            "Refer to %s, line %d.");
     }
     return *number;
 }
@@ -64,9 +65,9 @@ void ScriptParser::BiosTagOffsetKey(std::string_view key) {
 
 void ScriptParser::ParseBiosSection(std::size_t index) {
     static constexpr KeyEntry kBiosKeyTable[] = {
-        {"file", &ScriptParser::BiosFileKey},     {"nvramsize", &ScriptParser::NvramSizeKey},
-        {"bbsize", &ScriptParser::BbSizeKey},     {"maxebbsize", &ScriptParser::MaxEbbSizeKey},
-        {"size", &ScriptParser::BiosSizeKey},     {"tag", &ScriptParser::TagKey},
+        {"file", &ScriptParser::BiosFileKey}, {"nvramsize", &ScriptParser::NvramSizeKey},
+        {"bbsize", &ScriptParser::BbSizeKey}, {"maxebbsize", &ScriptParser::MaxEbbSizeKey},
+        {"size", &ScriptParser::BiosSizeKey}, {"tag", &ScriptParser::TagKey},
     };
     bios_seen_ = true;
     bios_file_given_ = bios_size_given_ = bios_tag_given_ = false;
@@ -74,8 +75,9 @@ void ScriptParser::ParseBiosSection(std::size_t index) {
     RunKeyLoop(kBiosKeyTable);
     if (!(bios_size_given_ && bios_bbsize_given_ && bios_nvramsize_given_ && bios_file_given_ &&
           bios_tag_given_)) {
-        Fail("Expected one of the following keywords: File, Size, BBSize, NVRAMSize, or Tag. "
-             "Refer to %s, line %d.");
+        Fail(
+            "Expected one of the following keywords: File, Size, BBSize, NVRAMSize, or Tag. "
+            "Refer to %s, line %d.");
     }
 }
 
@@ -147,8 +149,9 @@ void ScriptParser::Force32Key(std::string_view key) {
 void ScriptParser::CheckBuildScript() {
     if (!bios_seen_ || !module_seen_) {
         --line_;
-        Fail("Expected one of the following keywords: [INIT], [BIOS], or [MODULE]. "
-             "Refer to %s, line %d.");
+        Fail(
+            "Expected one of the following keywords: [INIT], [BIOS], or [MODULE]. "
+            "Refer to %s, line %d.");
     }
     const BiosSettings& bios = desc_.Bios;
     const std::uint32_t top_areas = bios.BootBlockSize + bios.MaxEbbSize + bios.NvramSize;
@@ -157,16 +160,17 @@ void ScriptParser::CheckBuildScript() {
     }
     // The test above is made in 32-bit arithmetic, where a wrapped sum or a size below
     // the reserve can pass it; the image build then lays the areas out beyond the image.
-    const std::uint64_t exact_sum = std::uint64_t{bios.BootBlockSize} + bios.MaxEbbSize +
-                                    bios.NvramSize;
+    const std::uint64_t exact_sum =
+        std::uint64_t{bios.BootBlockSize} + bios.MaxEbbSize + bios.NvramSize;
     if (exact_sum > UINT32_MAX) {
         Fatal(StrFormat("[BIOS] BBSize %08X + MaxEBBSize %08X + NVRAMSize %08X wraps past 4 GB",
                         bios.BootBlockSize, bios.MaxEbbSize, bios.NvramSize));
     }
     if (bios.BiosSize < kMainBiosReserve) {
-        Fatal(StrFormat("[BIOS] Size %08X is below the 40 bytes the main BIOS needs: "
-                        "Size - 40 wraps below 0",
-                        bios.BiosSize));
+        Fatal(
+            StrFormat("[BIOS] Size %08X is below the 40 bytes the main BIOS needs: "
+                      "Size - 40 wraps below 0",
+                      bios.BiosSize));
     }
     if (bios.BiosSize > kOneMegabyte) {
         if (!version_given_) {

@@ -43,7 +43,7 @@ TEST(AddEbbModule, CopiesWhatTheEbbUses) {
     EXPECT_EQ(e.CompressionFlags, 0x03);
     EXPECT_EQ(e.EbbOffset, 0u);
     // Only the id, attributes and the two 16-bit fields of the header image travel.
-    const std::array<std::uint8_t, 20> header = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0,
+    const std::array<std::uint8_t, 20> header = {0, 0, 0, 0, 0,    0,    0,    0,    0,    0,
                                                  0, 0, 0, 0, 0x41, 0x80, 0x00, 0x80, 0x00, 0xF0};
     EXPECT_EQ(e.Header.bytes, header);
 }

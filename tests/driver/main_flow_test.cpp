@@ -91,8 +91,8 @@ TEST(MainFlow, CompleteRunEndsWithTheSummary) {
     const std::string script = dir.WriteBytes("board.scr", CrLf(Join({kBios, kModule})));
     const RunOutcome plain = RunWith({dir.Path("out"), script});
     EXPECT_EQ(plain.status, 0);
-    EXPECT_EQ(plain.out, kBanner + "Parsing " + script + "...\n" +
-                             "\nThere were 0 errors and 0 warnings\n");
+    EXPECT_EQ(plain.out,
+              kBanner + "Parsing " + script + "...\n" + "\nThere were 0 errors and 0 warnings\n");
 
     // A first argument of -v is the output folder; the script is the second argument.
     const RunOutcome shifted = RunWith({"-v", script, "-c"});
@@ -131,7 +131,8 @@ TEST(MainFlow, ProgramExitStatusesAndStreams) {
         {"out", 1, kBanner + kUsage},
         {"out '" + good + "' -v", 0,
          kBanner + kVerboseLine + "Parsing " + good +
-             "...\nPROCESSING: [bios]\nPROCESSING: [module]\n\nThere were 0 errors and 0 warnings\n"},
+             "...\nPROCESSING: [bios]\nPROCESSING: [module]\n\nThere were 0 errors and 0 "
+             "warnings\n"},
         {"out '" + bad + "'", 1,
          kBanner + "Parsing " + bad + "...\n\nFATAL ERROR: Expected EOL.  Refer to " + bad +
              ", line 1.\n"},

@@ -40,7 +40,10 @@ TEST(ScanHex, ConvertsLikeTheRuntimeFormattedInput) {
         {"0", kNoWidth, 0},
         {"  12", kNoWidth, 0x12},
         {"\t\r\n\v\f12", kNoWidth, 0x12},
-        {std::string("1\0" "2", 3), kNoWidth, 0x1},
+        {std::string("1\0"
+                     "2",
+                     3),
+         kNoWidth, 0x1},
         // Conversions that read no digit fail.
         {"", kNoWidth, kFails},
         {"   ", kNoWidth, kFails},
@@ -55,8 +58,13 @@ TEST(ScanHex, ConvertsLikeTheRuntimeFormattedInput) {
         {"--1", kNoWidth, kFails},
         {"+-1", kNoWidth, kFails},
         {"- 1", kNoWidth, kFails},
-        {"\xff" "1", kNoWidth, kFails},
-        {std::string("\0" "12", 3), kNoWidth, kFails},
+        {"\xff"
+         "1",
+         kNoWidth, kFails},
+        {std::string("\0"
+                     "12",
+                     3),
+         kNoWidth, kFails},
         // "%08x": the sign and the prefix count against the width, white space does not.
         {"0x123456789", 8, 0x123456},
         {"123456789", 8, 0x12345678},

@@ -17,8 +17,9 @@ const std::string kAddress = "Expected 8 digit hex number (i.e. 00000000 - FFFFF
 const std::string kPlainKeys = "Expected one of the following keywords: File, ModuleId, or Destn. ";
 const std::string kAddOnKeys =
     "Expected one of the following keywords: File, ModuleId, VendorId, or DeviceId. ";
-const std::string kLinkKeys = "Expected one of the following keywords: ModuleId, VendorId, "
-                              "DeviceId, LinkVenId, or LinkDevId. ";
+const std::string kLinkKeys =
+    "Expected one of the following keywords: ModuleId, VendorId, "
+    "DeviceId, LinkVenId, or LinkDevId. ";
 
 // kBios (lines 1-6), then a [module] header (line 7) and `keys` from line 8.
 std::vector<std::string> Module(const std::vector<std::string>& keys) {
@@ -35,9 +36,10 @@ std::vector<std::string> AddOn(const std::string& vendor, const std::string& dev
 }
 std::vector<std::string> Link(const std::string& vendor, const std::string& device,
                               const std::string& file = "") {
-    std::vector<std::string> lines = {"[module]", "moduleid = 20", "vendorid = 9999",
-                                      "deviceid = 0001", "linkvenid = " + vendor,
-                                      "linkdevid = " + device, "link = yes"};
+    std::vector<std::string> lines = {
+        "[module]",        "moduleid = 20",         "vendorid = 9999",
+        "deviceid = 0001", "linkvenid = " + vendor, "linkdevid = " + device,
+        "link = yes"};
     if (!file.empty()) lines.push_back("file = " + file);
     return lines;
 }
@@ -71,8 +73,7 @@ TEST_F(ModuleSectionTest, KeyValueErrors) {
         {"destn colon misplaced", Module({"destn = f00:08000"}), kSegOff, 8},
         {"destn bad segment", Module({"destn = zzzz:8000"}), kSegOff, 8},
         {"destn bad offset", Module({"destn = f000:0x"}), kSegOff, 8},
-        {"compressed", PlainWith("compressed = maybe"),
-         "Expected 'yes', 'no' or 'minsize'.  ", 11},
+        {"compressed", PlainWith("compressed = maybe"), "Expected 'yes', 'no' or 'minsize'.  ", 11},
         {"vendorid 123", PlainWith("vendorid = 123"), kFourDigit, 11},
         {"vendorid 01234", PlainWith("vendorid = 01234"), kFourDigit, 11},
         {"deviceid zzzz", PlainWith("deviceid = zzzz"), kFourDigit, 11},
@@ -101,8 +102,8 @@ TEST_F(ModuleSectionTest, KeyValueErrors) {
 }
 
 TEST_F(ModuleSectionTest, EndOfSectionErrors) {
-    const std::vector<std::string> fixed = {"file = post.bin", "moduleid = 08",
-                                            "destn = f000:8000", "startaddress = 000f0000"};
+    const std::vector<std::string> fixed = {"file = post.bin", "moduleid = 08", "destn = f000:8000",
+                                            "startaddress = 000f0000"};
     const ModuleFatalCase cases[] = {
         {"alignment with startaddress", Module(Join({fixed, {"alignment = 10"}})),
          "Alignment tag and StartAddress tag not mutually supported. ", 13},
@@ -120,23 +121,27 @@ TEST_F(ModuleSectionTest, EndOfSectionErrors) {
         {"plain module without file", Module({"moduleid = 08", "destn = f000:0000"}), kPlainKeys,
          10},
         {"empty module section", Join({kBios, {"[module]", "[module]"}}), kPlainKeys, 8},
-        {"add-on ROM without file", Join({kBios, {"[module]", "moduleid = 20", "vendorid = 1000",
-                                                  "deviceid = 0001"}}),
+        {"add-on ROM without file",
+         Join({kBios, {"[module]", "moduleid = 20", "vendorid = 1000", "deviceid = 0001"}}),
          kAddOnKeys, 11},
         {"add-on ROM with destn instead of ids",
          Module({"file = a", "moduleid = 20", "destn = 1000:0001"}), kAddOnKeys, 11},
         {"link without linkdevid",
-         Join({kBios, AddOn("1000", "0001"),
-               {"[module]", "moduleid = 20", "vendorid = 0001", "deviceid = 0002", "linkvenid = 1000",
-                "link = yes"}}),
+         Join({kBios,
+               AddOn("1000", "0001"),
+               {"[module]", "moduleid = 20", "vendorid = 0001", "deviceid = 0002",
+                "linkvenid = 1000", "link = yes"}}),
          kLinkKeys, 18},
         {"link = no still needs the link keys",
-         Join({kBios, AddOn("1000", "0001"), {"[module]", "file = x", "moduleid = 20",
-                                              "vendorid = 0001", "deviceid = 0002", "link = no"}}),
+         Join({kBios,
+               AddOn("1000", "0001"),
+               {"[module]", "file = x", "moduleid = 20", "vendorid = 0001", "deviceid = 0002",
+                "link = no"}}),
          kLinkKeys, 18},
         {"link without parent", Join({kBios, Link("1000", "0001")}),
          "Cannot find parent of linked addon-rom. ", 14},
-        {"link whose parent comes later", Join({kBios, Link("1000", "0001"), AddOn("1000", "0001")}),
+        {"link whose parent comes later",
+         Join({kBios, Link("1000", "0001"), AddOn("1000", "0001")}),
          "Cannot find parent of linked addon-rom. ", 14},
         {"255th module", Join({kBios, Repeat(Plain("m.bin"), 255)}),
          "Maximum number of MODULEs exceeded.  ", 6 + 255 * 4 + 1},
@@ -162,14 +167,14 @@ TEST_F(ModuleSectionTest, EndOfSectionErrors) {
 }
 
 TEST_F(ModuleSectionTest, DefaultsOfAPlainModule) {
-    const ParseResult r = ParseLines(Module({"file = Post.bin", "moduleid = 08",
-                                             "destn = f000:8000"}));
+    const ParseResult r =
+        ParseLines(Module({"file = Post.bin", "moduleid = 08", "destn = f000:8000"}));
     ASSERT_FALSE(r.fatal) << r.console;
     ASSERT_EQ(r.description.ModuleCount, 1u);
     const ModuleEntry& m = r.description.ModuleTable[0];
     EXPECT_EQ(m.FileName, "post.bin");
     // The header image is byte for byte what goes into the image.
-    const std::array<std::uint8_t, 20> header = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0,
+    const std::array<std::uint8_t, 20> header = {0, 0, 0, 0, 0,    0, 0,    0,    0,    0,
                                                  0, 0, 0, 0, 0x08, 0, 0x00, 0x80, 0x00, 0xF0};
     EXPECT_EQ(m.Header.bytes, header);
     EXPECT_EQ(m.LinkVendorId, 0xFFFF);
@@ -201,35 +206,114 @@ TEST_F(ModuleSectionTest, KeyEffects) {
         {"compressed no", {"compressed = no"}, 8, 0x80, 1, 0, 0, 0, 0xF000, 0x8000, 0, ""},
         {"compressed minsize", {"compressed = MinSize"}, 8, 0, 0, 0, 2, 0, 0xF000, 0x8000, 0, ""},
         {"contiguous yes", {"contiguous = yes"}, 8, 0x10, 1, 0, 0, 0, 0xF000, 0x8000, 0, ""},
-        {"contiguous no beats compressed no", {"compressed = no", "contiguous = no"}, 8, 0x80, 0,
-         0, 0, 0, 0xF000, 0x8000, 0, ""},
+        {"contiguous no beats compressed no",
+         {"compressed = no", "contiguous = no"},
+         8,
+         0x80,
+         0,
+         0,
+         0,
+         0,
+         0xF000,
+         0x8000,
+         0,
+         ""},
         {"alignment 4 is none", {"alignment = 4"}, 8, 0, 0, 0, 0, 0, 0xF000, 0x8000, 0, ""},
         {"alignment 10", {"alignment = 10"}, 8, 0, 0, 0x10, 0, 1, 0xF000, 0x8000, 0, ""},
         {"alignment 5", {"alignment = 5"}, 8, 0, 0, 5, 0, 1, 0xF000, 0x8000, 0, ""},
-        {"two alignments both count", {"alignment = 10", "alignment = 20"}, 8, 0, 0, 0x20, 0, 2,
-         0xF000, 0x8000, 0, ""},
+        {"two alignments both count",
+         {"alignment = 10", "alignment = 20"},
+         8,
+         0,
+         0,
+         0x20,
+         0,
+         2,
+         0xF000,
+         0x8000,
+         0,
+         ""},
         {"nowcompressed yes", {"nowcompressed = yes"}, 8, 0, 0, 0, 1, 0, 0xF000, 0x8000, 0, ""},
-        {"maxmodulesize", {"maxmodulesize = 000123456"}, 8, 0, 0, 0, 0, 0, 0xF000, 0x8000,
-         0x12345, ""},
-        {"destn overwritten by ids", {"vendorid = 8086", "deviceid = 1234"}, 8, 0, 0, 0, 0, 0,
-         0x1234, 0x8086, 0, ""},
-        {"four-digit forms", {"vendorid = 0x12", "deviceid = -001"}, 8, 0, 0, 0, 0, 0, 0xFFFF,
-         0x12, 0, ""},
+        {"maxmodulesize",
+         {"maxmodulesize = 000123456"},
+         8,
+         0,
+         0,
+         0,
+         0,
+         0,
+         0xF000,
+         0x8000,
+         0x12345,
+         ""},
+        {"destn overwritten by ids",
+         {"vendorid = 8086", "deviceid = 1234"},
+         8,
+         0,
+         0,
+         0,
+         0,
+         0,
+         0x1234,
+         0x8086,
+         0,
+         ""},
+        {"four-digit forms",
+         {"vendorid = 0x12", "deviceid = -001"},
+         8,
+         0,
+         0,
+         0,
+         0,
+         0,
+         0xFFFF,
+         0x12,
+         0,
+         ""},
         {"romregion", {"romregion = Setup"}, 8, 0, 0, 0, 0, 0, 0xF000, 0x8000, 0, "SETUP"},
         {"romregion ebb2", {"romregion = ebb2"}, 8, 0, 0, 0, 0, 0, 0xF000, 0x8000, 0, "EBB2"},
-        {"romregion of 63 characters", {"romregion = " + std::string(63, 'r')}, 8, 0, 0, 0, 0, 0,
-         0xF000, 0x8000, 0, std::string(63, 'R')},
+        {"romregion of 63 characters",
+         {"romregion = " + std::string(63, 'r')},
+         8,
+         0,
+         0,
+         0,
+         0,
+         0,
+         0xF000,
+         0x8000,
+         0,
+         std::string(63, 'R')},
         {"link = no", {"link = no"}, 8, 0, 0, 0, 0, 0, 0xF000, 0x8000, 0, ""},
-        {"link = yes on a plain module", {"link = yes"}, 8, 0x40, 0, 0, 0, 0, 0xF000, 0x8000, 0,
+        {"link = yes on a plain module",
+         {"link = yes"},
+         8,
+         0x40,
+         0,
+         0,
+         0,
+         0,
+         0xF000,
+         0x8000,
+         0,
          ""},
-        {"only the first link counts", {"link = no", "link = yes"}, 8, 0, 0, 0, 0, 0, 0xF000,
-         0x8000, 0, ""},
+        {"only the first link counts",
+         {"link = no", "link = yes"},
+         8,
+         0,
+         0,
+         0,
+         0,
+         0,
+         0xF000,
+         0x8000,
+         0,
+         ""},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
-        const ParseResult r =
-            ParseLines(Module(Join({{"file = post.bin", "moduleid = 08", "destn = f000:8000"},
-                                    c.keys})));
+        const ParseResult r = ParseLines(
+            Module(Join({{"file = post.bin", "moduleid = 08", "destn = f000:8000"}, c.keys})));
         ASSERT_FALSE(r.fatal) << r.console;
         ASSERT_EQ(r.description.ModuleCount, 1u);
         const ModuleEntry& m = r.description.ModuleTable[0];
@@ -247,10 +331,11 @@ TEST_F(ModuleSectionTest, KeyEffects) {
 }
 
 TEST_F(ModuleSectionTest, StartAddressMakesAReservation) {
-    const ParseResult r = ParseLines(Join({kBios, Plain("a.bin"),
-                                           {"[module]", "file = b.bin", "moduleid = 09",
-                                            "destn = f000:0000", "startaddress = 000ff020",
-                                            "startaddress = 0x000e0004", "contiguous = no"}}));
+    const ParseResult r = ParseLines(
+        Join({kBios,
+              Plain("a.bin"),
+              {"[module]", "file = b.bin", "moduleid = 09", "destn = f000:0000",
+               "startaddress = 000ff020", "startaddress = 0x000e0004", "contiguous = no"}}));
     ASSERT_FALSE(r.fatal) << r.console;
     const BuildDescription& d = r.description;
     ASSERT_EQ(d.ModuleCount, 2u);
@@ -275,9 +360,9 @@ TEST_F(ModuleSectionTest, StartAddressMakesAReservation) {
     // Reservations alone are no ROM holes.
     EXPECT_EQ(d.RomImage.RomImageFlags, 0);
 
-    const ParseResult single =
-        ParseLines(Join({kBios, {"[module]", "file = b.bin", "moduleid = 09",
-                                 "destn = f000:0000", "startaddress = 000ff020"}}));
+    const ParseResult single = ParseLines(Join({kBios,
+                                                {"[module]", "file = b.bin", "moduleid = 09",
+                                                 "destn = f000:0000", "startaddress = 000ff020"}}));
     ASSERT_FALSE(single.fatal) << single.console;
     const ModuleEntry& s = single.description.ModuleTable[0];
     EXPECT_EQ(s.StartAddress, 0x000FF020u);
@@ -288,10 +373,10 @@ TEST_F(ModuleSectionTest, StartAddressMakesAReservation) {
     EXPECT_EQ(single.description.RomHoleTable[0].OwnerModule, 0);
 
     // Sixteen reservations fill the table.
-    const ParseResult sixteen = ParseLines(
-        Join({kBios, Repeat({"[module]", "file = f.bin", "moduleid = 08", "destn = f000:0000",
-                             "startaddress = 00000014"},
-                            16)}));
+    const ParseResult sixteen =
+        ParseLines(Join({kBios, Repeat({"[module]", "file = f.bin", "moduleid = 08",
+                                        "destn = f000:0000", "startaddress = 00000014"},
+                                       16)}));
     ASSERT_FALSE(sixteen.fatal) << sixteen.console;
     EXPECT_EQ(sixteen.description.RomHoleCount, 16u);
     EXPECT_EQ(sixteen.description.RomHoleTable[15].OwnerModule, 15);
@@ -314,15 +399,18 @@ TEST_F(ModuleSectionTest, LinkedRomsFollowTheirParentNewestFirst) {
          Join({kBios, AddOn("1000", "0001", "p"), Plain("x"), Link("1000", "0001", "l1"),
                Link("1000", "0001", "l2")}),
          {"p", "l2", "l1", "x"}},
-        {"parent last", Join({kBios, Plain("x"), AddOn("1000", "0001", "p"),
-                              Link("1000", "0001", "l1")}),
+        {"parent last",
+         Join({kBios, Plain("x"), AddOn("1000", "0001", "p"), Link("1000", "0001", "l1")}),
          {"x", "p", "l1"}},
         {"first matching parent wins, any module id",
-         Join({kBios, Plain("a"), {"[module]", "file = q", "moduleid = 08", "destn = 0001:1000"},
-               AddOn("1000", "0001", "p"), Link("1000", "0001", "l")}),
+         Join({kBios,
+               Plain("a"),
+               {"[module]", "file = q", "moduleid = 08", "destn = 0001:1000"},
+               AddOn("1000", "0001", "p"),
+               Link("1000", "0001", "l")}),
          {"a", "q", "l", "p"}},
-        {"link needs no file", Join({kBios, AddOn("1000", "0001", "p"), Plain("x"),
-                                     Link("1000", "0001")}),
+        {"link needs no file",
+         Join({kBios, AddOn("1000", "0001", "p"), Plain("x"), Link("1000", "0001")}),
          {"p", "", "x"}},
     };
     for (const Case& c : cases) {
@@ -334,19 +422,15 @@ TEST_F(ModuleSectionTest, LinkedRomsFollowTheirParentNewestFirst) {
 }
 
 TEST_F(ModuleSectionTest, EbbModulesLeaveTheModuleTable) {
-    const ParseResult r = ParseLines(
-        Join({kBios,
-              {"[module]", "file = e1.bin", "moduleid = 11", "destn = f000:1000",
-               "romregion = EBB", "compressed = no", "maxmodulesize = 00001000",
-               "nowcompressed = yes"},
-              // This section reuses the slot and starts from the defaults.
-              {"[module]", "file = x.bin", "moduleid = 08", "destn = f000:0000"},
-              {"[module]", "file = e2.bin", "moduleid = 12", "destn = f000:2000",
-               "romregion = ebb"},
-              {"[module]", "file = y.bin", "moduleid = 09", "destn = f000:0000",
-               "romregion = ebb2"},
-              {"[module]", "file = e3.bin", "moduleid = 13", "destn = f000:3000",
-               "romregion = ebb"}}));
+    const ParseResult r = ParseLines(Join(
+        {kBios,
+         {"[module]", "file = e1.bin", "moduleid = 11", "destn = f000:1000", "romregion = EBB",
+          "compressed = no", "maxmodulesize = 00001000", "nowcompressed = yes"},
+         // This section reuses the slot and starts from the defaults.
+         {"[module]", "file = x.bin", "moduleid = 08", "destn = f000:0000"},
+         {"[module]", "file = e2.bin", "moduleid = 12", "destn = f000:2000", "romregion = ebb"},
+         {"[module]", "file = y.bin", "moduleid = 09", "destn = f000:0000", "romregion = ebb2"},
+         {"[module]", "file = e3.bin", "moduleid = 13", "destn = f000:3000", "romregion = ebb"}}));
     ASSERT_FALSE(r.fatal) << r.console;
     const BuildDescription& d = r.description;
     EXPECT_EQ(Files(d), (std::vector<std::string>{"x.bin", "y.bin"}));
@@ -368,11 +452,11 @@ TEST_F(ModuleSectionTest, EbbModulesLeaveTheModuleTable) {
     EXPECT_EQ(d.EbbModuleList[2].Header.DestOffset(), 0x3000);
 
     // Ten fit, and 254 modules of the script fill the table.
-    const ParseResult ten = ParseLines(
-        Join({kBios, Repeat({"[module]", "file = e.bin", "moduleid = 08", "destn = f000:0000",
-                             "romregion = ebb"},
-                            10),
-              Plain("x")}));
+    const ParseResult ten = ParseLines(Join({kBios,
+                                             Repeat({"[module]", "file = e.bin", "moduleid = 08",
+                                                     "destn = f000:0000", "romregion = ebb"},
+                                                    10),
+                                             Plain("x")}));
     ASSERT_FALSE(ten.fatal) << ten.console;
     EXPECT_EQ(ten.description.EbbModuleList.size(), 10u);
     EXPECT_EQ(ten.description.ModuleCount, 1u);

@@ -8,8 +8,7 @@ namespace fwforge::script_test {
 namespace {
 
 const std::string kAddress = "Expected 8 digit hex number (i.e. 00000000 - FFFFFFFF).  ";
-const std::string kMissing =
-    "Expected one of the following keywords: StartAddres or Size. ";
+const std::string kMissing = "Expected one of the following keywords: StartAddres or Size. ";
 
 // kBios and kModule (lines 1-10), then the section header (line 11) and `keys`.
 std::vector<std::string> Hole(const std::vector<std::string>& keys,
@@ -66,8 +65,8 @@ TEST_F(RomHoleSectionTest, Errors) {
         {"empty [noncriticalrom]", Hole({}, "[noncriticalrom]"), kMissing, 12},
         {"17th record after 16 sections", Join({kBios, kModule, Repeat(hole, 17)}),
          "Maximum number of ROMHOLES exceeded", 0},
-        {"17th record after 16 reservations",
-         Join({kBios, Repeat(reserved, 16), hole}), "Maximum number of ROMHOLES exceeded", 0},
+        {"17th record after 16 reservations", Join({kBios, Repeat(reserved, 16), hole}),
+         "Maximum number of ROMHOLES exceeded", 0},
         {"own checks come before the limit",
          Join({kBios, Repeat(reserved, 16), {"[romhole]", "size = 10"}}), kMissing, 89},
     };
@@ -86,28 +85,72 @@ TEST_F(RomHoleSectionTest, Records) {
         std::uint8_t filler;
         std::string file, block_name;
     } cases[] = {
-        {"size 1", "[romhole]", {"startaddress = fffe0000", "size = 1"}, 0xFFFE0000, 0x10, 0xFF,
-         "", ""},
+        {"size 1",
+         "[romhole]",
+         {"startaddress = fffe0000", "size = 1"},
+         0xFFFE0000,
+         0x10,
+         0xFF,
+         "",
+         ""},
         {"size 10", "[romhole]", {"startaddress = 0", "size = 10"}, 0, 0x10, 0xFF, "", ""},
         {"size 11", "[romhole]", {"startaddress = 0", "size = 11"}, 0, 0x20, 0xFF, "", ""},
-        {"size fffffff0", "[romhole]", {"startaddress = 0", "size = fffffff0"}, 0, 0xFFFFFFF0,
-         0xFF, "", ""},
-        {"range up to 4 GB", "[romhole]", {"startaddress = fffff000", "size = 1000"}, 0xFFFFF000,
-         0x1000, 0xFF, "", ""},
-        {"filler 0 and a file", "[romhole]",
+        {"size fffffff0",
+         "[romhole]",
+         {"startaddress = 0", "size = fffffff0"},
+         0,
+         0xFFFFFFF0,
+         0xFF,
+         "",
+         ""},
+        {"range up to 4 GB",
+         "[romhole]",
+         {"startaddress = fffff000", "size = 1000"},
+         0xFFFFF000,
+         0x1000,
+         0xFF,
+         "",
+         ""},
+        {"filler 0 and a file",
+         "[romhole]",
          {"file = Hole.bin", "filler = 0", "startaddress = 0x000E0000", "size = 00000800"},
-         0xE0000, 0x800, 0x00, "hole.bin", ""},
-        {"filler 5a, keys repeated", "[romhole]",
+         0xE0000,
+         0x800,
+         0x00,
+         "hole.bin",
+         ""},
+        {"filler 5a, keys repeated",
+         "[romhole]",
          {"filler = 11", "filler = 5a", "startaddress = 10", "startaddress = 20", "size = 30"},
-         0x20, 0x30, 0x5A, "", ""},
-        {"non-critical block", "[noncriticalrom]",
-         {"name = setup", "startaddress = 000d0000", "size = 00010000"}, 0xD0000, 0x10000, 0xFF,
-         "", "SETUP"},
-        {"[noncriticalrom] without name is a ROM hole", "[noncriticalrom]",
-         {"startaddress = 000d0000", "size = 100"}, 0xD0000, 0x100, 0xFF, "", ""},
-        {"[romhole] with name is a block", "[romhole]",
-         {"name = Net", "filler = 0", "startaddress = 000d0000", "size = 100"}, 0xD0000, 0x100,
-         0x00, "", "NET"},
+         0x20,
+         0x30,
+         0x5A,
+         "",
+         ""},
+        {"non-critical block",
+         "[noncriticalrom]",
+         {"name = setup", "startaddress = 000d0000", "size = 00010000"},
+         0xD0000,
+         0x10000,
+         0xFF,
+         "",
+         "SETUP"},
+        {"[noncriticalrom] without name is a ROM hole",
+         "[noncriticalrom]",
+         {"startaddress = 000d0000", "size = 100"},
+         0xD0000,
+         0x100,
+         0xFF,
+         "",
+         ""},
+        {"[romhole] with name is a block",
+         "[romhole]",
+         {"name = Net", "filler = 0", "startaddress = 000d0000", "size = 100"},
+         0xD0000,
+         0x100,
+         0x00,
+         "",
+         "NET"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
@@ -129,10 +172,12 @@ TEST_F(RomHoleSectionTest, Records) {
 TEST_F(RomHoleSectionTest, SixteenRecordsAndFlags) {
     const std::vector<std::string> hole = {"[romhole]", "startaddress = 000e0000",
                                            "size = 00001000"};
-    const ParseResult r = ParseLines(
-        Join({{"[romimage]", "force32 = yes"}, kBios, kModule, Repeat(hole, 15),
-              {"[module]", "file = f.bin", "moduleid = 08", "destn = f000:0000",
-               "startaddress = 000f0000"}}));
+    const ParseResult r = ParseLines(Join({{"[romimage]", "force32 = yes"},
+                                           kBios,
+                                           kModule,
+                                           Repeat(hole, 15),
+                                           {"[module]", "file = f.bin", "moduleid = 08",
+                                            "destn = f000:0000", "startaddress = 000f0000"}}));
     ASSERT_FALSE(r.fatal) << r.console;
     EXPECT_EQ(r.description.RomHoleCount, 16u);
     EXPECT_EQ(r.description.FixedModuleCount, 1u);

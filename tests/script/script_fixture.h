@@ -20,12 +20,11 @@
 namespace fwforge::script_test {
 
 class ScratchDir {
-public:
+  public:
     ScratchDir() {
         static std::atomic<unsigned> counter{0};
         path_ = std::filesystem::temp_directory_path() /
-                ("fwforge-script-" + std::to_string(::getpid()) + "-" +
-                 std::to_string(counter++));
+                ("fwforge-script-" + std::to_string(::getpid()) + "-" + std::to_string(counter++));
         std::filesystem::remove_all(path_);
         std::filesystem::create_directories(path_);
     }
@@ -46,7 +45,7 @@ public:
         return file;
     }
 
-private:
+  private:
     std::filesystem::path path_;
 };
 
@@ -88,13 +87,13 @@ inline ParseResult ParseScriptFile(const std::string& path, bool verbose = false
 
 // A valid [bios] section (lines 1-6 when it opens the script) and [module] section.
 inline const std::vector<std::string> kBios = {
-    "[bios]", "file = rom.bin", "size = 00080000", "bbsize = 00010000",
-    "nvramsize = 00004000", "tag = bios1"};
-inline const std::vector<std::string> kModule = {
-    "[module]", "file = post.bin", "moduleid = 08", "destn = f000:8000"};
+    "[bios]",     "file = rom.bin", "size = 00080000", "bbsize = 00010000", "nvramsize = 00004000",
+    "tag = bios1"};
+inline const std::vector<std::string> kModule = {"[module]", "file = post.bin", "moduleid = 08",
+                                                 "destn = f000:8000"};
 
 class ScriptTest : public ::testing::Test {
-protected:
+  protected:
     ScriptTest() : script_path_(dir_.Path("build.scr")) {}
 
     ParseResult ParseText(const std::string& bytes, bool verbose = false) {

@@ -13,7 +13,8 @@ namespace {
 
 const std::string kTopLevel =
     "Expected one of the following keywords: [INIT], [BIOS], or [MODULE]. ";
-const std::string kModuleKeys = "Expected one of the following keywords: File, ModuleId, or Destn. ";
+const std::string kModuleKeys =
+    "Expected one of the following keywords: File, ModuleId, or Destn. ";
 const std::string kBiosKeys =
     "Expected one of the following keywords: File, Size, BBSize, NVRAMSize, or Tag. ";
 const std::string kNoTail;  // marks a message without the "Refer to" tail
@@ -47,23 +48,29 @@ TEST_F(ScriptReaderTest, GrammarErrorsNameTheirLine) {
         {"missing value", CrLf({"[bios]", "file ="}), "Syntax error.  ", 2},
         {"blanks instead of a value", CrLf({"[bios]", "", "file =  \t\xff"}), "Syntax error.  ", 3},
         {"comment inside a module ends it",
-         CrLf(Join({kBios, {"[module]", "file = post.bin", "// note", "moduleid = 08",
-                            "destn = f000:8000"}})),
+         CrLf(Join(
+             {kBios,
+              {"[module]", "file = post.bin", "// note", "moduleid = 08", "destn = f000:8000"}})),
          kModuleKeys, 9},
         {"key after a comment that ended a module",
-         CrLf(Join({kBios, {"[module]", "file = post.bin", "moduleid = 08",
-                            "destn = f000:8000", "// note", "compressed = no"}})),
+         CrLf(Join({kBios,
+                    {"[module]", "file = post.bin", "moduleid = 08", "destn = f000:8000", "// note",
+                     "compressed = no"}})),
          kTopLevel, 12},
         {"text after a value",
-         CrLf(Join({kBios, {"[module]", "file = post.bin", "moduleid = 08",
-                            "destn = f000:8000 trailing"}})),
+         CrLf(Join(
+             {kBios,
+              {"[module]", "file = post.bin", "moduleid = 08", "destn = f000:8000 trailing"}})),
          kTopLevel, 10},
         {"text after a value ends the section first",
          CrLf(Join({{"[bios]", "file = rom.bin x"}, kModule})), kBiosKeys, 2},
         {"value cut after 260 characters", CrLf(Join({{"[init]", "file = " + long_value}})),
          kTopLevel, 2},
         {"end mark inside a section runs its end checks",
-         CrLf(Join({kBios, {"[module]", "file = post.bin", "\x1a" "moduleid = 08"}})),
+         CrLf(Join({kBios,
+                    {"[module]", "file = post.bin",
+                     "\x1a"
+                     "moduleid = 08"}})),
          kModuleKeys, 9},
         {"upper case after a zero byte stays upper case",
          CrLf(Join({{"[bios]", "file = rom.bin", "size = 00080000", "bbsize = 00010000",
@@ -99,8 +106,8 @@ TEST_F(ScriptReaderTest, FolderIsNoScript) {
 // Kernel attribute files report a size of a whole page but deliver only their text,
 // which is the short read the reader must refuse.
 TEST_F(ScriptReaderTest, ShortReadOfTheScript) {
-    for (const char* candidate : {"/sys/devices/system/cpu/online", "/sys/kernel/profiling",
-                                  "/sys/power/state"}) {
+    for (const char* candidate :
+         {"/sys/devices/system/cpu/online", "/sys/kernel/profiling", "/sys/power/state"}) {
         std::error_code error;
         const auto size = std::filesystem::file_size(candidate, error);
         std::ifstream in(candidate, std::ios::binary);
@@ -132,9 +139,8 @@ TEST_F(ScriptReaderTest, AcceptedForms) {
                "NVRAMSize = 00004000", "Tag = Bios1", "[Module]", "File = Post.Bin",
                "ModuleID = 08", "DESTN = F000:8000"})},
         {"no blanks around =",
-         CrLf({"[bios]", "file=rom.bin", "size=00080000", "bbsize=00010000",
-               "nvramsize=00004000", "tag=bios1", "[module]", "file=post.bin", "moduleid=08",
-               "destn=f000:8000"})},
+         CrLf({"[bios]", "file=rom.bin", "size=00080000", "bbsize=00010000", "nvramsize=00004000",
+               "tag=bios1", "[module]", "file=post.bin", "moduleid=08", "destn=f000:8000"})},
         {"tabs and 0xFF as blanks",
          CrLf({"[bios] \t\xff", "file\t=\xffrom.bin \t", "size =\t00080000", "bbsize = 00010000",
                "nvramsize = 00004000", "tag = bios1", "[module]\xff", "file = post.bin",
@@ -147,17 +153,20 @@ TEST_F(ScriptReaderTest, AcceptedForms) {
                "moduleid = 08", "destn = f000:8000"})},
         {"last line without line end", CrLf(Join({kBios, kModule})) + "// end"},
         {"last value without line end", CrLf(kBios) + "[module]\r\nfile = post.bin\r\n"
-                                                       "moduleid = 08\r\ndestn = f000:8000"},
+                                                      "moduleid = 08\r\ndestn = f000:8000"},
         {"end mark ends the script", CrLf(Join({kBios, kModule})) + "\x1a garbage\r\n[x"},
-        {"end mark at the start of a section line",
-         CrLf(Join({kBios, kModule})) + "\x1a" "file = x"},
+        {"end mark at the start of a section line", CrLf(Join({kBios, kModule})) + "\x1a"
+                                                                                   "file = x"},
         {"two keys on one line",
          CrLf(Join({{"[bios]", "file = rom.bin size = 00080000", "bbsize = 00010000",
                      "nvramsize = 00004000", "tag = bios1"},
                     kModule}))},
-        {"sections repeated",
-         CrLf(Join({kBios, kModule, kBios, kModule, {"[init]", "file = bb.bin"},
-                    {"[init]", "file = bb.bin"}}))},
+        {"sections repeated", CrLf(Join({kBios,
+                                         kModule,
+                                         kBios,
+                                         kModule,
+                                         {"[init]", "file = bb.bin"},
+                                         {"[init]", "file = bb.bin"}}))},
     };
     for (const AcceptedCase& c : cases) {
         SCOPED_TRACE(c.name);
@@ -177,7 +186,10 @@ TEST_F(ScriptReaderTest, ValuesKeepTheirBytes) {
     } cases[] = {
         {"file = a\rb", "a\rb"},
         {"file = a\nb", "a\nb"},
-        {"file = a\xff" "b", "a\xff" "b"},
+        {"file = a\xff"
+         "b",
+         "a\xff"
+         "b"},
         {"file = dir\\Rom.Bin", "dir\\rom.bin"},
         {"file = " + long_name, long_name},
         {std::string("file = ab\0cd", 12), "ab"},

@@ -8,8 +8,7 @@
 namespace fwforge::script_test {
 namespace {
 
-const std::string kEightDigit =
-    "Expected eight digit hex number (i.e. 00000000 - FFFFFFFF).  ";
+const std::string kEightDigit = "Expected eight digit hex number (i.e. 00000000 - FFFFFFFF).  ";
 const std::string kBiosKeys =
     "Expected one of the following keywords: File, Size, BBSize, NVRAMSize, or Tag. ";
 const std::string kTopLevel =
@@ -24,8 +23,11 @@ std::vector<std::string> BiosWith(std::size_t index, const std::string& line) {
 
 std::vector<std::string> BiosSizes(const std::string& size, const std::string& bbsize,
                                    const std::string& nvramsize, const std::string& maxebb = "") {
-    std::vector<std::string> bios = {"[bios]", "file = rom.bin", "size = " + size,
-                                     "bbsize = " + bbsize, "nvramsize = " + nvramsize,
+    std::vector<std::string> bios = {"[bios]",
+                                     "file = rom.bin",
+                                     "size = " + size,
+                                     "bbsize = " + bbsize,
+                                     "nvramsize = " + nvramsize,
                                      "tag = bios1"};
     if (!maxebb.empty()) bios.push_back("maxebbsize = " + maxebb);
     return bios;
@@ -66,8 +68,8 @@ TEST_F(SettingsTest, ChecksAndMessages) {
          Join({{"[init]", "file = bb.bin", "[init]"}, kBios}),
          "Expected one of the following keywords: File. ", 4},
         {"[bios] without tag, last section", Join({kModule, BiosWith(5, "")}), kBiosKeys, 11},
-        {"[bios] cut short by the end of the script",
-         Join({kModule, {"[bios]", "file = rom.bin"}}), kBiosKeys, 7},
+        {"[bios] cut short by the end of the script", Join({kModule, {"[bios]", "file = rom.bin"}}),
+         kBiosKeys, 7},
         {"[bios] without size", Join({BiosWith(2, ""), kModule}), kBiosKeys, 7},
         {"[bios] without file", Join({BiosWith(1, "// x"), kModule}), kBiosKeys, 2},
         {"[bios] without bbsize", Join({BiosWith(3, ""), kModule}), kBiosKeys, 7},
@@ -81,8 +83,7 @@ TEST_F(SettingsTest, ChecksAndMessages) {
         {"sizes add up to the limit",
          Join({BiosSizes("00080000", "00070000", "00010000"), kModule}),
          "Sum of Nvram and Boot Block must be smaller than total BIOS size", 0},
-        {"sizes add up to 0x7FFD8",
-         Join({BiosSizes("00080000", "00070000", "0000ffd8"), kModule}),
+        {"sizes add up to 0x7FFD8", Join({BiosSizes("00080000", "00070000", "0000ffd8"), kModule}),
          "Sum of Nvram and Boot Block must be smaller than total BIOS size", 0},
         {"EBB counts in the sum",
          Join({BiosSizes("00080000", "00010000", "00004000", "0006bfd8"), kModule}),
@@ -100,7 +101,8 @@ TEST_F(SettingsTest, ChecksAndMessages) {
          "[ROMIMAGE] keyword tag VERSION required for BIOS greater than 1MB", 0},
         {"2 MB, last [romimage] without version",
          Join({{"[romimage]", "version = 1", "[romimage]", "force32 = no"},
-               BiosSizes("00200000", "00010000", "00004000"), kModule}),
+               BiosSizes("00200000", "00010000", "00004000"),
+               kModule}),
          "[ROMIMAGE] keyword tag VERSION required for BIOS greater than 1MB", 0},
     };
     for (const SettingsFatalCase& c : cases) {
@@ -150,8 +152,8 @@ TEST_F(SettingsTest, ValuesAndConsoleLines) {
          0xFFD7, 0, 0xE000, 0, 0, "BIOS1"},
         {"version 101 keeps its low byte", Join({{"[romimage]", "version = 101"}, kBios}),
          "ROM Image Version: 1\n", 0x80000, 0x4000, 0, 0xE000, 1, 0, "BIOS1"},
-        {"version 1f", Join({{"[romimage]", "version = 0x1f"}, kBios}),
-         "ROM Image Version: 1f\n", 0x80000, 0x4000, 0, 0xE000, 0x1F, 0, "BIOS1"},
+        {"version 1f", Join({{"[romimage]", "version = 0x1f"}, kBios}), "ROM Image Version: 1f\n",
+         0x80000, 0x4000, 0, 0xE000, 0x1F, 0, "BIOS1"},
         {"force32 YES", Join({{"[romimage]", "force32 = YES"}, kBios}),
          "\nFORCING 32BIT OPERATION\n", 0x80000, 0x4000, 0, 0xE000, 0, 1, "BIOS1"},
         {"force32 no", Join({{"[romimage]", "force32 = no"}, kBios}), "", 0x80000, 0x4000, 0,
@@ -160,8 +162,8 @@ TEST_F(SettingsTest, ValuesAndConsoleLines) {
          Join({{"[romimage]", "version = 1"}, BiosSizes("00200000", "00010000", "00004000")}),
          "ROM Image Version: 1\n\nUsing 32-bit 1MB+ mode\n", 0x200000, 0x4000, 0, 0xE000, 1, 1,
          "BIOS1"},
-        {"exactly 1 MB stays ordinary", BiosSizes("00100000", "00010000", "00004000"), "",
-         0x100000, 0x4000, 0, 0xE000, 0, 0, "BIOS1"},
+        {"exactly 1 MB stays ordinary", BiosSizes("00100000", "00010000", "00004000"), "", 0x100000,
+         0x4000, 0, 0xE000, 0, 0, "BIOS1"},
         {"bbsize and nvramsize of an earlier [bios] count",
          Join({kBios, {"[bios]", "file = rom.bin", "size = 00090000", "tag = b2"}}), "", 0x90000,
          0x4000, 0, 0xE000, 0, 0, "B2"},
