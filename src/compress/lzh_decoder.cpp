@@ -98,8 +98,8 @@ private:
 
 class Lh5Decoder {
 public:
-    Lh5Decoder(std::span<const std::uint8_t> stream, std::size_t original_size)
-        : in_(stream), original_size_(original_size) {}
+    Lh5Decoder(std::span<const std::uint8_t> stream, std::size_t original_size, Lh5Trace* trace)
+        : in_(stream), original_size_(original_size), trace_(trace) {}
 
     std::vector<std::uint8_t> Run() {
         std::vector<std::uint8_t> out;
@@ -108,6 +108,7 @@ public:
             ++block_;
             const unsigned tokens = in_.Read(kTokenCountBits, "a block's token count");
             if (tokens == 0) throw DecodeError{StrFormat("block %u holds no tokens", block_)};
+            if (trace_ != nullptr) trace_->block_token_counts.push_back(tokens);
             ReadShortLengths(kCodeLenCountBits, kNumCodeLen, true, code_len_, "code-length");
             ReadLitLenLengths();
             ReadShortLengths(kDistCountBits, kNumDistBits, false, dist_, "distance");
@@ -206,6 +207,7 @@ private:
         const unsigned symbol = lit_len_.Decode(in_, "a literal/length code");
         if (symbol < 256) {
             out.push_back(static_cast<std::uint8_t>(symbol));
+            if (trace_ != nullptr) trace_->tokens.push_back({0, 0, static_cast<std::uint8_t>(symbol)});
             return;
         }
         const std::size_t length = symbol - kLengthSymbolBias;
@@ -221,12 +223,17 @@ private:
             throw DecodeError{StrFormat("a match of %zu bytes at output byte %zu passes the "
                                         "original size of %zu", length, out.size(), original_size_)};
         }
+        if (trace_ != nullptr) {
+            trace_->tokens.push_back({static_cast<std::uint16_t>(length),
+                                      static_cast<std::uint16_t>(distance), 0});
+        }
         const std::size_t from = out.size() - distance;
         for (std::size_t k = 0; k < length; ++k) out.push_back(out[from + k]);
     }
 
     BitReader in_;
     std::size_t original_size_;
+    Lh5Trace* trace_;
     unsigned block_ = 0;
     DecodeTable code_len_;
     DecodeTable lit_len_;
@@ -236,9 +243,10 @@ private:
 }  // namespace
 
 std::optional<std::vector<std::uint8_t>> DecodeLh5(std::span<const std::uint8_t> stream,
-                                                   std::size_t original_size, std::string* error) {
+                                                   std::size_t original_size, std::string* error,
+                                                   Lh5Trace* trace) {
     try {
-        return Lh5Decoder(stream, original_size).Run();
+        return Lh5Decoder(stream, original_size, trace).Run();
     } catch (const DecodeError& e) {
         if (error != nullptr) *error = e.message;
         return std::nullopt;
@@ -246,7 +254,7 @@ std::optional<std::vector<std::uint8_t>> DecodeLh5(std::span<const std::uint8_t>
 }
 
 std::optional<std::vector<std::uint8_t>> DecodeCompressedData(std::span<const std::uint8_t> data,
-                                                              std::string* error) {
+                                                              std::string* error, Lh5Trace* trace) {
     auto fail = [error](std::string message) -> std::optional<std::vector<std::uint8_t>> {
         if (error != nullptr) *error = std::move(message);
         return std::nullopt;
@@ -267,7 +275,7 @@ std::optional<std::vector<std::uint8_t>> DecodeCompressedData(std::span<const st
                               data[total - 1]));
     }
     return DecodeLh5(data.subspan(compressed_data_header::kSize, total - kCompressedOverhead),
-                     original, error);
+                     original, error, trace);
 }
 
 }  // namespace fwforge::lzh
