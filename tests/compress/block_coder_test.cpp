@@ -14,6 +14,10 @@ namespace fwforge::lzh {
 namespace {
 
 using testing::Bytes;
+using testing::CodeBlocks;
+using testing::Coded;
+using testing::Lit;
+using testing::Match;
 
 // Expected streams are written down field by field, as the format describes them.
 class Bits {
@@ -43,56 +47,6 @@ public:
 private:
     std::string bits_;
 };
-
-Lh5Token Lit(std::uint8_t byte) { return {0, 0, byte}; }
-Lh5Token Match(unsigned length, unsigned distance) {
-    return {static_cast<std::uint16_t>(length), static_cast<std::uint16_t>(distance), 0};
-}
-
-struct Coded {
-    Bytes stream;
-    bool stopped;
-};
-
-// Stores the tokens in the token buffer format, counts them, and codes them as the
-// encoder would: every block but the last through FlushBlock, the last through
-// FinishStream. `bound` is the consumed-byte counter.
-Coded CodeBlocks(const std::vector<std::vector<Lh5Token>>& blocks, std::uint32_t bound) {
-    BlockCoder coder;
-    Bytes sink(bound + 1, 0xEE);
-    coder.StartRun(sink.data(), &bound);
-    coder.ResetCoder();
-    for (std::size_t b = 0; b < blocks.size(); ++b) {
-        Bytes tokens;
-        std::size_t flag_at = 0;
-        for (std::size_t i = 0; i < blocks[b].size(); ++i) {
-            const Lh5Token& t = blocks[b][i];
-            if (i % 8 == 0) {
-                flag_at = tokens.size();
-                tokens.push_back(0);
-            }
-            if (t.length == 0) {
-                tokens.push_back(t.literal);
-                coder.CountLiteral(t.literal);
-            } else {
-                const unsigned code = t.distance - 1u;
-                tokens[flag_at] |= static_cast<std::uint8_t>(0x80 >> (i % 8));
-                tokens.push_back(static_cast<std::uint8_t>(t.length - 3));
-                tokens.push_back(static_cast<std::uint8_t>(code >> 8));
-                tokens.push_back(static_cast<std::uint8_t>(code));
-                coder.CountMatch(t.length, code);
-            }
-        }
-        if (b + 1 < blocks.size()) {
-            coder.FlushBlock(tokens);
-        } else {
-            coder.FinishStream(tokens);
-        }
-    }
-    EXPECT_EQ(sink[coder.Written()], 0xEE) << "wrote past its count";
-    sink.resize(coder.Written());
-    return {sink, coder.Stopped()};
-}
 
 // The block header of a block whose tokens all use one literal/length symbol, with no
 // match or with all distance codes of one bit length.
@@ -191,34 +145,21 @@ TEST(BlockCoder, OutputBoundStopsTheStream) {
 // A literal code that would need more than 16 bits is flattened; the stream still
 // decodes, to the literals in order.
 TEST(BlockCoder, FlattenedLiteralCodeDecodes) {
-    // 19 Fibonacci counts (10945 tokens, one block) make a tree 18 deep.
-    std::vector<std::uint32_t> counts = {1, 1};
-    while (counts.size() < 19) counts.push_back(counts[counts.size() - 1] + counts[counts.size() - 2]);
+    const Bytes letters = testing::FibonacciLetters();
     {
-        std::vector<std::uint32_t> work(counts);
-        work.resize(2 * work.size() - 1);
-        std::vector<std::uint8_t> lengths(counts.size());
-        std::vector<std::uint16_t> codes(counts.size());
-        BuildHuffmanCode(work, lengths, codes);
+        std::vector<std::uint32_t> counts(2 * 256 - 1, 0);
+        for (auto b : letters) ++counts[b];
+        std::vector<std::uint8_t> lengths(256);
+        std::vector<std::uint16_t> codes(256);
+        BuildHuffmanCode(counts, lengths, codes);
         ASSERT_EQ(*std::max_element(lengths.begin(), lengths.end()), 16);
     }
-    std::vector<Lh5Token> tokens;
-    Bytes expected;
-    testing::Rng rng(3);
-    // Interleave the symbols so that the order is not trivial.
-    std::vector<std::uint8_t> pool;
-    for (std::size_t s = 0; s < counts.size(); ++s) pool.insert(pool.end(), counts[s], static_cast<std::uint8_t>('a' + s));
-    for (std::size_t i = pool.size(); i > 1; --i) std::swap(pool[i - 1], pool[rng.Below(static_cast<std::uint32_t>(i))]);
-    for (auto b : pool) {
-        tokens.push_back(Lit(b));
-        expected.push_back(b);
-    }
-    const Coded coded = CodeBlocks({tokens}, 1u << 20);
+    const Coded coded = CodeBlocks({testing::Literals(letters)}, 1u << 20);
     ASSERT_FALSE(coded.stopped);
     std::string error;
-    const auto decoded = DecodeLh5(coded.stream, expected.size(), &error);
+    const auto decoded = DecodeLh5(coded.stream, letters.size(), &error);
     ASSERT_TRUE(decoded) << error;
-    EXPECT_EQ(*decoded, expected);
+    EXPECT_EQ(*decoded, letters);
 }
 
 }  // namespace

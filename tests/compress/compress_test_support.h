@@ -2,6 +2,7 @@
 // Inputs and helpers shared by the compression tests: deterministic synthetic data,
 // files read from the system at test time, and a one-call compression.
 
+#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -17,6 +18,7 @@
 #include <string_view>
 #include <vector>
 
+#include "compress/block_coder.h"
 #include "compress/lzh_decoder.h"
 #include "compress/module_compressor.h"
 
@@ -210,6 +212,75 @@ inline Bytes ReadFile(const std::filesystem::path& path) {
     std::ifstream in(path, std::ios::binary);
     if (!in) return {};
     return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+inline Lh5Token Lit(std::uint8_t byte) { return {0, 0, byte}; }
+inline Lh5Token Match(unsigned length, unsigned distance) {
+    return {static_cast<std::uint16_t>(length), static_cast<std::uint16_t>(distance), 0};
+}
+
+struct Coded {
+    Bytes stream;
+    bool stopped;
+};
+
+// Stores the tokens in the token buffer format, counts them, and codes them as the
+// encoder would: every block but the last through FlushBlock, the last through
+// FinishStream. `bound` is the consumed-byte counter.
+inline Coded CodeBlocks(const std::vector<std::vector<Lh5Token>>& blocks, std::uint32_t bound) {
+    BlockCoder coder;
+    Bytes sink(bound + 1, 0xEE);
+    coder.StartRun(sink.data(), &bound);
+    coder.ResetCoder();
+    for (std::size_t b = 0; b < blocks.size(); ++b) {
+        Bytes tokens;
+        std::size_t flag_at = 0;
+        for (std::size_t i = 0; i < blocks[b].size(); ++i) {
+            const Lh5Token& t = blocks[b][i];
+            if (i % 8 == 0) {
+                flag_at = tokens.size();
+                tokens.push_back(0);
+            }
+            if (t.length == 0) {
+                tokens.push_back(t.literal);
+                coder.CountLiteral(t.literal);
+            } else {
+                const unsigned code = t.distance - 1u;
+                tokens[flag_at] |= static_cast<std::uint8_t>(0x80 >> (i % 8));
+                tokens.push_back(static_cast<std::uint8_t>(t.length - 3));
+                tokens.push_back(static_cast<std::uint8_t>(code >> 8));
+                tokens.push_back(static_cast<std::uint8_t>(code));
+                coder.CountMatch(t.length, code);
+            }
+        }
+        if (b + 1 < blocks.size()) {
+            coder.FlushBlock(tokens);
+        } else {
+            coder.FinishStream(tokens);
+        }
+    }
+    EXPECT_EQ(sink[coder.Written()], 0xEE) << "wrote past its count";
+    sink.resize(coder.Written());
+    return {sink, coder.Stopped()};
+}
+
+
+// 19 letters with Fibonacci counts (10945 bytes, one block of literals) in shuffled
+// order: their Huffman tree is 18 deep, so the code must be flattened to 16 bits.
+inline Bytes FibonacciLetters() {
+    std::vector<std::uint32_t> counts = {1, 1};
+    while (counts.size() < 19) counts.push_back(counts[counts.size() - 1] + counts[counts.size() - 2]);
+    Bytes pool;
+    for (std::size_t s = 0; s < counts.size(); ++s) pool.insert(pool.end(), counts[s], static_cast<std::uint8_t>('a' + s));
+    Rng rng(3);
+    for (std::size_t i = pool.size(); i > 1; --i) std::swap(pool[i - 1], pool[rng.Below(static_cast<std::uint32_t>(i))]);
+    return pool;
+}
+
+inline std::vector<Lh5Token> Literals(std::span<const std::uint8_t> bytes) {
+    std::vector<Lh5Token> tokens;
+    for (auto b : bytes) tokens.push_back(Lit(b));
+    return tokens;
 }
 
 }  // namespace fwforge::lzh::testing
