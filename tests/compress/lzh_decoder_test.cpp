@@ -60,7 +60,7 @@ TEST(LzhDecoder, EmptyDataDecodesToNothing) {
 // size or is rejected; under the sanitizers this also proves that nothing is read or
 // written out of bounds.
 TEST(LzhDecoder, TruncatedAndBitFlippedStreamsNeverCrash) {
-    const std::vector<Bytes> inputs = {SyntheticText(1500, 2), SyntheticBinary(2500, 3),
+    const std::vector<Bytes> inputs = {SyntheticText(1500, 2), SyntheticBinary(2000, 3),
                                        Filled(3000, 7)};
     for (const auto& input : inputs) {
         const Bytes data = CompressFresh(input);
@@ -71,7 +71,8 @@ TEST(LzhDecoder, TruncatedAndBitFlippedStreamsNeverCrash) {
             EXPECT_FALSE(error.empty());
         }
         int rejected = 0;
-        for (std::size_t bit = 0; bit < stream.size() * 8; ++bit) {
+        // Every bit of the block header and code tables, then every seventh bit.
+        for (std::size_t bit = 0; bit < stream.size() * 8; bit += bit < 512 ? 1 : 7) {
             Bytes flipped(stream.begin(), stream.end());
             flipped[bit / 8] ^= static_cast<std::uint8_t>(0x80 >> (bit % 8));
             std::string error;

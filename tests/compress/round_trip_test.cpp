@@ -54,8 +54,8 @@ std::vector<Sample> Corpus() {
                              16639u, 16640u, 16641u, 24833u}) {
         corpus.push_back({"text " + std::to_string(size), SyntheticText(size, size)});
     }
-    corpus.push_back({"mixed 300000", MixedText(300000, 1)});
-    corpus.push_back({"binary 250000", SyntheticBinary(250000, 2)});
+    corpus.push_back({"mixed 200000", MixedText(200000, 1)});
+    corpus.push_back({"binary 150000", SyntheticBinary(150000, 2)});
     corpus.push_back({"zeros 200000", Filled(200000, 0)});
     corpus.push_back({"ff 70001", Filled(70001, 0xFF)});
     corpus.push_back({"4 letters 100000", SmallAlphabet(100000, 3, 4)});
@@ -64,7 +64,7 @@ std::vector<Sample> Corpus() {
     corpus.push_back({"period 8191", Periodic(8191, 5, 40000)});
     corpus.push_back({"period 8192", Periodic(8192, 6, 40000)});
     corpus.push_back({"period 300", Periodic(300, 7, 30000)});
-    for (auto& [name, data] : SystemFiles("/usr/bin", 5, 30000, 150000)) {
+    for (auto& [name, data] : SystemFiles("/usr/bin", 3, 30000, 120000)) {
         corpus.push_back({name, std::move(data)});
     }
     return corpus;
@@ -95,7 +95,7 @@ TEST(RoundTrip, CorpusDecodesToItsInput) {
         CheckRoundTrip(reused, sample, &decoded);
     }
     // All synthetic samples compress; executables nearly always do.
-    EXPECT_GE(decoded, 2 * 22);
+    EXPECT_GE(decoded, 2 * 21);
 }
 
 // Two compressions in a row with one encoder, and the same input twice.
