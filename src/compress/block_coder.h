@@ -4,6 +4,7 @@
 // grow past the number of input bytes read so far.
 
 #include <array>
+#include <bit>
 #include <cstdint>
 #include <span>
 
@@ -47,12 +48,7 @@ public:
 
     // The number of significant bits of a distance code: its symbol.
     static unsigned DistanceBits(unsigned distance_code) {
-        unsigned bits = 0;
-        while (distance_code != 0) {
-            distance_code >>= 1;
-            ++bits;
-        }
-        return bits;
+        return static_cast<unsigned>(std::bit_width(distance_code));
     }
 
 private:
