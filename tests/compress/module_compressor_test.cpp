@@ -11,6 +11,7 @@
 #include "compress/compress_test_support.h"
 #include "compress/lzh_decoder.h"
 #include "platform/byte_order.h"
+#include "platform/text_format.h"
 
 namespace fwforge::lzh {
 namespace {
@@ -97,7 +98,7 @@ TEST(CompressModule, RejectsADestinationWithoutRoomForSizePlus9) {
 
 // Tokens of the stream, as our decoder reads them back: lazy matching, the newest of
 // equally long matches, 256-byte matches, and the cut to the remaining input.
-TEST(LzhEncoder, ChoosesTokensAsSpecifiedByTheMatchRules) {
+TEST(LzhEncoder, ChoosesTokensByTheMatchRules) {
     const Lh5Token lit_a{0, 0, 'a'};
     auto lit = [](char c) { return Lh5Token{0, 0, static_cast<std::uint8_t>(c)}; };
     auto match = [](unsigned length, unsigned distance) {
@@ -258,9 +259,7 @@ TEST(LzhEncoder, PinnedResultsOfAFixedCorpus) {
         EXPECT_EQ(r.total, c.total) << c.name;
         EXPECT_EQ(r.consumed, c.consumed) << c.name;
         EXPECT_EQ(fnv, c.fnv) << c.name;
-        char line[160];
-        std::snprintf(line, sizeof line, "{\"%s\", ..., %u, %u, 0x%08X},\n", c.name, r.total, r.consumed, fnv);
-        table += line;
+        table += StrFormat("{\"%s\", ..., %u, %u, 0x%08X},\n", c.name, r.total, r.consumed, fnv);
     }
     if (HasFailure()) std::printf("%s", table.c_str());
 }
