@@ -4,6 +4,7 @@
 
 #include "bootblock/block_header.h"
 #include "bootblock/region_fixture.h"
+#include "compress/lzh_decoder.h"
 #include "platform/byte_order.h"
 #include "platform/text_format.h"
 
@@ -222,6 +223,71 @@ TEST(ExtendedBootBlock, FailuresReportTheirExactText) {
         EXPECT_EQ(b.ctx.image.PlacementCursor, 0x38000u);
         EXPECT_TRUE(AllBytesAre(b.ctx.image.ImageBuffer, 0, 0x40000, 0xFF));
     }
+}
+
+// A module's data as compressed by the build's encoder: it must decode to its file.
+TEST(ExtendedBootBlock, CompressedModulesDecodeToTheirFiles) {
+    EbbBuild b(0x4000);
+    b.ctx.options.VerboseMode = true;
+    std::vector<std::uint8_t> text;
+    for (int i = 0; text.size() < 3000; ++i) {
+        const std::string line = StrFormat("Line %d of the module text, repeated.\n", i % 17);
+        text.insert(text.end(), line.begin(), line.end());
+    }
+    b.Add(0, 0x80, 0);
+    testing::WriteBytes(b.ctx.description.EbbModuleList[0].FileName, b.files[0] = text);
+    b.Add(0, 0x21, 0).MaxModuleSize = 0x1000;
+    testing::WriteBytes(b.ctx.description.EbbModuleList[1].FileName, b.files[1] = text);
+    b.Add(1000, 0x22, 0);  // random bytes: the run stops at the end, total is size + 9
+    ASSERT_EQ(b.Run(BuildExtendedBootBlock), "");
+
+    const std::vector<EbbModule> modules = WalkEbb(b);
+    ASSERT_EQ(modules.size(), 3u);
+    const std::size_t start = b.Start();
+    for (std::size_t i = 0; i < 2; ++i) {
+        SCOPED_TRACE(i);
+        const std::size_t data = start + modules[i].header + 20;
+        EXPECT_EQ(b.ctx.image.ImageBuffer[data - 5], 0x00) << "NotCompressed stays clear";
+        const std::uint32_t total = load_le32(&b.ctx.image.ImageBuffer[data]);
+        EXPECT_LT(total, text.size());
+        std::string error;
+        const auto decoded = lzh::DecodeCompressedData(b.Image(data, total), &error);
+        ASSERT_TRUE(decoded) << error;
+        EXPECT_EQ(*decoded, text);
+        if (i == 0) {
+            EXPECT_EQ(modules[i].data_size, (total + 3) & ~3u);
+        } else {
+            // MaxModuleSize: the file's own bytes stay behind the compressed data.
+            EXPECT_EQ(modules[i].data_size, 0x1000u);
+            EXPECT_EQ(b.Image(data + total, text.size() - total),
+                      std::vector<std::uint8_t>(text.begin() + total, text.end()));
+            EXPECT_TRUE(AllBytesAre(b.ctx.image.ImageBuffer, data + text.size(), data + 0x1000, 0xFF));
+        }
+    }
+    EXPECT_EQ(modules[2].data_size, (1000u + 9 + 3) & ~3u);
+    EXPECT_EQ(load_le32(&b.ctx.image.ImageBuffer[start + modules[2].header + 20]), 1009u);
+    // Only module 0x80 says in verbose mode that it was compressed.
+    EXPECT_EQ(b.console.str(), std::string(kProgress) +
+                                   " Inserting " + b.ctx.description.EbbModuleList[0].FileName +
+                                   " as module id 80 (compressed)" + StrFormat(" at %zx\n", start + 24) +
+                                   b.InsertLine(1, start + modules[1].header) +
+                                   b.InsertLine(2, start + modules[2].header));
+}
+
+// When the encoder stops before it has consumed the whole input its stream is cut off;
+// the module is then stored as its file is, marked NotCompressed.
+TEST(ExtendedBootBlock, StoppedCompressionStoresTheFile) {
+    EbbBuild b(0x31000);
+    b.Add(200000, 0x23, 0).MaxModuleSize = 0x30F00;  // random: stops after 131328 bytes
+    ASSERT_EQ(b.Run(BuildExtendedBootBlock), "");
+    const std::vector<EbbModule> modules = WalkEbb(b);
+    ASSERT_EQ(modules.size(), 1u);
+    const std::size_t data = b.Start() + 24 + 20;
+    EXPECT_EQ(b.ctx.image.ImageBuffer[data - 5], module_attr::NotCompressed);
+    EXPECT_EQ(b.ctx.description.EbbModuleList[0].Header.ModuleAttributes(), module_attr::NotCompressed);
+    EXPECT_EQ(modules[0].data_size, 0x30F00u);
+    EXPECT_EQ(b.Image(data, 200000), b.files[0]);
+    EXPECT_TRUE(AllBytesAre(b.ctx.image.ImageBuffer, data + 200000, data + 0x30F00, 0xFF));
 }
 
 }  // namespace
