@@ -3,6 +3,7 @@
 // module chain, the parent of the next linked add-on ROM and the insertion counter.
 // Gap placement and non-critical blocks add their own fields here.
 
+#include <chrono>
 #include <cstdint>
 
 namespace fwforge {
@@ -30,6 +31,9 @@ struct LayoutState {
     bool SkipNextLink = false;
     // Image offset that 32-bit module links are counted from (a block's start, else 0).
     std::uint32_t NcbBase = 0;
+    // Time spent in the encoder on behalf of the layout engine, for the benchmark's
+    // split of build time into compression and everything else.
+    std::chrono::steady_clock::duration CompressionTime{};
 };
 
 }  // namespace fwforge

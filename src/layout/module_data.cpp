@@ -1,5 +1,6 @@
 #include "layout/module_data.h"
 
+#include <chrono>
 #include <new>
 
 #include "layout/module_header.h"
@@ -59,7 +60,10 @@ lzh::CompressResult CompressInPlace(BuildContext& ctx, std::vector<std::uint8_t>
     } catch (const std::bad_alloc&) {
         ctx.diag.Fatal("Out of memory");
     }
-    return ctx.Encoder().CompressModule(source, buffer);
+    const auto start = std::chrono::steady_clock::now();
+    const lzh::CompressResult result = ctx.Encoder().CompressModule(source, buffer);
+    ctx.layout.CompressionTime += std::chrono::steady_clock::now() - start;
+    return result;
 }
 
 }  // namespace fwforge
