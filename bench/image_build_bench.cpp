@@ -119,6 +119,7 @@ int main() {
         ++d.ModuleCount;
     }
 
+    const long setup_kb = PeakKilobytes();
     const auto start = std::chrono::steady_clock::now();
     int status = 0;
     try {
@@ -138,7 +139,8 @@ int main() {
     std::printf("time compressing:     %.3f s\n", compress);
     std::printf("layout and I/O:       %.3f s (%.1f%% of the build, target < 10%%)\n", wall - compress,
                 other_share);
-    std::printf("peak memory:          %.1f MB (target < %.0f MB)\n", peak_kb / 1024.0, peak_limit_mb);
+    std::printf("peak memory:          %.1f MB (target < %.0f MB; %.1f MB before the build)\n",
+                peak_kb / 1024.0, peak_limit_mb, setup_kb / 1024.0);
     fs::remove_all(dir);
     return status;
 }
