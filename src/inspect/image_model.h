@@ -139,6 +139,7 @@ struct ImageInfoItemHole {  // record 0x50
 struct ImageInfo {
     int module = -1;  // index into ImageModel::modules
     std::string tool_version;
+    std::size_t data_length = 0;  // end of the last record: the data without padding
     std::optional<std::uint8_t> rom_image_version, rom_image_flags;
     std::optional<std::uint32_t> bios_tag_offset, checksum_offset;
     std::optional<std::uint32_t> boot_area_size, nvram_size;  // BootBlockSize + MaxEbbSize

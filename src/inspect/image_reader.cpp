@@ -416,6 +416,7 @@ void ReadImageInfo(Bytes image, ImageModel& model) {
                 model.info.holes.push_back({p[0], p[1], load_le32(p + 2), load_le32(p + 6)});
             }
         }
+        model.info.data_length = items + std::size_t(item) * count;
         if (next == 0xFFFF) return;
         if (next <= at) {
             model.problems.push_back({"image information module",

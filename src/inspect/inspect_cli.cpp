@@ -5,6 +5,9 @@
 #include <string_view>
 #include <vector>
 
+#include <filesystem>
+
+#include "inspect/extract.h"
 #include "inspect/image_model.h"
 #include "inspect/report.h"
 #include "inspect/verify.h"
@@ -116,6 +119,45 @@ std::optional<std::vector<std::uint8_t>> LoadImage(const std::string& name, std:
     return bytes;
 }
 
+int RunExtract(std::span<const std::uint8_t> image, const ImageModel& model,
+               const std::string& dir, std::ostream& out) {
+    if (!model.main) {
+        for (const Finding& f : model.problems) out << "PROBLEM: " << f.where << ": " << f.what << "\n";
+        return kUnusable;
+    }
+    std::error_code error;
+    std::filesystem::create_directories(platform::ToHostSeparators(dir), error);
+    if (error) {
+        out << "fwforge-inspect: cannot create folder " << dir << ": " << error.message() << "\n";
+        return kUnusable;
+    }
+    const ExtractPlan plan = PlanExtract(image, model);
+    int status = kOk;
+    for (const ExtractedFile& f : plan.files) {
+        const std::string path = platform::ComposeOutputName(dir, f.name);
+        auto file = platform::OutputFile::Create(path);
+        if (!file || !file->Write(f.bytes)) {
+            out << "fwforge-inspect: cannot write " << path << "\n";
+            return kUnusable;
+        }
+        out << StrFormat("  %-28s %8zx bytes\n", f.name.c_str(), f.bytes.size());
+    }
+    out << StrFormat("extract: %zu files written to %s\n", plan.files.size(), dir.c_str());
+    if (!plan.lost.empty()) {
+        out << "Not recovered from the image (rebuild.scr comes as close as it can):\n";
+        for (const std::string& l : plan.lost) out << "  - " << l << "\n";
+    }
+    for (const Finding& f : model.problems) {
+        out << "PROBLEM: " << f.where << ": " << f.what << "\n";
+        status = kProblems;
+    }
+    for (const Finding& f : plan.problems) {
+        out << "PROBLEM: " << f.where << ": " << f.what << "\n";
+        status = kProblems;
+    }
+    return status;
+}
+
 }  // namespace
 
 int RunInspect(int argc, const char* const* argv, std::ostream& out) {
@@ -139,6 +181,7 @@ int RunInspect(int argc, const char* const* argv, std::ostream& out) {
         out << (cl.json ? VerifyJson(report) : VerifyText(report));
         return unusable ? kUnusable : report.Clean() ? kOk : kProblems;
     }
+    if (cl.command == "extract") return RunExtract(*image, model, cl.argument, out);
     out << "fwforge-inspect: " << cl.command << " is not available\n";
     return kUnusable;
 }

@@ -166,6 +166,8 @@ inline TestImage BuildTestImage(const TestLayout& l) {
     // Boot block: arbitrary bytes with the checksum dword at its start.
     const std::uint32_t bb = l.size - l.bbsize;
     for (std::uint32_t i = 0; i < l.bbsize; ++i) img[bb + i] = static_cast<std::uint8_t>(i * 7 + 3);
+    // The tag with its zero byte 32 bytes below the top, as at the default tag offset.
+    std::copy_n("TESTTAG", 8, img.begin() + l.size - 0x20);
     store_le32(&img[bb], 0);
     store_le32(&img[bb], 0u - DwordSum(img, bb, l.bbsize));
     std::uint32_t cursor = bb;
