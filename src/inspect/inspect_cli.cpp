@@ -9,6 +9,7 @@
 
 #include "inspect/extract.h"
 #include "inspect/image_model.h"
+#include "inspect/map.h"
 #include "inspect/report.h"
 #include "inspect/verify.h"
 #include "platform/file_io.h"
@@ -182,6 +183,24 @@ int RunInspect(int argc, const char* const* argv, std::ostream& out) {
         return unusable ? kUnusable : report.Clean() ? kOk : kProblems;
     }
     if (cl.command == "extract") return RunExtract(*image, model, cl.argument, out);
+    if (cl.command == "map") {
+        if (cl.html.empty()) {
+            out << MapText(*image, model);
+        } else {
+            const std::string html = MapHtml(*image, model, "ROM image map: " + cl.image);
+            auto file = platform::OutputFile::Create(cl.html);
+            if (!file || !file->Write(std::span(reinterpret_cast<const std::uint8_t*>(html.data()),
+                                                html.size()))) {
+                out << "fwforge-inspect: cannot write " << cl.html << "\n";
+                return kUnusable;
+            }
+            out << "map: " << cl.html << " written\n";
+            for (const Finding& f : model.problems) {
+                out << "PROBLEM: " << f.where << ": " << f.what << "\n";
+            }
+        }
+        return unusable ? kUnusable : model.problems.empty() ? kOk : kProblems;
+    }
     out << "fwforge-inspect: " << cl.command << " is not available\n";
     return kUnusable;
 }

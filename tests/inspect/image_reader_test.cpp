@@ -249,7 +249,7 @@ TEST(InspectRobustness, MalformedImagesEndWithAReport) {
     for (const Case& c : cases) {
         const std::string path = dir.File("bad.rom");
         fwforge::testing::WriteBytes(path, c.make());
-        for (const char* command : {"list", "verify"}) {
+        for (const char* command : {"list", "verify", "map"}) {
             const char* argv[] = {"fwforge-inspect", command, path.c_str(), nullptr};
             std::ostringstream out;
             const int status = RunInspect(3, argv, out);
