@@ -7,6 +7,7 @@
 
 #include <filesystem>
 
+#include "inspect/diff.h"
 #include "inspect/extract.h"
 #include "inspect/image_model.h"
 #include "inspect/map.h"
@@ -183,6 +184,17 @@ int RunInspect(int argc, const char* const* argv, std::ostream& out) {
         return unusable ? kUnusable : report.Clean() ? kOk : kProblems;
     }
     if (cl.command == "extract") return RunExtract(*image, model, cl.argument, out);
+    if (cl.command == "diff") {
+        auto other = LoadImage(cl.argument, out);
+        if (!other) return kUnusable;
+        const ImageModel model_b = ReadImage(*other, cl.options);
+        for (const Finding& f : model.problems) out << "PROBLEM: " << cl.image << ": " << f.where << ": " << f.what << "\n";
+        for (const Finding& f : model_b.problems) out << "PROBLEM: " << cl.argument << ": " << f.where << ": " << f.what << "\n";
+        if (unusable || !model_b.main) return kUnusable;
+        const auto differences = DiffImages(*image, model, *other, model_b);
+        out << DiffText(differences);
+        return differences.empty() ? kOk : kProblems;
+    }
     if (cl.command == "map") {
         if (cl.html.empty()) {
             out << MapText(*image, model);
