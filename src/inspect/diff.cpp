@@ -76,6 +76,7 @@ std::vector<Difference> DiffImages(std::span<const std::uint8_t> image_a, const 
     }
 
     const auto ka = Keyed(a), kb = Keyed(b);
+    std::uint64_t budget = ModuleByteBudget(a) + ModuleByteBudget(b);
     for (const auto& [key, ma] : ka) {
         auto it = kb.find(key);
         if (it == kb.end()) {
@@ -95,6 +96,13 @@ std::vector<Difference> DiffImages(std::span<const std::uint8_t> image_a, const 
         if (ma->Split() != mb->Split() || ma->pieces.size() != mb->pieces.size()) {
             fields.push_back(StrFormat("%zu -> %zu pieces", ma->pieces.size(), mb->pieces.size()));
         }
+        const std::uint64_t cost = std::uint64_t(ma->StoredLength()) + mb->StoredLength();
+        if (cost > budget) {
+            out.push_back({"image", "modules claim far more data than the images hold; "
+                                    "contents not compared further"});
+            break;
+        }
+        budget -= cost;
         const auto ca = Content(image_a, *ma), cb = Content(image_b, *mb);
         if (ca != cb) {
             fields.insert(fields.begin(), StrFormat("content (%zx -> %zx bytes)", ca.size(), cb.size()));

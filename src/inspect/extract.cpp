@@ -72,9 +72,16 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
     std::vector<std::string> module_files(model.modules.size());  // the file rebuild.scr names
     std::vector<bool> recompress(model.modules.size(), false);
 
+    std::uint64_t budget = ModuleByteBudget(model);
     for (std::size_t i = 0; i < model.modules.size(); ++i) {
         const Module& m = model.modules[i];
         if (m.Linked()) continue;
+        if (m.StoredLength() > budget) {
+            plan.problems.push_back({"image", "its modules claim far more data than the image "
+                                              "holds; the remaining modules are not extracted"});
+            break;
+        }
+        budget -= m.StoredLength();
         std::vector<std::uint8_t> stored = m.StoredData(image);
         if (!m.Compressed()) {
             module_files[i] = ModuleFileName(model, m, ".bin");

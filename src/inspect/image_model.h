@@ -178,6 +178,13 @@ struct ImageModel {
     std::vector<const Module*> ModulesIn(ModuleArea area, int block = -1) const;
 };
 
+// How many module bytes the checks of one image may read or write in all. A built
+// image's modules never overlap, so their data fits the image; a crafted chain of
+// headers that all claim the rest of the image would otherwise cost its size squared.
+inline std::uint64_t ModuleByteBudget(const ImageModel& model) {
+    return 8ull * model.size + (std::uint64_t(16) << 20);
+}
+
 // Reads the image. Never fails: what cannot be read is a problem in the model.
 ImageModel ReadImage(std::span<const std::uint8_t> image, const InspectOptions& options);
 

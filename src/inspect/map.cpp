@@ -68,7 +68,8 @@ const char* KindClass(MapKind kind) {
 std::vector<MapEntry> BuildMap(std::span<const std::uint8_t> image, const ImageModel& model) {
     std::vector<MapEntry> map;
     // Top-level items; a module of the main chain is a module, the rest regions.
-    for (const Extent& e : TopLevelExtents(model)) {
+    std::vector<Extent> covered = TopLevelExtents(model);
+    for (const Extent& e : TopLevelExtents(model, false)) {
         MapEntry entry{e.begin, e.end, MapKind::Region, 0, e.name, "", -1};
         if (e.name.starts_with("non-critical block") || e.name == "Extended Boot Block") {
             entry.kind = MapKind::Block;
@@ -77,39 +78,26 @@ std::vector<MapEntry> BuildMap(std::span<const std::uint8_t> image, const ImageM
     }
     for (std::size_t i = 0; i < model.modules.size(); ++i) {
         const Module& m = model.modules[i];
-        if (m.area != ModuleArea::Main) continue;
-        // Replace the plain extents of main-chain modules with module entries.
-        for (MapEntry& e : ModuleEntries(model, m, static_cast<int>(i), 0)) {
-            auto it = std::find_if(map.begin(), map.end(), [&](const MapEntry& x) {
-                return x.kind == MapKind::Region && x.begin == e.begin;
-            });
-            if (it != map.end()) *it = e;
+        const int depth = m.area == ModuleArea::Main ? 0 : 1;
+        for (MapEntry& e : ModuleEntries(model, m, static_cast<int>(i), depth)) {
+            e.end = std::min(e.end, model.size);
+            map.push_back(e);
         }
-    }
-    for (std::size_t i = 0; i < model.modules.size(); ++i) {
-        const Module& m = model.modules[i];
-        if (m.area == ModuleArea::Main) continue;
-        for (MapEntry& e : ModuleEntries(model, m, static_cast<int>(i), 1)) map.push_back(e);
     }
     // What lies between the items: free runs of 0xFF and other bytes (padding).
-    std::vector<bool> taken(image.size(), false);
-    for (const MapEntry& e : map) {
-        if (e.depth == 0) std::fill(taken.begin() + e.begin, taken.begin() + std::min<std::size_t>(e.end, image.size()), true);
-    }
     for (const FreeRun& r : FreeSpace(image, model)) {
         map.push_back({r.offset, r.offset + r.length, MapKind::Free, 0, "free", "0xFF", -1});
-        std::fill(taken.begin() + r.offset, taken.begin() + r.offset + r.length, true);
+        covered.push_back({r.offset, r.offset + r.length, ""});
     }
-    for (std::size_t i = 0; i < image.size();) {
-        if (taken[i]) {
-            ++i;
-            continue;
+    std::uint32_t from = 0;
+    covered = MergedCover(std::move(covered));
+    covered.push_back({model.size, model.size, ""});
+    for (const Extent& e : covered) {
+        if (e.begin > from) {
+            map.push_back({from, e.begin, MapKind::Other, 0, "other",
+                           "padding or bytes no item accounts for", -1});
         }
-        std::size_t j = i;
-        while (j < image.size() && !taken[j]) ++j;
-        map.push_back({static_cast<std::uint32_t>(i), static_cast<std::uint32_t>(j), MapKind::Other,
-                       0, "other", "padding or bytes no item accounts for", -1});
-        i = j;
+        from = std::max(from, e.end);
     }
     std::stable_sort(map.begin(), map.end(), [](const MapEntry& a, const MapEntry& b) {
         return a.begin != b.begin ? a.begin < b.begin : a.depth < b.depth;

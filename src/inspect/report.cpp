@@ -84,20 +84,21 @@ void ModuleTable(std::string& out, std::span<const std::uint8_t> image, const Im
 
 std::vector<FreeRun> FreeSpace(std::span<const std::uint8_t> image, const ImageModel& model) {
     std::vector<FreeRun> runs;
-    const std::vector<Extent> items = TopLevelExtents(model);
-    std::vector<bool> taken(image.size(), false);
-    for (const Extent& e : items) {
-        std::fill(taken.begin() + e.begin, taken.begin() + e.end, true);
-    }
-    std::uint32_t start = 0, length = 0;
-    for (std::uint32_t i = 0; i <= image.size(); ++i) {
-        const bool free = i < image.size() && !taken[i] && image[i] == 0xFF;
-        if (free) {
-            if (length++ == 0) start = i;
-            continue;
+    std::vector<Extent> cover = MergedCover(TopLevelExtents(model));
+    cover.push_back({static_cast<std::uint32_t>(image.size()), static_cast<std::uint32_t>(image.size()), ""});
+    std::uint32_t from = 0;
+    for (const Extent& item : cover) {
+        // The bytes between the items, scanned for runs of 0xFF.
+        std::uint32_t start = from, length = 0;
+        for (std::uint32_t i = from; i <= item.begin; ++i) {
+            if (i < item.begin && image[i] == 0xFF) {
+                if (length++ == 0) start = i;
+                continue;
+            }
+            if (length >= kMinFreeRun) runs.push_back({start, length});
+            length = 0;
         }
-        if (length >= kMinFreeRun) runs.push_back({start, length});
-        length = 0;
+        from = std::max(from, item.end);
     }
     return runs;
 }

@@ -190,16 +190,16 @@ void CheckOverlaps(const ImageModel& model, VerifyReport& report) {
         std::sort(list.begin(), list.end(), [](const Extent& a, const Extent& b) {
             return a.begin != b.begin ? a.begin < b.begin : a.end > b.end;
         });
+        // Each item against the one reaching furthest up among those before it.
+        std::size_t reach = 0;
         for (std::size_t i = 1; i < list.size(); ++i) {
-            for (std::size_t j = 0; j < i; ++j) {
-                if (list[j].end > list[i].begin && list[j].begin < list[i].end) {
-                    report.problems.push_back(
-                        {list[i].name,
-                         StrFormat("overlaps %s (%x-%x)", list[j].name.c_str(),
-                                   model.Address(list[j].begin), model.Address(list[j].end - 1))});
-                    break;
-                }
+            const Extent& before = list[reach];
+            if (before.end > list[i].begin) {
+                report.problems.push_back(
+                    {list[i].name, StrFormat("overlaps %s (%x-%x)", before.name.c_str(),
+                                             model.Address(before.begin), model.Address(before.end - 1))});
             }
+            if (list[i].end > before.end) reach = i;
         }
     };
     scan(items);
@@ -215,7 +215,22 @@ void CheckOverlaps(const ImageModel& model, VerifyReport& report) {
 
 }  // namespace
 
-std::vector<Extent> TopLevelExtents(const ImageModel& model) {
+std::vector<Extent> MergedCover(std::vector<Extent> extents) {
+    std::sort(extents.begin(), extents.end(),
+              [](const Extent& a, const Extent& b) { return a.begin < b.begin; });
+    std::vector<Extent> merged;
+    for (const Extent& e : extents) {
+        if (e.end <= e.begin) continue;
+        if (!merged.empty() && e.begin <= merged.back().end) {
+            merged.back().end = std::max(merged.back().end, e.end);
+        } else {
+            merged.push_back({e.begin, e.end, ""});
+        }
+    }
+    return merged;
+}
+
+std::vector<Extent> TopLevelExtents(const ImageModel& model, bool with_modules) {
     std::vector<Extent> items;
     auto add = [&](std::uint64_t begin, std::uint64_t size, std::string name) {
         if (size == 0 || begin >= model.size) return;
@@ -230,7 +245,7 @@ std::vector<Extent> TopLevelExtents(const ImageModel& model) {
     if (model.nvram_offset) add(*model.nvram_offset, *model.nvram_size, "NVRAM area");
     if (model.main) add(model.main->BlockStart(), main_header::kBlockSize, "main BIOS header");
     for (const Module& m : model.modules) {
-        if (m.area != ModuleArea::Main) continue;
+        if (m.area != ModuleArea::Main || !with_modules) continue;
         const std::string name = DescribeModule(model, m);
         for (std::size_t i = 0; i < m.piece_headers.size(); ++i) {
             add(m.piece_headers[i].offset, 20 + std::uint64_t(m.pieces[i].length),
@@ -262,9 +277,18 @@ VerifyReport Verify(std::span<const std::uint8_t> image, const ImageModel& model
     if (!main_modules.empty() && main_modules.back()->Split()) {
         for (const Piece& p : main_modules.back()->pieces) carried += DwordSum(image, p.offset, p.length);
     }
+    std::uint64_t budget = ModuleByteBudget(model);
+    int previous_block = -1;
     for (const Module& m : model.modules) {
-        const bool first_in_block = m.area == ModuleArea::Ncb &&
-                                    model.ModulesIn(ModuleArea::Ncb, m.block).front() == &m;
+        const std::uint64_t cost = m.StoredLength() + 20ull;
+        if (cost > budget) {
+            report.problems.push_back({"image", "its modules claim far more data than the image "
+                                                "holds; the remaining module checks are skipped"});
+            break;
+        }
+        budget -= cost;
+        const bool first_in_block = m.area == ModuleArea::Ncb && m.block != previous_block;
+        if (m.area == ModuleArea::Ncb) previous_block = m.block;
         CheckModule(image, model, m, first_in_block ? carried : 0, report);
     }
     if (model.ebb) CheckEbb(image, model, report);

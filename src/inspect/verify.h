@@ -29,7 +29,11 @@ struct Extent {
 };
 
 // The top-level items of the image (modules of the EBB and of non-critical blocks lie
-// inside their blocks and are not listed), ordered by address.
-std::vector<Extent> TopLevelExtents(const ImageModel& model);
+// inside their blocks and are not listed), ordered by address; without the modules of
+// the main chain when `with_modules` is false.
+std::vector<Extent> TopLevelExtents(const ImageModel& model, bool with_modules = true);
+
+// The ranges that `extents` cover, merged, in address order.
+std::vector<Extent> MergedCover(std::vector<Extent> extents);
 
 }  // namespace fwforge::inspect
