@@ -63,6 +63,9 @@ namespace {
 
 using Bytes = std::span<const std::uint8_t>;
 
+// Attribute bits that no writer sets.
+constexpr std::uint8_t kUnusedAttributeBits = 0x0F;
+
 bool Fits(std::uint64_t offset, std::uint64_t length, std::uint64_t limit) {
     return offset <= limit && length <= limit - offset;
 }
@@ -227,6 +230,12 @@ void WalkMainChain(Bytes image, ImageModel& model) {
         }
         const HeaderView h = ReadHeader(image, *at);
         const std::uint32_t data = *at + 20;
+        if (h.attributes & kUnusedAttributeBits) {
+            model.problems.push_back(
+                {from, StrFormat("link %08x leads to a header at %x with unknown attribute bits "
+                                 "(%02x): not a module header?",
+                                 link, *at, h.attributes)});
+        }
         if (h.attributes & module_attr::SplitPiece) {
             if (!pending.piece_headers.empty() && pending.header.id != h.id) {
                 model.problems.push_back({StrFormat("header at %x", *at),
@@ -298,6 +307,10 @@ void WalkBlockChain(Bytes image, ImageModel& model, const Block& block, ModuleAr
                     int block_index, const std::string& name, int& index) {
     std::set<std::uint32_t> visited;
     std::uint32_t link = block.first_module;
+    if (link != kEndOfChain && link != block_header::kSize + module_header::kExtensionSize) {
+        model.problems.push_back({name + " header",
+                                  StrFormat("first module offset %08x is neither 20 nor ffffffff", link)});
+    }
     std::string from = name + " header";
     const std::uint64_t block_end = std::uint64_t(block.offset) + block.length;
     while (link != kEndOfChain) {
@@ -318,6 +331,12 @@ void WalkBlockChain(Bytes image, ImageModel& model, const Block& block, ModuleAr
         m.block = block_index;
         m.index = index++;
         m.header = ReadHeader(image, at);
+        if (m.header.attributes & kUnusedAttributeBits) {
+            model.problems.push_back(
+                {from, StrFormat("link %08x leads to a header at %x with unknown attribute bits "
+                                 "(%02x): not a module header?",
+                                 link, at, m.header.attributes)});
+        }
         if (!m.Linked()) {
             Piece piece{at + 20, m.header.data_size};
             if (at + 20ull + m.header.data_size > block_end) {
