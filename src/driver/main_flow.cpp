@@ -1,5 +1,7 @@
 #include "driver/main_flow.h"
 
+#include <new>
+
 #include "driver/build_context.h"
 #include "driver/image_build.h"
 #include "script/script_reader.h"
@@ -39,8 +41,14 @@ int RunMainFlow(int argc, const char* const* argv, std::ostream& out) {
     }
 
     try {
-        ParseBuildScript(ctx, argv[2]);
-        BuildRomImage(ctx);
+        try {
+            ParseBuildScript(ctx, argv[2]);
+            BuildRomImage(ctx);
+        } catch (const std::bad_alloc&) {
+            // A buffer that could not be obtained anywhere in a phase ends the run like
+            // the phases' own memory checks do.
+            ctx.diag.Fatal("Out of memory");
+        }
     } catch (const FatalError&) {
         out.flush();
         return 1;

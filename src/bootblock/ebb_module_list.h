@@ -1,0 +1,20 @@
+#pragma once
+// The modules diverted to the Extended Boot Block while the build script is read.
+
+#include "script/build_description.h"
+
+namespace fwforge {
+
+enum class EbbOffer {
+    NotTaken,  // the module's region is not "EBB"; nothing changed
+    Taken,     // appended to EbbModuleList
+    ListFull,  // the region is "EBB" but the list already holds kMaxEbbModules records
+};
+
+// Offers a finished [module] record to the Extended Boot Block. A record whose
+// RomRegion is exactly "EBB" is copied (file, size bound, flags, alignment and the
+// module id, attributes and the two 16-bit id/destination fields) to the end of
+// EbbModuleList. The list is never grown past kMaxEbbModules; the caller reports that.
+EbbOffer AddEbbModule(BuildDescription& description, const ModuleEntry& record);
+
+}  // namespace fwforge

@@ -1,0 +1,124 @@
+#pragma once
+// Writes build scripts (CR LF line ends) into a temporary folder, parses them and
+// returns the console text, whether the parse ended in a fatal report, and the build
+// description it left.
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <initializer_list>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "driver/build_context.h"
+#include "script/script_reader.h"
+
+namespace fwforge::script_test {
+
+class ScratchDir {
+  public:
+    ScratchDir() {
+        static std::atomic<unsigned> counter{0};
+        path_ = std::filesystem::temp_directory_path() /
+                ("fwforge-script-" + std::to_string(::getpid()) + "-" + std::to_string(counter++));
+        std::filesystem::remove_all(path_);
+        std::filesystem::create_directories(path_);
+    }
+    ~ScratchDir() {
+        std::error_code ignored;
+        std::filesystem::remove_all(path_, ignored);
+    }
+    ScratchDir(const ScratchDir&) = delete;
+    ScratchDir& operator=(const ScratchDir&) = delete;
+
+    std::string Path(const std::string& name) const { return (path_ / name).string(); }
+    const std::filesystem::path& path() const { return path_; }
+
+    std::string WriteBytes(const std::string& name, const std::string& bytes) const {
+        const std::string file = Path(name);
+        std::ofstream out(file, std::ios::binary | std::ios::trunc);
+        out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+        return file;
+    }
+
+  private:
+    std::filesystem::path path_;
+};
+
+// Each line followed by CR LF.
+inline std::string CrLf(const std::vector<std::string>& lines) {
+    std::string text;
+    for (const std::string& line : lines) text += line + "\r\n";
+    return text;
+}
+
+inline std::vector<std::string> Join(std::initializer_list<std::vector<std::string>> parts) {
+    std::vector<std::string> all;
+    for (const auto& part : parts) all.insert(all.end(), part.begin(), part.end());
+    return all;
+}
+
+struct ParseResult {
+    std::string console;
+    bool fatal = false;
+    std::string message;  // the fatal report's text
+    BuildDescription description;
+};
+
+inline ParseResult ParseScriptFile(const std::string& path, bool verbose = false) {
+    std::ostringstream out;
+    BuildContext ctx(out);
+    ctx.options.VerboseMode = verbose;
+    ParseResult result;
+    try {
+        ParseBuildScript(ctx, path);
+    } catch (const FatalError& e) {
+        result.fatal = true;
+        result.message = e.what();
+    }
+    result.console = out.str();
+    result.description = ctx.description;
+    return result;
+}
+
+// A valid [bios] section (lines 1-6 when it opens the script) and [module] section.
+inline const std::vector<std::string> kBios = {
+    "[bios]",     "file = rom.bin", "size = 00080000", "bbsize = 00010000", "nvramsize = 00004000",
+    "tag = bios1"};
+inline const std::vector<std::string> kModule = {"[module]", "file = post.bin", "moduleid = 08",
+                                                 "destn = f000:8000"};
+
+class ScriptTest : public ::testing::Test {
+  protected:
+    ScriptTest() : script_path_(dir_.Path("build.scr")) {}
+
+    ParseResult ParseText(const std::string& bytes, bool verbose = false) {
+        dir_.WriteBytes("build.scr", bytes);
+        return ParseScriptFile(script_path_, verbose);
+    }
+    ParseResult ParseLines(const std::vector<std::string>& lines, bool verbose = false) {
+        return ParseText(CrLf(lines), verbose);
+    }
+    // The message as printed for line `line` of the last script.
+    std::string AtLine(const std::string& text, int line) const {
+        return text + "Refer to " + script_path_ + ", line " + std::to_string(line) + ".";
+    }
+    ScratchDir dir_;
+    const std::string script_path_;
+};
+
+// Asserts a fatal parse whose report is exactly `message`, printed after an empty line
+// as the last console line.
+inline void ExpectFatal(const ParseResult& r, const std::string& message) {
+    EXPECT_TRUE(r.fatal);
+    EXPECT_EQ(r.message, message);
+    const std::string tail = "\nFATAL ERROR: " + message + "\n";
+    ASSERT_GE(r.console.size(), tail.size()) << r.console;
+    EXPECT_EQ(r.console.substr(r.console.size() - tail.size()), tail) << r.console;
+}
+
+}  // namespace fwforge::script_test
