@@ -2,8 +2,10 @@
 // Module compression: a module's bytes become a CompressedDataHeader, an lh5 bit
 // stream and a closing 0x00.
 
+#include <cstddef>
 #include <cstdint>
 #include <exception>
+#include <limits>
 #include <memory>
 #include <span>
 
@@ -22,18 +24,33 @@ public:
     const char* what() const noexcept override { return "Out of memory."; }
 };
 
+// Limits that make the encoder's allocations fail as on a machine short of memory;
+// the defaults impose none. Tests use them to reach the smaller token buffers.
+struct EncoderLimits {
+    // The largest token buffer that may be allocated.
+    std::size_t token_buffer_limit = std::numeric_limits<std::size_t>::max();
+    // The window and tree cannot be allocated at all.
+    bool fail_working_storage = false;
+};
+
 // One encoder lives as long as a build. Its window is zero when created and is not
 // cleared between runs, which decides exact bytes of later results.
 class Encoder {
 public:
     Encoder();
+    explicit Encoder(EncoderLimits limits);
     ~Encoder();
     Encoder(const Encoder&) = delete;
     Encoder& operator=(const Encoder&) = delete;
 
-    // `destination` must have room for source.size() + 9 bytes.
+    // `destination` must have room for source.size() + 9 bytes (std::invalid_argument
+    // otherwise, and for inputs whose size does not fit the 32-bit header fields).
+    // Throws OutOfMemory when the working storage cannot be allocated.
     CompressResult CompressModule(std::span<const std::uint8_t> source,
                                   std::span<std::uint8_t> destination);
+
+    // The token buffer size the first run settled on; 0 before it.
+    std::size_t TokenBufferSize() const;
 
 private:
     struct State;
