@@ -46,15 +46,6 @@ inline constexpr std::size_t BlockChecksum = 16;      // 32-bit
 inline constexpr std::size_t FirstModuleOffset = 20;  // 32-bit, 0x20 or 0xFFFFFFFF
 }  // namespace block_header
 
-// The data of a compressed module starts with the total size (header, stream and the
-// closing 0x00 included) and the original size.
-namespace compressed_data {
-inline constexpr std::size_t kHeaderSize = 8;
-inline constexpr std::size_t Total = 0;
-inline constexpr std::size_t Original = 4;
-inline constexpr std::uint32_t kOverhead = 9;  // header + closing 0x00
-}  // namespace compressed_data
-
 inline constexpr std::uint32_t kEndOfChain = 0xFFFFFFFF;
 inline constexpr std::uint8_t kImageInfoModuleId = 0x80;
 inline constexpr std::uint8_t kAddonRomModuleId = 0x20;
