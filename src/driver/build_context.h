@@ -11,6 +11,7 @@
 
 #include "compress/module_compressor.h"
 #include "driver/diagnostics.h"
+#include "layout/layout_state.h"
 #include "script/build_description.h"
 
 namespace fwforge {
@@ -43,6 +44,7 @@ public:
     RunOptions options;
     BuildDescription description;
     ImageState image;
+    LayoutState layout;
 
 private:
     std::unique_ptr<lzh::Encoder> encoder_;

@@ -1,9 +1,104 @@
 #include "driver/image_build.h"
 
-namespace fwforge {
+#include <new>
 
-// The image build joins the main flow with the layout engine; until then a run ends
-// after the build script has been read.
-void BuildRomImage(BuildContext&) {}
+#include "bootblock/boot_block.h"
+#include "bootblock/extended_boot_block.h"
+#include "bootblock/nvram_area.h"
+#include "imageinfo/image_info.h"
+#include "layout/gap_placement.h"
+#include "layout/main_header.h"
+#include "layout/module_insertion.h"
+#include "layout/module_sizing.h"
+#include "platform/file_io.h"
+#include "platform/text_format.h"
+
+namespace fwforge {
+namespace {
+
+void AllocateImage(BuildContext& ctx) {
+    const BuildDescription& desc = ctx.description;
+    ImageState& image = ctx.image;
+    try {
+        image.ImageBuffer.assign(desc.Bios.BiosSize, 0xFF);
+    } catch (const std::bad_alloc&) {
+        ctx.diag.Fatal("Out of memory");
+    }
+    image.PlacementCursor = desc.Bios.BiosSize;
+    image.AddressBase = desc.RomImage.Use32BitMode ? 0 : 0x100000u - desc.Bios.BiosSize;
+}
+
+// The end-of-script check compares the fixed regions with BiosSize in wrapping 32-bit
+// arithmetic, so tiny or huge values can reach the build. Each region must fit below the
+// cursor before its phase writes it; NVRAM has its own check.
+void CheckFixedRegionFits(BuildContext& ctx, const char* key, std::uint32_t size) {
+    const BiosSettings& bios = ctx.description.Bios;
+    if (size > ctx.image.PlacementCursor) {
+        ctx.diag.Fatal(StrFormat(
+            "BIOS size %x is too small: %s %x does not fit in the %x bytes below the top "
+            "regions (bbsize %x, maxebbsize %x)",
+            bios.BiosSize, key, size, ctx.image.PlacementCursor, bios.BootBlockSize,
+            bios.MaxEbbSize));
+    }
+}
+
+void RunSequentialPlacement(BuildContext& ctx) {
+    BuildDescription& desc = ctx.description;
+    ctx.diag.Printf("Generating final ROM image %s...\n", desc.Bios.RomFile.c_str());
+    CreateMainHeader(ctx);
+    for (std::uint32_t m = 0; m < desc.ModuleCount; ++m) {
+        SizeModule(ctx, m);
+        InsertModule(ctx, m);
+    }
+    BuildImageInfoModule(ctx);
+    SizeModule(ctx, desc.ModuleCount);
+    InsertModule(ctx, desc.ModuleCount);
+    FinishMainHeader(ctx, PlacementMode::Sequential);
+}
+
+void WriteRomFile(BuildContext& ctx) {
+    const std::string& name = ctx.description.Bios.RomFile;
+    auto file = platform::OutputFile::Create(name);
+    if (!file) {
+        ReleaseImageBuffers(ctx);
+        ctx.diag.Fatal(StrFormat("Cannot create file: %s", name.c_str()));
+    }
+    if (!file->Write(ctx.image.ImageBuffer)) {
+        file.reset();
+        ReleaseImageBuffers(ctx);
+        ctx.diag.Fatal("Cannot write to ROM file");
+    }
+}
+
+}  // namespace
+
+void ReleaseImageBuffers(BuildContext& ctx) {
+    std::vector<std::uint8_t>().swap(ctx.image.ImageBuffer);
+}
+
+void BuildRomImage(BuildContext& ctx) {
+    const BuildDescription& desc = ctx.description;
+    AllocateImage(ctx);
+
+    CheckFixedRegionFits(ctx, "bbsize", desc.Bios.BootBlockSize);
+    BuildBootBlock(ctx);
+    CheckFixedRegionFits(ctx, "maxebbsize", desc.Bios.MaxEbbSize);
+    BuildExtendedBootBlock(ctx);
+    InitNvramArea(ctx);
+
+    if (desc.RomHoleCount != 0) {
+        RunGapPlacement(ctx);
+    } else {
+        RunSequentialPlacement(ctx);
+    }
+    // ROM holes are loaded after the main BIOS header's checksum is set, so nothing
+    // they hold is covered by it.
+    if (desc.RomHoleCount != desc.FixedModuleCount) {
+        ctx.diag.Print("Loading ROMHOLEs with filler data and files ...\n\n");
+        LoadRomHoles(ctx);
+    }
+    WriteRomFile(ctx);
+    ReleaseImageBuffers(ctx);
+}
 
 }  // namespace fwforge

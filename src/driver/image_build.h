@@ -8,4 +8,8 @@ namespace fwforge {
 // the boot-block file and the image information file.
 void BuildRomImage(BuildContext& ctx);
 
+// Frees the image; a second call does nothing. The tables belong to the build
+// description and go with the context.
+void ReleaseImageBuffers(BuildContext& ctx);
+
 }  // namespace fwforge

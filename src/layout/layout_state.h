@@ -1,0 +1,39 @@
+#pragma once
+// The layout engine's state for one build: where the main BIOS header is, the end of the
+// module chain, the parent of the next linked add-on ROM and the insertion counter.
+// Gap placement and non-critical blocks add their own fields here.
+
+#include <chrono>
+#include <cstdint>
+
+namespace fwforge {
+
+// Which of the two ways of laying out the main BIOS a step works in. Gap placement is
+// chosen as soon as the build script reserves any range (RomHoleCount != 0).
+enum class PlacementMode : std::uint8_t { Sequential, Gap };
+
+struct LayoutState {
+    // Image offset of the main BIOS header's signature; valid once it has been created.
+    std::uint32_t MainHeader = 0;
+    // Base header (header + 8) of the header written last, or MainHeader while no module
+    // has been inserted. The next header is linked from here.
+    std::uint32_t LastHeader = 0;
+    // Module index to which the next linked add-on ROM is attached; 0xFF for none.
+    std::uint8_t LinkParent = 0xFF;
+    // Handed out as InsertionIndex; 8 bits wide and never reset, as the image
+    // information module stores it in one byte.
+    std::uint8_t InsertionCounter = 0;
+    // A split module whose data sum still has to go into the next seal (set by splitting).
+    std::uint32_t SplitPending = 0;
+    std::uint32_t SplitDataSum = 0;
+    // Set while a non-critical block starts a chain of its own: its first module is not
+    // linked from, and does not reseal, the header written before it.
+    bool SkipNextLink = false;
+    // Image offset that 32-bit module links are counted from (a block's start, else 0).
+    std::uint32_t NcbBase = 0;
+    // Time spent in the encoder on behalf of the layout engine, for the benchmark's
+    // split of build time into compression and everything else.
+    std::chrono::steady_clock::duration CompressionTime{};
+};
+
+}  // namespace fwforge

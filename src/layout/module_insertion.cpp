@@ -1,0 +1,194 @@
+#include "layout/module_insertion.h"
+
+#include <algorithm>
+
+#include "layout/module_chain.h"
+#include "layout/module_data.h"
+#include "platform/text_format.h"
+
+namespace fwforge {
+namespace {
+
+constexpr std::uint32_t kHeader = module_header::kSize;
+
+PlacementMode ModeOf(const BuildContext& ctx) {
+    return ctx.description.RomHoleCount == 0 ? PlacementMode::Sequential : PlacementMode::Gap;
+}
+
+void SetDataSize(ModuleHeaderImage& header, std::uint32_t size) {
+    header.SetDataSize(size);
+    header.SetDataSize16(size < 0x10000 ? static_cast<std::uint16_t>(size) : 0xFFFF);
+}
+
+// Copies the header image to the PlacementCursor and joins it to the chain.
+void WriteHeaderAndChain(BuildContext& ctx, const ModuleHeaderImage& header) {
+    std::copy(header.bytes.begin(), header.bytes.end(),
+              ctx.image.ImageBuffer.begin() + ctx.image.PlacementCursor);
+    LinkToLastHeader(ctx);
+    SealLastHeader(ctx);
+    SealNewHeader(ctx);
+    ctx.layout.LastHeader = ctx.image.PlacementCursor + module_header::kExtensionSize;
+}
+
+// Our own guard for gap placement, where the cursor names a room found by the passes:
+// the header and data must lie inside the image.
+void CheckInsideImage(BuildContext& ctx, const ModuleEntry& m, std::uint64_t end) {
+    if (end > ctx.image.ImageBuffer.size()) {
+        ctx.diag.Fatal(StrFormat(
+            "Module %s at image offset %x with %llx bytes reaches past the end of the image "
+            "(BIOS size %x)",
+            m.FileName.c_str(), ctx.image.PlacementCursor, 
+            static_cast<unsigned long long>(end - ctx.image.PlacementCursor),
+            ctx.description.Bios.BiosSize));
+    }
+}
+
+}  // namespace
+
+void InsertModule(BuildContext& ctx, std::uint32_t index) {
+    BuildDescription& desc = ctx.description;
+    ImageState& image = ctx.image;
+    ModuleEntry& m = desc.ModuleTable[index];
+    const PlacementMode mode = ModeOf(ctx);
+
+    std::uint32_t linked = 0;
+    if (mode == PlacementMode::Sequential) {
+        if (IsLinkedAddonRom(m)) {
+            InsertLinkedRom(ctx, index);
+            return;
+        }
+    } else {
+        // The headers of the linked add-on ROMs take the bytes below the parent's header.
+        linked = m.LinkedRomCount;
+        image.PlacementCursor += kHeader * linked;
+    }
+    m.InsertionIndex = ctx.layout.InsertionCounter++;
+    ctx.diag.Printf(" Inserting %s as module id %02X", m.FileName.c_str(), m.Header.ModuleId());
+
+    std::uint32_t n = 0;
+    std::vector<std::uint8_t> buffer = ReadModuleFile(ctx, m.FileName, n);
+    std::uint64_t d = n;
+    if (IsCompressedByBuild(m.Header.ModuleAttributes(), m.CompressionFlags)) {
+        if (ctx.options.VerboseMode && m.Header.ModuleId() == 0x80) ctx.diag.Print(" (compressed)");
+        d = CompressInPlace(ctx, buffer, n).total;
+    }
+    if (m.MaxModuleSize != 0) {
+        if (m.MaxModuleSize < d) ctx.diag.Fatal("MaxModuleSize is too small for this module");
+        d = m.MaxModuleSize;
+    }
+    // Only d bytes are copied; what a buffer of MaxModuleSize bytes would hold beyond the
+    // file (0xFF) is supplied here, so the buffer itself never grows past the file.
+    if (d > buffer.size()) buffer.resize(d, 0xFF);
+
+    std::uint64_t s = (d + 3) & ~std::uint64_t{3};
+    if (m.Alignment != 0) {
+        if (mode == PlacementMode::Sequential) {
+            // Widen the module so that its data, which ends at the cursor, starts on a
+            // multiple of Alignment. (32-bit wrap as the firmware format computes it; a
+            // module that does not fit fails below anyway.)
+            const std::uint32_t start = image.PlacementCursor - static_cast<std::uint32_t>(s);
+            s += start % m.Alignment;
+        }
+        if (m.Header.ModuleId() == kDescriptorModuleId) {
+            const std::uint32_t data_offset =
+                mode == PlacementMode::Sequential
+                    ? image.PlacementCursor - static_cast<std::uint32_t>(s)
+                    : image.PlacementCursor + kHeader;
+            PatchDescriptors(ctx, buffer, data_offset, static_cast<std::uint32_t>(s),
+                             m.FileName);
+        }
+    }
+    if (s > 0xFFFFFFFFu - kHeader) {
+        ctx.diag.Fatal(mode == PlacementMode::Sequential
+                           ? std::string("Out of ROM space!")
+                           : StrFormat("Module %s is too large for a ROM image: %llx bytes",
+                                       m.FileName.c_str(), static_cast<unsigned long long>(s)));
+    }
+    SetDataSize(m.Header, static_cast<std::uint32_t>(s));
+
+    if (mode == PlacementMode::Sequential) {
+        if (image.PlacementCursor < s + kHeader) ctx.diag.Fatal("Out of ROM space!");
+        image.PlacementCursor -= static_cast<std::uint32_t>(s + kHeader);
+        // The image information module is the lowest item; its header starts on an
+        // 8-byte boundary, where the main BIOS header's checksummed region begins.
+        if (index == desc.ModuleCount) image.PlacementCursor &= ~7u;
+    } else {
+        CheckInsideImage(ctx, m, std::uint64_t{image.PlacementCursor} + kHeader + d);
+    }
+    ctx.diag.Printf(" at %x\n", image.PlacementCursor + image.AddressBase);
+
+    std::copy_n(buffer.begin(), d, image.ImageBuffer.begin() + image.PlacementCursor + kHeader);
+    WriteHeaderAndChain(ctx, m.Header);
+    buffer = {};
+
+    for (std::uint32_t k = 1; k <= linked; ++k) InsertLinkedRom(ctx, index + k);
+}
+
+void InsertLinkedRom(BuildContext& ctx, std::uint32_t index) {
+    ImageState& image = ctx.image;
+    ModuleEntry& k = ctx.description.ModuleTable[index];
+    ctx.diag.Print(" Inserting linked addon-rom");
+    // The main BIOS header is no add-on ROM's header either.
+    if (ctx.layout.LastHeader == ctx.layout.MainHeader) {
+        ctx.diag.Fatal("Addon-rom must precede linked modules");
+    }
+    const std::uint8_t* last = image.ImageBuffer.data() + ctx.layout.LastHeader -
+                               module_header::kExtensionSize;
+    if (last[module_header::ModuleId.offset] != kAddonRomId) {
+        ctx.diag.Fatal("Addon-rom must precede linked modules");
+    }
+    k.InsertionIndex = ctx.layout.InsertionCounter++;
+    SetDataSize(k.Header, load_le32(last + module_header::DataSize.offset));
+    if (ModeOf(ctx) == PlacementMode::Sequential) {
+        if (image.PlacementCursor <= kHeader) {
+            ctx.diag.Fatal("Not enough free space in ROM file to insert module");
+        }
+    } else if (image.PlacementCursor < kHeader) {
+        ctx.diag.Fatal(StrFormat("Linked addon-rom header at image offset %x does not fit "
+                                 "below its parent",
+                                 image.PlacementCursor));
+    }
+    image.PlacementCursor -= kHeader;
+    ctx.diag.Printf(" at %x\n", image.PlacementCursor + image.AddressBase);
+    WriteHeaderAndChain(ctx, k.Header);
+}
+
+void PatchDescriptors(BuildContext& ctx, std::span<std::uint8_t> data, std::uint32_t data_offset,
+                      std::uint32_t stored_size, const std::string& name) {
+    auto require = [&](std::uint32_t at, std::uint32_t width) {
+        if (std::uint64_t{at} + width > data.size()) {
+            ctx.diag.Fatal(StrFormat(
+                "Module %s: descriptor patch at data offset %x (%x bytes) lies outside the "
+                "module's %zx bytes",
+                name.c_str(), at, width, data.size()));
+        }
+    };
+    require(4, 6);
+    const std::uint32_t g = load_le16(&data[4]);
+    const std::uint32_t p = load_le16(&data[6]);
+    const std::uint32_t b = load_le16(&data[8]);
+    // The address of the data's first byte when the image ends at 0xFFFFFFFF.
+    const std::uint32_t a = data_offset - ctx.description.Bios.BiosSize;
+
+    const std::uint32_t pointer = (p + 2) % 0x10000;
+    const std::uint32_t code = b + g;
+    const std::uint32_t rw = b + (g + 8) % 0x10000;
+    require(pointer, 4);
+    require(code, 8);
+    require(rw, 8);
+
+    store_le32(&data[pointer], a + b);
+    // Byte granularity, 16-bit segments: limit bits 16-19 from the size, flags 0.
+    auto descriptor = [&](std::uint32_t at, std::uint8_t access) {
+        store_le16(&data[at], static_cast<std::uint16_t>(stored_size));
+        store_le16(&data[at + 2], static_cast<std::uint16_t>(a));
+        data[at + 4] = static_cast<std::uint8_t>(a >> 16);
+        data[at + 5] = access;
+        data[at + 6] = static_cast<std::uint8_t>((stored_size >> 16) & 0x0F);
+        data[at + 7] = static_cast<std::uint8_t>(a >> 24);
+    };
+    descriptor(code, 0x9B);  // present, ring 0, code, readable, accessed
+    descriptor(rw, 0x93);    // present, ring 0, data, writable, accessed
+}
+
+}  // namespace fwforge

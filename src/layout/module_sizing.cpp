@@ -1,0 +1,103 @@
+#include "layout/module_sizing.h"
+
+#include "layout/module_chain.h"
+#include "layout/module_data.h"
+#include "platform/text_format.h"
+
+namespace fwforge {
+namespace {
+
+constexpr std::uint32_t kHeader = module_header::kSize;
+
+// A linked add-on ROM has no data of its own: its header goes next to its parent's, so
+// its cost is added to the parent.
+void AttachLinkedRom(BuildContext& ctx, ModuleEntry& link) {
+    LayoutState& layout = ctx.layout;
+    BuildDescription& desc = ctx.description;
+    if (layout.LinkParent == kNoIndex) {
+        ctx.diag.Fatal(StrFormat("Link has no parent: %s", link.FileName.c_str()));
+    }
+    ModuleEntry& parent = desc.ModuleTable[layout.LinkParent];
+    parent.PlacedSize += kHeader;
+    ++parent.LinkedRomCount;
+    link.PlacementState = Placed;
+    if (parent.RomHoleIndex != kNoIndex && parent.RomHoleIndex < desc.RomHoleTable.size()) {
+        // The reservation grows downwards, paragraph-aligned, to take the link's header
+        // below the parent's.
+        parent.HeaderAddress -= kHeader;
+        RomHoleEntry& hole = desc.RomHoleTable[parent.RomHoleIndex];
+        const std::uint32_t grow = hole.StartAddress - (parent.HeaderAddress & ~0xFu);
+        hole.StartAddress -= grow;
+        hole.Size += grow;
+    }
+    if (ctx.options.VerboseMode) {
+        ctx.diag.Printf(
+            "  encountered link: parent = %s, # of siblings = %d\n   vendorID = %x, deviceID = "
+            "%x\n",
+            parent.FileName.c_str(), parent.LinkedRomCount - 1, link.Header.DestOffset(),
+            link.Header.DestSegment());
+        ctx.diag.Printf("    parents total size will be increased by %x\n", kHeader);
+    }
+}
+
+}  // namespace
+
+void SizeModule(BuildContext& ctx, std::uint32_t index) {
+    BuildDescription& desc = ctx.description;
+    ModuleEntry& m = desc.ModuleTable[index];
+    if (IsLinkedAddonRom(m)) {
+        AttachLinkedRom(ctx, m);
+        return;
+    }
+    ctx.layout.LinkParent =
+        m.Header.ModuleId() == kAddonRomId ? static_cast<std::uint8_t>(index) : kNoIndex;
+
+    std::uint64_t s = 0;
+    if (IsCompressedByBuild(m.Header.ModuleAttributes(), m.CompressionFlags)) {
+        std::uint32_t n = 0;
+        std::vector<std::uint8_t> buffer = ReadModuleFile(ctx, m.FileName, n);
+        const lzh::CompressResult result = CompressInPlace(ctx, buffer, n);
+        // Sizing counts two bytes beyond the compressed total; insertion stores the total
+        // alone, so the reserve shows only in PlacedSize (and in the room it reserves).
+        s = std::uint64_t{result.total} + 2;
+        // An encoder stopped by its output bound before the end of the input leaves a
+        // stream that does not decode to the file; such a module is stored as it is.
+        const bool cut_off = result.stopped && result.consumed < n;
+        if (cut_off || ((m.CompressionFlags & compression_flag::MinSize) && n <= s)) {
+            s = n;
+            m.Header.SetModuleAttributes(m.Header.ModuleAttributes() | module_attr::NotCompressed);
+        }
+    } else {
+        s = MeasureModuleFile(ctx, m.FileName);
+    }
+
+    if (m.MaxModuleSize != 0 && m.MaxModuleSize < s) {
+        ctx.diag.Fatal("MaxModuleSize is too small for this module");
+    }
+    if (m.MaxModuleSize != 0) s = m.MaxModuleSize;
+    s = (s + 3) & ~std::uint64_t{3};
+    if (m.Alignment != 0) s = s - 4 + m.Alignment;
+    const std::uint64_t placed = s + kHeader;
+    if (placed > 0xFFFFFFFFu) {
+        ctx.diag.Fatal(StrFormat(
+            "Module %s needs %llx bytes (maxmodulesize %x, alignment %x), more than a ROM "
+            "image can hold",
+            m.FileName.c_str(), static_cast<unsigned long long>(placed), m.MaxModuleSize,
+            m.Alignment));
+    }
+    m.PlacedSize = static_cast<std::uint32_t>(placed);
+
+    if (m.RomHoleIndex != kNoIndex && m.RomHoleIndex < desc.RomHoleTable.size()) {
+        // From the paragraph below the header to the paragraph boundary at or above the
+        // end of the data.
+        RomHoleEntry& hole = desc.RomHoleTable[m.RomHoleIndex];
+        const std::uint64_t span = std::uint64_t{m.StartAddress - hole.StartAddress} + s;
+        hole.Size = static_cast<std::uint32_t>((span + 15) & ~std::uint64_t{15});
+    }
+    if (ctx.options.VerboseMode) {
+        ctx.diag.Printf(" %s (module id %x) size will be %x\n", m.FileName.c_str(),
+                        m.Header.ModuleId(), m.PlacedSize);
+    }
+}
+
+}  // namespace fwforge

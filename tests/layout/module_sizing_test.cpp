@@ -1,0 +1,196 @@
+#include "layout/module_sizing.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+
+#include "layout/layout_fixture.h"
+
+namespace fwforge {
+namespace {
+
+using testing::LayoutFixture;
+using testing::RandomBytes;
+using testing::ReferenceCompress;
+using testing::Round4;
+
+std::vector<std::uint8_t> Text(std::size_t size) {
+    std::vector<std::uint8_t> bytes(size);
+    for (std::size_t i = 0; i < size; ++i) bytes[i] = "firmware module text "[i % 21];
+    return bytes;
+}
+
+// PlacedSize: data (compressed total + 2, or the file), MaxModuleSize, rounding to 4,
+// alignment reserve, 20-byte header.
+TEST(SizeModule, SizesFollowTheStoredForm) {
+    struct Case {
+        const char* what;
+        std::vector<std::uint8_t> bytes;
+        std::uint8_t attributes, flags;
+        std::uint32_t max_size;
+        std::uint8_t alignment;
+    } cases[] = {
+        {"uncompressed 0x1001", RandomBytes(0x1001, 1), 0x80, 0, 0, 0},
+        {"already compressed", RandomBytes(0x333, 2), 0x00, 0x01, 0, 0},
+        {"compressed text", Text(0x3000), 0x00, 0, 0, 0},
+        {"compressed, aligned 0x10", Text(0x3000), 0x00, 0, 0, 0x10},
+        {"uncompressed, aligned 7", RandomBytes(0x101, 3), 0x80, 0, 0, 7},
+        {"minsize, text", Text(0x3000), 0x00, 0x02, 0, 0},
+        {"minsize, random", RandomBytes(0x800, 4), 0x00, 0x02, 0, 0},
+        {"max size above data", RandomBytes(0x101, 5), 0x80, 0, 0x203, 0},
+        {"max size equal to file", RandomBytes(0x200, 6), 0x80, 0, 0x200, 0},
+    };
+    for (const Case& c : cases) {
+        LayoutFixture f;
+        const std::uint32_t m = f.AddModule("m.bin", c.bytes, 0x05, c.attributes);
+        f.Module(m).CompressionFlags = c.flags;
+        f.Module(m).MaxModuleSize = c.max_size;
+        f.Module(m).Alignment = c.alignment;
+        SizeModule(f.ctx, m);
+
+        std::uint64_t s = c.bytes.size();
+        bool stored = (c.attributes & 0x80) != 0;
+        if (!stored && !(c.flags & 0x01)) {
+            const auto ref = ReferenceCompress({c.bytes})[0].result;
+            s = ref.total + 2;
+            const bool cut_off = ref.stopped && ref.consumed < c.bytes.size();
+            if (cut_off || ((c.flags & 0x02) && c.bytes.size() <= s)) {
+                s = c.bytes.size();
+                stored = true;
+            }
+        }
+        if (c.max_size) s = c.max_size;
+        s = Round4(s);
+        if (c.alignment) s = s - 4 + c.alignment;
+        EXPECT_EQ(f.Module(m).PlacedSize, s + 20) << c.what;
+        EXPECT_EQ((f.Module(m).Header.ModuleAttributes() & 0x80) != 0, stored) << c.what;
+    }
+}
+
+TEST(SizeModule, WorkedSizes) {
+    LayoutFixture f;
+    const std::uint32_t m = f.AddModule("m.bin", RandomBytes(0x1001, 9), 0x05, 0x80);
+    SizeModule(f.ctx, m);
+    EXPECT_EQ(f.Module(m).PlacedSize, 0x1018u);
+}
+
+TEST(SizeModule, LinkedAddonRomsGrowTheirParent) {
+    LayoutFixture f;
+    f.ctx.options.VerboseMode = true;
+    const std::uint32_t parent = f.AddModule("vga.rom", RandomBytes(0x800, 3), 0x20, 0x80);
+    f.Module(parent).Header.SetDestOffset(0x8086);
+    f.Module(parent).Header.SetDestSegment(0x1234);
+    const std::uint32_t a = f.AddLink(0x10DE, 0x0001, 0x8086, 0x1234);
+    const std::uint32_t b = f.AddLink(0x10DE, 0x0002, 0x8086, 0x1234);
+    for (std::uint32_t m : {parent, a, b}) SizeModule(f.ctx, m);
+
+    EXPECT_EQ(f.Module(parent).PlacedSize, 0x814u + 2 * 20);
+    EXPECT_EQ(f.Module(parent).LinkedRomCount, 2);
+    EXPECT_EQ(f.Module(a).PlacementState, Placed);
+    EXPECT_EQ(f.Module(a).PlacedSize, 0u);
+    const std::string name = f.Module(parent).FileName;
+    EXPECT_EQ(f.Lines(), (std::vector<std::string>{
+                             " " + name + " (module id 20) size will be 814",
+                             "  encountered link: parent = " + name + ", # of siblings = 0",
+                             "   vendorID = 10de, deviceID = 1",
+                             "    parents total size will be increased by 14",
+                             "  encountered link: parent = " + name + ", # of siblings = 1",
+                             "   vendorID = 10de, deviceID = 2",
+                             "    parents total size will be increased by 14",
+                         }));
+}
+
+// Links to a parent with a start address move its header down and grow its
+// reservation downwards to the paragraph below the new header.
+TEST(SizeModule, LinksExtendAFixedParentsReservation) {
+    LayoutFixture f;
+    const std::uint32_t parent = f.AddModule("p.rom", RandomBytes(0x100, 3), 0x20, 0x80);
+    ModuleEntry& p = f.Module(parent);
+    p.StartAddress = 0xF0020;
+    p.HeaderAddress = 0xF000C;
+    p.RomHoleIndex = 0;
+    RomHoleEntry& hole = f.ctx.description.RomHoleTable[0];
+    hole.StartAddress = 0xF0000;
+    hole.Filler = 0;
+    hole.OwnerModule = 0;
+    f.ctx.description.RomHoleCount = 1;
+    SizeModule(f.ctx, parent);
+    EXPECT_EQ(hole.Size, 0x120u);
+    SizeModule(f.ctx, f.AddLink(1, 2, 3, 4));
+    EXPECT_EQ(p.HeaderAddress, 0xEFFF8u);
+    EXPECT_EQ(hole.StartAddress, 0xEFFF0u);
+    EXPECT_EQ(hole.Size, 0x130u);
+}
+
+TEST(SizeModule, FailuresEndTheRunWithTheirMessage) {
+    LayoutFixture f;
+    const std::string missing = f.dir.File("missing.bin");
+    struct Case {
+        const char* what;
+        std::function<void(LayoutFixture&)> setup;
+        std::string message;
+    } cases[] = {
+        {"link first", [](LayoutFixture& g) { g.AddLink(1, 2, 3, 4); },
+         "Link has no parent: "},
+        {"link after another id",
+         [](LayoutFixture& g) {
+             g.AddModule("a.bin", {1, 2, 3}, 0x05, 0x80);
+             g.AddLink(1, 2, 3, 4);
+         },
+         "Link has no parent: "},
+        {"missing file",
+         [&](LayoutFixture& g) {
+             g.AddModule("x.bin", {1}, 0x05, 0x80);
+             g.Module(0).FileName = missing;
+         },
+         "Cannot open module file: " + missing},
+        {"max below file",
+         [](LayoutFixture& g) {
+             g.AddModule("a.bin", RandomBytes(0x201, 1), 0x05, 0x80);
+             g.Module(0).MaxModuleSize = 0x200;
+         },
+         "MaxModuleSize is too small for this module"},
+        {"max below compressed",
+         [](LayoutFixture& g) {
+             const auto bytes = Text(0x2000);
+             g.AddModule("a.bin", bytes, 0x05, 0);
+             g.Module(0).MaxModuleSize = ReferenceCompress({bytes})[0].result.total + 1;
+         },
+         "MaxModuleSize is too small for this module"},
+        {"size past 32 bits",
+         [](LayoutFixture& g) {
+             g.AddModule("a.bin", {1, 2}, 0x05, 0x80);
+             g.Module(0).MaxModuleSize = 0xFFFFFFF0;
+             g.Module(0).Alignment = 0x20;
+         },
+         ""},
+    };
+    for (Case& c : cases) {
+        LayoutFixture g;
+        c.setup(g);
+        std::string fatal = g.FatalOf([&] {
+            for (std::uint32_t m = 0; m < g.ctx.description.ModuleCount; ++m) SizeModule(g.ctx, m);
+        });
+        if (c.message.empty()) {
+            c.message = "Module " + g.Module(0).FileName +
+                        " needs 100000020 bytes (maxmodulesize fffffff0, alignment 20), more "
+                        "than a ROM image can hold";
+        }
+        EXPECT_EQ(fatal, c.message) << c.what;
+        EXPECT_EQ(g.console.str(), "\nFATAL ERROR: " + c.message + "\n") << c.what;
+    }
+}
+
+// The limit is inclusive: MaxModuleSize equal to the compressed total + 2 is accepted.
+TEST(SizeModule, MaxModuleSizeEqualToTheSizeIsAccepted) {
+    LayoutFixture f;
+    const auto bytes = Text(0x2000);
+    const std::uint32_t m = f.AddModule("a.bin", bytes, 0x05, 0);
+    const std::uint32_t s = ReferenceCompress({bytes})[0].result.total + 2;
+    f.Module(m).MaxModuleSize = s;
+    SizeModule(f.ctx, m);
+    EXPECT_EQ(f.Module(m).PlacedSize, Round4(s) + 20);
+}
+
+}  // namespace
+}  // namespace fwforge

@@ -1,0 +1,124 @@
+#include "support/image_checks.h"
+
+#include <cstring>
+#include <set>
+
+#include "platform/byte_order.h"
+#include "platform/text_format.h"
+
+namespace fwforge::testing {
+namespace {
+
+constexpr std::uint32_t kEnd = 0xFFFFFFFF;
+
+std::uint32_t LinkTarget(std::span<const std::uint8_t> rom, std::uint32_t link, LinkForm form) {
+    if (form == LinkForm::Flat32) return link - 8;
+    const std::uint32_t address = (link >> 16) * 16 + (link & 0xFFFF);
+    return address - (0x100000u - static_cast<std::uint32_t>(rom.size())) - 8;
+}
+
+}  // namespace
+
+std::uint32_t SumDwords(std::span<const std::uint8_t> bytes) {
+    return SumDwords(bytes, 0, bytes.size());
+}
+
+std::uint32_t SumDwords(std::span<const std::uint8_t> rom, std::size_t start, std::size_t length) {
+    std::uint32_t sum = 0;
+    for (std::size_t i = 0; i < length; i += 4) {
+        for (std::size_t b = 0; b < 4 && start + i + b < rom.size(); ++b) {
+            sum += std::uint32_t(rom[start + i + b]) << (8 * b);
+        }
+    }
+    return sum;
+}
+
+std::uint32_t FindMainHeader(std::span<const std::uint8_t> rom) {
+    for (std::size_t at = rom.size() >= 22 ? rom.size() - 22 : 0; at >= 10; --at) {
+        if (std::memcmp(&rom[at], "ZELBIOSC", 8) == 0 && rom[at - 2] == 8 && rom[at - 1] == 10) {
+            return static_cast<std::uint32_t>(at);
+        }
+    }
+    return kEnd;
+}
+
+MainBiosCheck CheckMainBios(std::span<const std::uint8_t> rom, LinkForm form) {
+    MainBiosCheck check;
+    auto problem = [&](std::string text) { check.problems.push_back(std::move(text)); };
+    check.main_header = FindMainHeader(rom);
+    if (check.main_header == kEnd) {
+        problem("no main BIOS header");
+        return check;
+    }
+    const std::uint32_t end = check.main_header + 22;
+    check.length_field = load_le16(&rom[check.main_header + 12]);
+    const std::uint32_t covered =
+        check.length_field == 0xFFFF ? 0x7FFF8 : std::uint32_t{check.length_field} * 8;
+    if (covered > end) {
+        problem(StrFormat("main header region of %x bytes reaches below the image", covered));
+        return check;
+    }
+    check.region_start = end - covered;
+    if (SumDwords(rom, check.region_start, covered) != 0) {
+        problem("main header region does not sum to 0");
+    }
+
+    std::set<std::uint32_t> seen;
+    std::uint32_t link = load_le32(&rom[check.main_header + 18]);
+    std::uint32_t split_sum = 0;
+    std::uint32_t split_bytes = 0;
+    bool split_pending = false;
+    while (link != kEnd) {
+        const std::uint32_t h = LinkTarget(rom, link, form);
+        if (std::uint64_t{h} + 20 > rom.size()) {
+            problem(StrFormat("link %x leads outside the image", link));
+            return check;
+        }
+        if (!seen.insert(h).second) {
+            problem(StrFormat("chain loops at %x", h));
+            return check;
+        }
+        ChainEntry e;
+        e.header = h;
+        e.data_size = load_le32(&rom[h]);
+        e.data_size16 = load_le16(&rom[h + 12]);
+        e.module_id = rom[h + 14];
+        e.attributes = rom[h + 15];
+        e.dest_offset = load_le16(&rom[h + 16]);
+        e.dest_segment = load_le16(&rom[h + 18]);
+        check.chain.push_back(e);
+        if (e.data_size16 != (e.data_size < 0x10000 ? e.data_size : 0xFFFF)) {
+            problem(StrFormat("header at %x: DataSize16 %x for DataSize %x", h, e.data_size16,
+                              e.data_size));
+        }
+        const bool linked = e.attributes & 0x40;
+        const bool piece = e.attributes & 0x20;
+        // The last piece of a split module carries the whole module's DataSize; its own
+        // data is what the earlier pieces left.
+        std::uint32_t own = linked ? 0 : e.data_size;
+        if (split_pending && !linked && !piece) own = e.data_size - split_bytes;
+        if (std::uint64_t{h} + 20 + own > rom.size()) {
+            problem(StrFormat("module at %x reaches past the image", h));
+            return check;
+        }
+        const std::uint32_t data_sum = SumDwords(rom, h + 20, own);
+        if (piece) {
+            split_sum += data_sum;
+            split_bytes += own;
+            split_pending = true;
+        } else {
+            const std::uint32_t sum = SumDwords(rom, h, 20) + data_sum +
+                                      (split_pending && !linked ? split_sum : 0);
+            if (sum != 0) problem(StrFormat("module at %x does not sum to 0", h));
+            if (!linked) {
+                split_pending = false;
+                split_sum = 0;
+                split_bytes = 0;
+            }
+        }
+        link = load_le32(&rom[h + 8]);
+    }
+    return check;
+}
+
+}  // namespace fwforge::testing
