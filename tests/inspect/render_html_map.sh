@@ -1,14 +1,15 @@
 #!/usr/bin/env bash
-# Renders the HTML map of a test image with headless Chromium and checks that the page
+# Renders the HTML map of ROM images with headless Chromium and checks that each page
 # rendered and shows a box for every module.
-# Usage: render_html_map.sh FWFORGE_TESTS FWFORGE_INSPECT [IMAGE]
-# Without IMAGE the test binary writes its map fixture image. Exit 77 (skipped) when
-# Chromium is not installed.
+# Usage: render_html_map.sh BINARY_DIR [IMAGE]
+# Without IMAGE it renders the test binary's map fixture (every kind of item, split
+# modules and a non-critical block among them) and the bundled example as fwforge
+# builds it. Exit 77 (skipped) when Chromium is not installed.
 set -euo pipefail
 
-tests_bin=$1
-inspect_bin=$2
-image=${3:-}
+bin=$1
+tests_bin=$bin/tests/fwforge_tests
+inspect_bin=$bin/fwforge-inspect
 
 browser=$(command -v chromium || command -v chromium-browser || true)
 if [ -z "$browser" ]; then
@@ -19,26 +20,39 @@ fi
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-if [ -z "$image" ]; then
-    image=$work/map.rom
-    FWFORGE_INSPECT_MAP_FIXTURE=$image "$tests_bin" \
+images=()
+if [ $# -ge 2 ]; then
+    images=("$2")
+else
+    FWFORGE_INSPECT_MAP_FIXTURE=$work/fixture.rom "$tests_bin" \
         --gtest_filter=InspectMap.WritesTheImageForTheBrowserCheck >/dev/null
+    images+=("$work/fixture.rom")
+    example=$bin/examples/firmware
+    if [ -f "$example/bootblk.bin" ]; then
+        mkdir -p "$work/example/out"
+        cp "$example"/*.bin "$example"/*.rom "$example"/firmware.scr "$work/example/"
+        (cd "$work/example" && "$bin/fwforge" out firmware.scr >/dev/null)
+        images+=("$work/example/firmware.rom")
+    fi
 fi
 
-"$inspect_bin" map "$image" --html "$work/map.html"
-modules=$("$inspect_bin" list "$image" --json | grep -c '"index": ' || true)
-if [ "$modules" -lt 1 ]; then
-    echo "FAIL: the image lists no modules"
-    exit 1
-fi
+check_image() {
+    local image=$1
+    echo "== $image"
+    "$inspect_bin" map "$image" --html "$work/map.html"
+    modules=$("$inspect_bin" list "$image" --json | grep -c '"index": ' || true)
+    if [ "$modules" -lt 1 ]; then
+        echo "FAIL: the image lists no modules"
+        exit 1
+    fi
 
-run_browser() {
-    local profile
-    profile=$(mktemp -d "$work/profile.XXXXXX")
-    timeout 120 "$browser" --headless --no-sandbox --disable-gpu --disable-quic --no-first-run \
-        --disable-background-networking --disable-component-update --disable-sync \
-        --user-data-dir="$profile" --enable-logging=stderr --v=0 "$@" \
-        "file://$work/map.html"
+    run_browser() {
+        local profile
+        profile=$(mktemp -d "$work/profile.XXXXXX")
+        timeout 120 "$browser" --headless --no-sandbox --disable-gpu --disable-quic --no-first-run \
+            --disable-background-networking --disable-component-update --disable-sync \
+            --user-data-dir="$profile" --enable-logging=stderr --v=0 "$@" \
+            "file://$work/map.html"
 }
 
 run_browser --screenshot="$work/map.png" --window-size=1200,900 >/dev/null 2>"$work/shot.log"
@@ -78,3 +92,8 @@ if [ "$boxes" -ne "$modules" ]; then
     echo "FAIL: $modules modules but $boxes module boxes"; exit 1
 fi
 echo "PASS: the HTML map rendered with a box for every module"
+}
+
+for image in "${images[@]}"; do
+    check_image "$image"
+done
