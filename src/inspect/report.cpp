@@ -194,11 +194,11 @@ std::string ListText(std::span<const std::uint8_t> image, const ImageModel& mode
     std::vector<FreeRun> runs = FreeSpace(image, model);
     std::uint64_t total = 0;
     for (const FreeRun& r : runs) total += r.length;
-    out += StrFormat("\nFree space: %llx bytes in %zu runs of 0xFF", static_cast<unsigned long long>(total),
-                     runs.size());
+    out += StrFormat("\nFree space: %llx bytes of 0xFF in %zu %s", static_cast<unsigned long long>(total),
+                     runs.size(), runs.size() == 1 ? "run" : "runs");
     std::stable_sort(runs.begin(), runs.end(),
                      [](const FreeRun& a, const FreeRun& b) { return a.length > b.length; });
-    if (!runs.empty()) out += "; largest:";
+    if (!runs.empty()) out += runs.size() > 5 ? "; the five largest:" : runs.size() > 1 ? ", largest first:" : ":";
     out += "\n";
     for (std::size_t i = 0; i < runs.size() && i < 5; ++i) {
         out += "  " + Range(model, runs[i].offset, runs[i].length) + "\n";
