@@ -14,13 +14,14 @@ constexpr unsigned kNone = 0;
 constexpr unsigned kRootBase = kWindowSize;
 constexpr unsigned kNodeTableSize = kWindowSize + 256;  // internal nodes and roots
 constexpr unsigned kLeafLimit = 2 * kWindowSize;        // internal nodes and leaves
-// The chain of the children of node q whose edge starts with byte c is headed at
-// next[q + 16 * c + 16384]. The table reaches up to the last root's last byte.
+// The children of node q whose edge starts with byte c are in the chain headed at
+// next[16384 + head(q, c)]. A lookup walks the chain for the entry whose parent is q,
+// so head(q, c) must differ for every c of one q (then a chain holds at most one
+// child of any node); beyond that the function decides only how long the chains are,
+// never which child is found. 32768 heads keep most chains at one entry or none.
 constexpr unsigned kChainBase = 2 * kWindowSize;
-constexpr unsigned kChainStride = kWindowSize >> 9;  // 16
-constexpr unsigned kNextTableSize = 3 * kWindowSize + (kWindowSize / 512 + 1) * 255 + 1;
-static_assert(kNextTableSize == 28912);
-static_assert(kChainBase + (kNodeTableSize - 1) + kChainStride * 255 < kNextTableSize);
+constexpr unsigned kHeadBits = 15;
+constexpr unsigned kNextTableSize = kChainBase + (1u << kHeadBits);
 // A node's position with this bit set still has to be passed up to the node's parent.
 constexpr std::uint16_t kPassUpFlag = 0x8000;
 // Reading eight bytes at a time may look up to seven bytes past the last lookahead.
@@ -29,8 +30,11 @@ constexpr unsigned kCompareSlack = 8;
 // length - 1 bytes with the string after the match's source.
 constexpr unsigned kShortcutMinLength = 4;
 
+// The node scattered by Fibonacci hashing (the top bits of node times 2^32 / golden
+// ratio), plus the byte times an odd number: distinct modulo 2^15 for distinct bytes.
 unsigned ChainHead(unsigned node, std::uint8_t byte) {
-    return node + kChainStride * byte + kChainBase;
+    constexpr unsigned kHeadMask = (1u << kHeadBits) - 1;
+    return kChainBase + ((((node * 0x9E3779B1u) >> (32 - kHeadBits)) + byte * 0x3B5u) & kHeadMask);
 }
 
 // The first index from `from` on below `limit` at which a and b differ, else `limit`.

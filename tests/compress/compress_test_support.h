@@ -126,6 +126,40 @@ inline Bytes SyntheticBinary(std::size_t size, std::uint64_t seed) {
     return out;
 }
 
+// An executable-like mix: code-like records, text, noise, runs of padding, and copies
+// of earlier stretches (up to 1000 bytes, near and beyond the window's reach), so that
+// long matches, 256-byte matches, slides and unmatched stretches all occur.
+inline Bytes ExecutableMix(std::size_t size, std::uint64_t seed) {
+    Rng rng(seed);
+    Bytes out;
+    out.reserve(size + 1024);
+    while (out.size() < size) {
+        const std::uint32_t kind = rng.Below(10);
+        if (kind < 3) {
+            const Bytes part = SyntheticBinary(64 + rng.Below(1500), rng.Next());
+            out.insert(out.end(), part.begin(), part.end());
+        } else if (kind < 5) {
+            const Bytes part = SyntheticText(32 + rng.Below(800), rng.Next());
+            out.insert(out.end(), part.begin(), part.end());
+        } else if (kind == 5) {
+            for (std::uint32_t i = 0, n = 16 + rng.Below(400); i < n; ++i) {
+                out.push_back(static_cast<std::uint8_t>(rng.Next()));
+            }
+        } else if (kind == 6) {
+            out.insert(out.end(), 16 + rng.Below(700), static_cast<std::uint8_t>(rng.Below(2) ? 0 : 0xFF));
+        } else if (out.size() > 64) {
+            // A copy of an earlier stretch, sometimes with one byte changed.
+            const std::size_t back = 1 + rng.Below(static_cast<std::uint32_t>(std::min<std::size_t>(out.size(), 12000)));
+            const std::size_t from = out.size() - back;
+            const std::size_t n = std::min<std::size_t>(4 + rng.Below(1000), back);
+            for (std::size_t i = 0; i < n; ++i) out.push_back(out[from + i]);
+            if (rng.Below(3) == 0) out[out.size() - 1 - rng.Below(static_cast<std::uint32_t>(n))] ^= 0x20;
+        }
+    }
+    out.resize(size);
+    return out;
+}
+
 inline Bytes Filled(std::size_t size, std::uint8_t value) { return Bytes(size, value); }
 
 inline Bytes Repeated(std::string_view pattern, std::size_t size) {

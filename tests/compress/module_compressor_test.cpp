@@ -243,6 +243,11 @@ TEST(LzhEncoder, PinnedResultsOfAFixedCorpus) {
         {"pattern 50000", [] { return Repeated("0123456789abcdefghijklmnopqrstuvwxyz!", 50000); }, 209, 50000, 0xC8A31672},
         {"random 8448", [] { return RandomBytes(8448, 19); }, 8457, 8448, 0xE6C9969B},
         {"random 40000", [] { return RandomBytes(40000, 20); }, 40009, 40000, 0xA277820D},
+        // Large inputs: the window slides many times and every path of the tree is used.
+        {"text 300000", [] { return SyntheticText(300000, 22); }, 60096, 300000, 0x570C66AB},
+        {"exe mix 400000", [] { return ExecutableMix(400000, 23); }, 115615, 400000, 0x9786015E},
+        {"binary 250000", [] { return SyntheticBinary(250000, 24); }, 88953, 250000, 0xA23F700E},
+        {"zeros 300000", [] { return Filled(300000, 0); }, 166, 300000, 0x87F86793},
     };
     // With a token buffer of 4590 bytes the blocks are cut elsewhere.
     {
@@ -250,6 +255,15 @@ TEST(LzhEncoder, PinnedResultsOfAFixedCorpus) {
         const Bytes out = Compress(small, SyntheticBinary(60000, 21));
         EXPECT_EQ(out.size(), 20881u);
         EXPECT_EQ(Fnv1a(out), 0x5897C0ACu);
+    }
+    // One encoder for a sequence of large inputs: the second run starts on the window
+    // the first one left.
+    {
+        Encoder reused;
+        Compress(reused, ExecutableMix(200000, 25));
+        const Bytes out = Compress(reused, SyntheticText(150001, 26));
+        EXPECT_EQ(out.size(), 30157u);
+        EXPECT_EQ(Fnv1a(out), 0xF01617BBu);
     }
     std::string table;
     for (const auto& c : cases) {
