@@ -1,33 +1,26 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds FWFORGE and runs it on the bundled example
-# (examples/basic/basic.scr). The example's input files are generated here, into
-# build/example/input; the output goes to build/example/out.
+# Installs what is missing, builds FWFORGE with the bundled example's inputs, and runs it
+# on the example build script. Usage: scripts/run-example.sh [firmware|firmware2] [-v] [-c]
 set -euo pipefail
 cd "$(dirname "$0")/.."
+
+example=${1:-firmware}
+shift || true
 
 scripts/deps.sh
 scripts/build.sh
 
-work=build/example
-rm -rf "$work"
-mkdir -p "$work/input" "$work/out"
-
-# Deterministic filler files: `fill NAME SIZE TEXT` repeats TEXT up to SIZE bytes.
-fill() { yes "$3" | head -c "$2" > "$work/input/$1" || true; }
-fill BootBlk.bin 65536 "boot block code"
-fill Setup.bin 12000 "setup: menus, strings and tables"
-fill Logo.bin 3000 "logo pixels"
-fill VgaRom.bin 8192 "video option rom"
-
-echo "Running: build/fwforge out ../../examples/basic/basic.scr  (in $work)"
+# The build generated the inputs next to a copy of the script in the build tree.
+work=build/examples/$example
+[ -f "$work/$example.scr" ] || { echo "No example named $example"; exit 1; }
+mkdir -p "$work/out"
+echo "Running: fwforge out $example.scr $*   (in $work)"
 status=0
-(cd "$work" && ../fwforge out ../../examples/basic/basic.scr) || status=$?
+(cd "$work" && ../../fwforge out "$example.scr" "$@") || status=$?
 echo
 echo "Exit status: $status"
-echo "Output folder: $work/out"
-ls -l "$work/out"
-if [ -z "$(ls -A "$work/out")" ]; then
-    echo "(empty: this version of fwforge stops after reading the build script;"
-    echo " the image build joins in a later version)"
+if [ "$status" -eq 0 ]; then
+    echo "ROM image:          $work/$(awk 'BEGIN{RS="\r\n"} /^\[bios\]/{b=1} b && /^file/{print $3; exit}' "$work/$example.scr")"
+    echo "Boot block, info:   $(ls "$work"/out/* | tr '\n' ' ')"
 fi
 exit "$status"

@@ -4,11 +4,8 @@
 // description it left.
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <atomic>
 #include <filesystem>
-#include <fstream>
 #include <initializer_list>
 #include <sstream>
 #include <string>
@@ -16,37 +13,20 @@
 
 #include "driver/build_context.h"
 #include "script/script_reader.h"
+#include "support/test_files.h"
 
 namespace fwforge::script_test {
 
-class ScratchDir {
+// A temporary folder that takes scripts and files given as text.
+class ScratchDir : public testing::TempDir {
   public:
-    ScratchDir() {
-        static std::atomic<unsigned> counter{0};
-        path_ = std::filesystem::temp_directory_path() /
-                ("fwforge-script-" + std::to_string(::getpid()) + "-" + std::to_string(counter++));
-        std::filesystem::remove_all(path_);
-        std::filesystem::create_directories(path_);
-    }
-    ~ScratchDir() {
-        std::error_code ignored;
-        std::filesystem::remove_all(path_, ignored);
-    }
-    ScratchDir(const ScratchDir&) = delete;
-    ScratchDir& operator=(const ScratchDir&) = delete;
-
-    std::string Path(const std::string& name) const { return (path_ / name).string(); }
-    const std::filesystem::path& path() const { return path_; }
+    std::string Path(const std::string& name) const { return File(name); }
 
     std::string WriteBytes(const std::string& name, const std::string& bytes) const {
         const std::string file = Path(name);
-        std::ofstream out(file, std::ios::binary | std::ios::trunc);
-        out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+        testing::WriteText(file, bytes);
         return file;
     }
-
-  private:
-    std::filesystem::path path_;
 };
 
 // Each line followed by CR LF.

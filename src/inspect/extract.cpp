@@ -1,0 +1,305 @@
+#include "inspect/extract.h"
+
+#include <algorithm>
+
+#include "inspect/module_data.h"
+#include "layout/module_header.h"
+#include "platform/text_format.h"
+
+namespace fwforge::inspect {
+namespace {
+
+// The boot block file that fwforge reads is a 64 KB segment whose last BootBlockSize
+// bytes are the boot block; the bytes in front of it are never read.
+constexpr std::uint32_t kBootSegment = 0x10000;
+
+std::string Lower(std::string text) {
+    for (char& c : text) {
+        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+    }
+    return text;
+}
+
+// The tag stored in the boot block at BiosTagOffset, a zero-terminated text.
+std::string ReadTag(std::span<const std::uint8_t> image, const ImageModel& model) {
+    if (!model.boot_block_size) return {};
+    const std::uint32_t bb = *model.boot_block_size;
+    const std::uint32_t tag_offset = model.info.bios_tag_offset.value_or(0xFFE0);
+    if (tag_offset >= kBootSegment || kBootSegment - tag_offset > bb) return {};
+    std::size_t at = model.size - bb + (bb - (kBootSegment - tag_offset));
+    std::string tag;
+    for (; at < image.size() && image[at] != 0 && tag.size() < 11; ++at) {
+        const char c = static_cast<char>(image[at]);
+        if (c <= ' ' || c > '~') return {};  // not a tag the script could carry
+        tag += c;
+    }
+    return tag;
+}
+
+class ScriptWriter {
+public:
+    void Line(const std::string& text) { text_ += text + "\r\n"; }
+    void Key(const char* key, const std::string& value) { Line(std::string(key) + " = " + value); }
+    const std::string& text() const { return text_; }
+
+private:
+    std::string text_;
+};
+
+// The parent of the linked add-on ROM at chain position `i`: the nearest module before
+// it that is not a link.
+const Module* ParentOf(const std::vector<const Module*>& chain, std::size_t i) {
+    while (i > 0) {
+        --i;
+        if (!chain[i]->Linked()) return chain[i];
+    }
+    return nullptr;
+}
+
+}  // namespace
+
+std::string ModuleFileName(const ImageModel& model, const Module& m, const char* suffix) {
+    const std::uint32_t at = m.pieces.empty() ? m.header.offset : m.pieces.front().offset;
+    std::string area = "m";
+    if (m.area == ModuleArea::Ebb) area = "ebb";
+    if (m.area == ModuleArea::Ncb) area = StrFormat("ncb%d_", m.block + 1);
+    return StrFormat("%s%02d_id%02x_%x%s", area.c_str(), m.index, m.header.id, model.Address(at),
+                     suffix);
+}
+
+ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& model) {
+    ExtractPlan plan;
+    std::vector<std::string> module_files(model.modules.size());  // the file rebuild.scr names
+    std::vector<bool> recompress(model.modules.size(), false);
+
+    std::uint64_t budget = ModuleByteBudget(model);
+    for (std::size_t i = 0; i < model.modules.size(); ++i) {
+        const Module& m = model.modules[i];
+        if (m.Linked()) continue;
+        if (m.StoredLength() > budget) {
+            plan.problems.push_back({"image", "its modules claim far more data than the image "
+                                              "holds; the remaining modules are not extracted"});
+            break;
+        }
+        budget -= m.StoredLength();
+        std::vector<std::uint8_t> stored = m.StoredData(image);
+        if (!m.Compressed()) {
+            module_files[i] = ModuleFileName(model, m, ".bin");
+            plan.files.push_back({module_files[i], stored});
+            continue;
+        }
+        DecodeResult decoded = DecodeStoredData(stored);
+        // The stored data is what a rebuild takes (nowcompressed = yes): it is exactly
+        // the image's bytes, whatever the encoder would make of the original today.
+        module_files[i] = ModuleFileName(model, m, ".lh5");
+        plan.files.push_back({module_files[i], stored});
+        if (decoded.status == DecodeStatus::Ok) {
+            const std::string name = ModuleFileName(model, m, ".bin");
+            plan.files.push_back({name, std::move(decoded.bytes)});
+            // The boot block stamp is read from the original file of module 1B, so
+            // that one must be given decompressed and compressed again by the build.
+            if (m.header.id == kStampModuleId && m.area != ModuleArea::Ebb) {
+                module_files[i] = name;
+                recompress[i] = true;
+            }
+        } else {
+            plan.problems.push_back({DescribeModule(model, m),
+                                     "not decompressed: " + decoded.message});
+        }
+    }
+    if (model.info.module >= 0) {
+        // The image information data as fwforge writes it to its .inf file.
+        const Module& m = model.modules[model.info.module];
+        std::vector<std::uint8_t> raw = m.StoredData(image);
+        if (m.Compressed()) {
+            DecodeResult d = DecodeStoredData(raw);
+            if (d.status == DecodeStatus::Ok) raw = std::move(d.bytes);
+        }
+        // Stored data is padded to 4 bytes; the records tell where the data ends.
+        if (model.info.data_length != 0 && model.info.data_length <= raw.size()) {
+            raw.resize(model.info.data_length);
+        }
+        plan.files.push_back({"imageinfo.inf", std::move(raw)});
+    }
+
+    ScriptWriter s;
+    auto& lost = plan.lost;
+    s.Line("// Rebuild script written by fwforge-inspect. Run it from this folder:");
+    s.Line("//   fwforge . rebuild.scr");
+    std::string compat;
+    const std::uint8_t version =
+        model.info.rom_image_version.value_or(model.main ? model.main->version : 0);
+    const std::uint8_t flags = model.info.rom_image_flags.value_or(model.main ? model.main->flags : 0);
+    if (model.main && model.main->version == 0 && model.main->flags == 0 &&
+        (version != 0 || flags != 0)) {
+        s.Line("// The main BIOS header is in the compatibility form: add -c to the command.");
+        lost.push_back("the main BIOS header is in the compatibility form: run fwforge with -c");
+    }
+    s.Line("");
+
+    // Boot block.
+    s.Line("[init]");
+    if (model.boot_block_size && *model.boot_block_size <= kBootSegment) {
+        const std::uint32_t bb = *model.boot_block_size;
+        std::vector<std::uint8_t> segment(kBootSegment, 0);
+        std::copy(image.end() - bb, image.end(), segment.end() - bb);
+        plan.files.push_back({"bootblock.bin", std::move(segment)});
+    } else {
+        lost.push_back("the boot block: its size is unknown or above 64 KB (give --bbsize)");
+    }
+    s.Key("file", "bootblock.bin");
+    s.Key("checksumoffset", StrFormat("%08x", model.info.checksum_offset.value_or(0xE000)));
+    s.Key("biostagoffset", StrFormat("%08x", model.info.bios_tag_offset.value_or(0xFFE0)));
+    if (!model.info.checksum_offset) lost.push_back("checksum and tag offsets (defaults used)");
+    s.Line("");
+
+    // Sizes.
+    const std::uint32_t ebb = model.ebb ? model.ebb->length : 0;
+    std::uint32_t nvram = model.info.nvram_size.value_or(0);
+    if (!model.info.nvram_size && model.main && model.boot_block_size && !model.gap_placement) {
+        // In sequential placement the main BIOS header block sits right below it.
+        const std::uint64_t top = std::uint64_t(model.size) - *model.boot_block_size - ebb;
+        const std::uint64_t block_end = model.main->BlockStart() + std::uint64_t(main_header::kBlockSize);
+        if (top >= block_end) nvram = static_cast<std::uint32_t>(top - block_end);
+    } else if (!model.info.nvram_size) {
+        lost.push_back("the NVRAM size (0 used)");
+    }
+    std::string tag = ReadTag(image, model);
+    if (tag.empty()) {
+        lost.push_back("the BIOS tag (ROM used)");
+        tag = "ROM";
+    }
+    s.Line("[bios]");
+    s.Key("file", "rebuilt.rom");
+    s.Key("size", StrFormat("%08x", model.size));
+    s.Key("bbsize", StrFormat("%08x", model.boot_block_size.value_or(0)));
+    s.Key("nvramsize", StrFormat("%08x", nvram));
+    if (ebb) s.Key("maxebbsize", StrFormat("%08x", ebb));
+    s.Key("tag", Lower(tag));
+    s.Line("");
+    const bool force32 = (flags & 0x01) && model.size <= 0x100000;
+    if (version != 0 || force32 || model.size > 0x100000) {
+        s.Line("[romimage]");
+        s.Key("version", StrFormat("%x", version));
+        if (force32) s.Key("force32", "yes");
+        s.Line("");
+    }
+
+    // Modules: the EBB's first, so that the last [module] section of the script is a
+    // module of the main BIOS (the image information module takes the record after it).
+    auto write_module = [&](const std::vector<const Module*>& chain, std::size_t i,
+                            const std::string& region) {
+        const Module& m = *chain[i];
+        const std::size_t k = static_cast<std::size_t>(&m - model.modules.data());
+        s.Line("[module]");
+        s.Key("moduleid", StrFormat("%02x", m.header.id));
+        if (!m.Linked()) s.Key("file", module_files[k]);
+        if (m.header.id == kAddonRomModuleId) {
+            s.Key("vendorid", StrFormat("%04x", m.header.dest_offset));
+            s.Key("deviceid", StrFormat("%04x", m.header.dest_segment));
+        } else {
+            s.Key("destn", StrFormat("%04x:%04x", m.header.dest_segment, m.header.dest_offset));
+        }
+        if (m.Linked()) {
+            const Module* parent = ParentOf(chain, i);
+            if (parent) {
+                s.Key("link", "yes");
+                s.Key("linkvenid", StrFormat("%04x", parent->header.dest_offset));
+                s.Key("linkdevid", StrFormat("%04x", parent->header.dest_segment));
+                for (std::size_t j = 0; j < chain.size() && chain[j] != parent; ++j) {
+                    if (chain[j]->header.dest_offset == parent->header.dest_offset &&
+                        chain[j]->header.dest_segment == parent->header.dest_segment) {
+                        lost.push_back(DescribeModule(model, m) +
+                                       ": an earlier module has its parent's ids; the build "
+                                       "links it there");
+                        break;
+                    }
+                }
+            } else {
+                lost.push_back(DescribeModule(model, m) + ": linked add-on ROM without a parent");
+            }
+        }
+        if (m.header.attributes & module_attr::NotCompressed) s.Key("compressed", "no");
+        if (m.Compressed() && !recompress[k]) s.Key("nowcompressed", "yes");
+        if (m.Contiguous()) s.Key("contiguous", "yes");
+        if (m.area == ModuleArea::Main) {
+            for (const ImageInfoItemConstrained& c : model.info.constrained) {
+                if (c.insertion_index != m.index) continue;
+                if (c.alignment) s.Key("alignment", StrFormat("%x", c.alignment));
+                if (c.start_address != kEndOfChain) s.Key("startaddress", StrFormat("%08x", c.start_address));
+            }
+        }
+        if (!region.empty()) s.Key("romregion", region);
+        s.Line("");
+        if (recompress[k]) {
+            lost.push_back(DescribeModule(model, m) +
+                           ": given decompressed (it supplies the boot block stamp); the "
+                           "build compresses it again");
+        }
+    };
+    const auto ebb_modules = model.ModulesIn(ModuleArea::Ebb);
+    for (std::size_t i = 0; i < ebb_modules.size(); ++i) write_module(ebb_modules, i, "ebb");
+
+    auto main_modules = model.ModulesIn(ModuleArea::Main);
+    if (model.info.module >= 0) main_modules.pop_back();  // built by fwforge itself
+    // The script reader puts each link directly after its parent, ahead of the links
+    // read before it, so a parent's links are written in the reverse of chain order.
+    std::vector<std::size_t> order;
+    for (std::size_t i = 0; i < main_modules.size();) {
+        std::size_t j = i + 1;
+        while (j < main_modules.size() && main_modules[j]->Linked()) ++j;
+        order.push_back(i);
+        for (std::size_t l = j; l > i + 1; --l) order.push_back(l - 1);
+        i = j;
+    }
+    for (std::size_t i : order) write_module(main_modules, i, "");
+
+    for (std::size_t b = 0; b < model.ncbs.size(); ++b) {
+        const auto block = model.ModulesIn(ModuleArea::Ncb, static_cast<int>(b));
+        for (std::size_t i = 0; i < block.size(); ++i) {
+            write_module(block, i, StrFormat("ncb%zu", b + 1));
+        }
+    }
+
+    // ROM holes and non-critical blocks, from the image information module.
+    int hole_number = 0, block_number = 0;
+    for (const ImageInfoItemHole& hole : model.info.holes) {
+        s.Line(hole.kind == 2 ? "[noncriticalrom]" : "[romhole]");
+        if (hole.kind == 2) {
+            s.Key("name", StrFormat("ncb%d", ++block_number));
+        } else if (hole.kind == 1 && std::uint64_t(hole.start) + hole.size <= model.size) {
+            const std::string name = StrFormat("romhole%d.bin", ++hole_number);
+            plan.files.push_back(
+                {name, std::vector<std::uint8_t>(image.begin() + hole.start,
+                                                 image.begin() + hole.start + hole.size)});
+            s.Key("file", name);
+        }
+        if (hole.filler != 0xFF) s.Key("filler", StrFormat("%02x", hole.filler));
+        s.Key("startaddress", StrFormat("%08x", model.Address(hole.start)));
+        s.Key("size", StrFormat("%08x", hole.size));
+        s.Line("");
+    }
+    if (!model.ncbs.empty()) lost.push_back("the names of non-critical blocks (ncb1, ncb2, ... used)");
+    if (model.gap_placement) {
+        lost.push_back("the order of the [module] sections (gap placement places by size; "
+                       "chain order used)");
+    }
+    if (model.main && model.main->stamp != 0 &&
+        std::none_of(model.modules.begin(), model.modules.end(),
+                     [](const Module& m) { return m.header.id == kStampModuleId; })) {
+        lost.push_back(StrFormat("the boot block stamp %08x: no module 1B supplies it",
+                                 model.main->stamp));
+    }
+    for (const Module& m : model.modules) {
+        if (!m.Linked() && !m.Compressed()) {
+            lost.push_back("the exact file lengths of uncompressed modules (written as stored, "
+                           "padded to 4 bytes)");
+            break;
+        }
+    }
+    const std::string& text = s.text();
+    plan.files.push_back({"rebuild.scr", std::vector<std::uint8_t>(text.begin(), text.end())});
+    return plan;
+}
+
+}  // namespace fwforge::inspect

@@ -1,0 +1,32 @@
+#pragma once
+// `extract DIR`: every module's data as a file (decompressed where it is compressed,
+// split modules joined), the image information data, the boot block, ROM-hole
+// contents, and DIR/rebuild.scr, a build script that gives fwforge what it needs to
+// build the image again: byte for byte for an image built in sequential placement.
+
+#include <span>
+#include <string>
+#include <vector>
+
+#include "inspect/image_model.h"
+
+namespace fwforge::inspect {
+
+struct ExtractedFile {
+    std::string name;  // inside DIR
+    std::vector<std::uint8_t> bytes;
+};
+
+struct ExtractPlan {
+    std::vector<ExtractedFile> files;   // rebuild.scr last
+    std::vector<std::string> lost;      // what the image does not tell, for the report
+    std::vector<Finding> problems;      // modules that could not be decoded and the like
+};
+
+// Everything extract writes, without writing it.
+ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& model);
+
+// The file name of a module's data ("m03_id12_f3f14.bin"); `suffix` ".bin" or ".lh5".
+std::string ModuleFileName(const ImageModel& model, const Module& m, const char* suffix);
+
+}  // namespace fwforge::inspect

@@ -1,0 +1,185 @@
+#pragma once
+// What fwforge-inspect knows about a ROM image after reading it: the regions from the
+// top down, the module chains (main BIOS, Extended Boot Block, non-critical blocks),
+// the image information records, and every problem met while reading. The reader fills
+// it from the image bytes alone; verify, list, map, extract and diff only read it.
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace fwforge::inspect {
+
+// Signatures and fixed sizes of the structures the reader looks for.
+inline constexpr char kMainHeaderSignature[] = "ZELBIOSC";
+inline constexpr char kEbbSignature[] = "ZELEBBLK";
+inline constexpr char kNcbSignature[] = "ZELNCBLK";
+inline constexpr std::size_t kSignatureSize = 8;
+
+// The main BIOS header block: a 10-byte extension, the 22-byte header; offsets are
+// counted from the signature's first byte, the extension lies at negative offsets.
+namespace main_header {
+inline constexpr std::size_t kExtensionSize = 10;
+inline constexpr std::size_t kHeaderSize = 22;
+inline constexpr std::size_t kBlockSize = 32;  // extension + header, rounded up to 16
+inline constexpr std::ptrdiff_t RomImageVersion = -5;
+inline constexpr std::ptrdiff_t RomImageFlags = -4;
+inline constexpr std::ptrdiff_t ModuleHeaderExtension = -2;
+inline constexpr std::ptrdiff_t MainHeaderExtension = -1;
+inline constexpr std::size_t BootBlockStamp = 8;
+inline constexpr std::size_t Length = 12;  // units of 8 bytes; 0xFFFF when capped
+inline constexpr std::size_t Checksum = 14;
+inline constexpr std::size_t Link = 18;  // 32-bit, or offset word at 18 + segment at 20
+inline constexpr std::uint16_t kCappedLength = 0xFFFF;
+inline constexpr std::uint32_t kCappedRegion = 0x7FFF8;  // bytes summed when capped
+}  // namespace main_header
+
+// The 24-byte header of the Extended Boot Block and of every non-critical block.
+namespace block_header {
+inline constexpr std::size_t kSize = 24;
+inline constexpr std::size_t HeaderLength = 8;        // 16-bit, 24
+inline constexpr std::size_t HeaderChecksum = 10;     // 16-bit
+inline constexpr std::size_t BlockLength = 12;        // 32-bit
+inline constexpr std::size_t BlockChecksum = 16;      // 32-bit
+inline constexpr std::size_t FirstModuleOffset = 20;  // 32-bit, 0x20 or 0xFFFFFFFF
+}  // namespace block_header
+
+inline constexpr std::uint32_t kEndOfChain = 0xFFFFFFFF;
+inline constexpr std::uint8_t kImageInfoModuleId = 0x80;
+inline constexpr std::uint8_t kAddonRomModuleId = 0x20;
+inline constexpr std::uint8_t kStampModuleId = 0x1B;
+
+enum class LinkForm { Auto, Bits16, Bits32 };
+
+struct InspectOptions {
+    LinkForm link_form = LinkForm::Auto;
+    std::optional<std::uint32_t> boot_block_size;  // --bbsize
+};
+
+// One problem found in the image: what part of the image, and what is wrong with it.
+struct Finding {
+    std::string where;
+    std::string what;
+};
+
+// One 20-byte module header as it stands in the image.
+struct HeaderView {
+    std::uint32_t offset = 0;  // image offset of the header's first byte
+    std::uint32_t data_size = 0;
+    std::uint32_t checksum = 0;
+    std::uint32_t next_link = 0;
+    std::uint16_t data_size16 = 0;
+    std::uint8_t id = 0;
+    std::uint8_t attributes = 0;
+    std::uint16_t dest_offset = 0;   // or PCI vendor id
+    std::uint16_t dest_segment = 0;  // or PCI device id
+};
+
+// A range of data bytes in the image.
+struct Piece {
+    std::uint32_t offset = 0;
+    std::uint32_t length = 0;
+};
+
+enum class ModuleArea { Main, Ebb, Ncb };
+
+// One module: a header with its data, a linked add-on ROM header, or a split module
+// (its SplitPiece headers and the last piece, which carries the module's full header).
+struct Module {
+    ModuleArea area = ModuleArea::Main;
+    int block = -1;  // index into ImageModel::ncbs for ModuleArea::Ncb
+    int index = 0;   // position in its chain, counting a split module once
+    HeaderView header;                  // the full header (the last piece's for a split)
+    std::vector<HeaderView> piece_headers;  // SplitPiece headers, in chain order
+    std::vector<Piece> pieces;              // data of the module, in order
+    bool truncated = false;                 // data would run past its area; cut
+
+    bool Compressed() const;
+    bool Linked() const;
+    bool Split() const { return !piece_headers.empty(); }
+    bool Contiguous() const;
+    std::uint32_t StoredLength() const;  // sum of the piece lengths
+    // The module's stored bytes, pieces joined.
+    std::vector<std::uint8_t> StoredData(std::span<const std::uint8_t> image) const;
+};
+
+// A region found by its signature: the Extended Boot Block or a non-critical block.
+struct Block {
+    std::uint32_t offset = 0;
+    std::uint32_t length = 0;  // BlockLength, cut to the image
+    std::uint16_t header_checksum = 0;
+    std::uint32_t block_checksum = 0;
+    std::uint32_t first_module = 0;
+};
+
+struct ImageInfoItemConstrained {  // record 0x40
+    std::uint8_t insertion_index = 0;
+    std::uint8_t alignment = 0;
+    std::uint32_t start_address = 0;
+};
+
+struct ImageInfoItemHole {  // record 0x50
+    std::uint8_t kind = 0;  // 0 filler, 1 file, 2 non-critical block
+    std::uint8_t filler = 0;
+    std::uint32_t start = 0;  // image offset
+    std::uint32_t size = 0;
+};
+
+struct ImageInfo {
+    int module = -1;  // index into ImageModel::modules
+    std::string tool_version;
+    std::size_t data_length = 0;  // end of the last record: the data without padding
+    std::optional<std::uint8_t> rom_image_version, rom_image_flags;
+    std::optional<std::uint32_t> bios_tag_offset, checksum_offset;
+    std::optional<std::uint32_t> boot_area_size, nvram_size;  // BootBlockSize + MaxEbbSize
+    std::vector<ImageInfoItemConstrained> constrained;
+    std::vector<ImageInfoItemHole> holes;
+};
+
+struct MainHeader {
+    std::uint32_t signature = 0;  // image offset of "ZELBIOSC"
+    std::uint8_t version = 0, flags = 0;
+    std::uint8_t module_extension = 0, main_extension = 0;
+    std::uint32_t stamp = 0;
+    std::uint16_t length = 0;
+    std::uint32_t checksum = 0;
+    std::uint32_t link = 0;
+    std::uint32_t End() const { return signature + 22; }
+    std::uint32_t BlockStart() const { return signature - 10; }
+};
+
+struct ImageModel {
+    std::uint32_t size = 0;
+    std::uint32_t address_base = 0;  // ROM address of image offset 0 (main chain form)
+    bool links32 = false;
+    std::optional<MainHeader> main;
+    std::vector<Module> modules;  // main chain, then the EBB's, then each block's
+    std::optional<Block> ebb;
+    std::vector<Block> ncbs;
+    ImageInfo info;
+    std::optional<std::uint32_t> boot_block_size;
+    std::optional<std::uint32_t> nvram_offset, nvram_size;
+    bool gap_placement = false;
+    std::vector<Finding> problems;  // structural problems met while reading
+    std::vector<std::string> notes;  // how the reader decided what it could not see
+
+    std::uint32_t Address(std::uint32_t offset) const { return offset + address_base; }
+    std::vector<const Module*> ModulesIn(ModuleArea area, int block = -1) const;
+};
+
+// How many module bytes the checks of one image may read or write in all. A built
+// image's modules never overlap, so their data fits the image; a crafted chain of
+// headers that all claim the rest of the image would otherwise cost its size squared.
+inline std::uint64_t ModuleByteBudget(const ImageModel& model) {
+    return 8ull * model.size + (std::uint64_t(16) << 20);
+}
+
+// Reads the image. Never fails: what cannot be read is a problem in the model.
+ImageModel ReadImage(std::span<const std::uint8_t> image, const InspectOptions& options);
+
+// "module #3 (id 12)" and the like, for messages.
+std::string DescribeModule(const ImageModel& model, const Module& module);
+
+}  // namespace fwforge::inspect

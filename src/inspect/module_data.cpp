@@ -1,0 +1,59 @@
+#include "inspect/module_data.h"
+
+#include "compress/lzh_decoder.h"
+#include "compress/lzh_format.h"
+#include "platform/byte_order.h"
+#include "platform/text_format.h"
+
+namespace fwforge::inspect {
+namespace {
+
+// A forged original size must not make the inspector decode gigabytes: an lh5 block
+// can describe megabytes in a few bytes. No firmware module comes near this.
+constexpr std::uint32_t kLargestOriginal = 64u << 20;
+
+}  // namespace
+
+DecodeResult DecodeStoredData(std::span<const std::uint8_t> stored) {
+    namespace header = lzh::compressed_data_header;
+    DecodeResult r;
+    if (stored.size() < lzh::kCompressedOverhead) {
+        r.status = DecodeStatus::BadHeader;
+        r.message = StrFormat("%zx bytes are too few for compressed data", stored.size());
+        return r;
+    }
+    r.total = load_le32(stored.data() + header::TotalSize.offset);
+    r.original = load_le32(stored.data() + header::OriginalSize.offset);
+    if (r.total < lzh::kCompressedOverhead || r.total > stored.size()) {
+        r.status = DecodeStatus::BadHeader;
+        r.message = StrFormat("total size %x does not fit the %zx stored bytes", r.total,
+                              stored.size());
+        return r;
+    }
+    if (r.original > kLargestOriginal) {
+        r.status = DecodeStatus::Malformed;
+        r.message = StrFormat("original size %x is beyond what is decoded here (%x)", r.original,
+                              kLargestOriginal);
+        return r;
+    }
+    // The encoder stops when its output would outgrow the input it has read; its total
+    // is then exactly what it read + 9, and the stream ends wherever it was cut.
+    const bool stopped_size = r.total == r.original + lzh::kCompressedOverhead;
+    std::string error;
+    auto bytes = lzh::DecodeLh5(
+        stored.subspan(header::kSize, r.total - lzh::kCompressedOverhead), r.original, &error);
+    if (bytes) {
+        r.status = DecodeStatus::Ok;
+        r.bytes = std::move(*bytes);
+        if (stored[r.total - 1] != 0x00) {
+            r.status = DecodeStatus::Malformed;
+            r.message = StrFormat("the closing byte is %02x, not 00", stored[r.total - 1]);
+        }
+        return r;
+    }
+    r.status = stopped_size ? DecodeStatus::CutOff : DecodeStatus::Malformed;
+    r.message = error;
+    return r;
+}
+
+}  // namespace fwforge::inspect

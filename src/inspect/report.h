@@ -1,0 +1,39 @@
+#pragma once
+// The `list` and `verify` reports, as text for people and as JSON for scripts.
+
+#include <cstdint>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "inspect/image_model.h"
+#include "inspect/verify.h"
+
+namespace fwforge::inspect {
+
+// A run of 0xFF bytes outside every item of the image.
+struct FreeRun {
+    std::uint32_t offset = 0;
+    std::uint32_t length = 0;
+};
+
+// Runs shorter than this are padding between items, not free space.
+inline constexpr std::uint32_t kMinFreeRun = 16;
+
+// Free runs in address order.
+std::vector<FreeRun> FreeSpace(std::span<const std::uint8_t> image, const ImageModel& model);
+
+// "compressed, contiguous" and the like.
+std::string DescribeAttributes(const Module& m);
+// "f000:8000", or "PCI 8086:1234" for an add-on ROM.
+std::string DescribeDestination(const Module& m);
+
+std::string ListText(std::span<const std::uint8_t> image, const ImageModel& model);
+std::string ListJson(std::span<const std::uint8_t> image, const ImageModel& model);
+std::string VerifyText(const VerifyReport& report);
+std::string VerifyJson(const VerifyReport& report);
+
+// A JSON string literal.
+std::string JsonString(const std::string& text);
+
+}  // namespace fwforge::inspect

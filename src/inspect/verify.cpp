@@ -1,0 +1,312 @@
+#include "inspect/verify.h"
+
+#include <algorithm>
+
+#include "inspect/module_data.h"
+#include "layout/checksum.h"
+#include "layout/module_header.h"
+#include "platform/byte_order.h"
+#include "platform/text_format.h"
+
+namespace fwforge::inspect {
+namespace {
+
+using Bytes = std::span<const std::uint8_t>;
+
+std::string ModuleName(const ImageModel& model, const Module& m) {
+    return DescribeModule(model, m) + StrFormat(" at %x", model.Address(m.header.offset));
+}
+
+void CheckModule(Bytes image, const ImageModel& model, const Module& m,
+                 std::uint32_t carried_split_sum, VerifyReport& report) {
+    if (m.truncated) return;  // already reported by the reader
+    const std::string name = ModuleName(model, m);
+    ++report.checks;
+    std::uint32_t sum;
+    if (m.Linked()) {
+        sum = DwordSum(image, m.header.offset, module_header::kSize);
+    } else if (m.Split()) {
+        // The pieces' headers carry no checksum; the last one covers its own 20 bytes
+        // and the data of every piece.
+        sum = DwordSum(image, m.header.offset, module_header::kSize);
+        for (const Piece& p : m.pieces) sum += DwordSum(image, p.offset, p.length);
+    } else {
+        sum = DwordSum(image, m.header.offset, module_header::kSize + std::size_t(m.header.data_size));
+        // The first module of a non-critical block is sealed while the main chain's
+        // last split module is still pending; with no module after it in its block it
+        // keeps that seal, which counts the split data instead of its own.
+        if (sum != 0 && carried_split_sum != 0 &&
+            DwordSum(image, m.header.offset, module_header::kSize) + carried_split_sum == 0) {
+            sum = 0;
+        }
+    }
+    if (sum != 0) {
+        report.problems.push_back(
+            {name, StrFormat("checksum %08x does not match: covered bytes sum to %08x, not 0",
+                             m.header.checksum, sum)});
+    }
+    const std::uint16_t expect16 =
+        m.header.data_size < 0x10000 ? static_cast<std::uint16_t>(m.header.data_size) : 0xFFFF;
+    ++report.checks;
+    if (m.header.data_size16 != expect16) {
+        report.problems.push_back(
+            {name, StrFormat("16-bit data size %04x does not match data size %x",
+                             m.header.data_size16, m.header.data_size)});
+    }
+    if (m.Compressed()) {
+        ++report.checks;
+        const DecodeResult d = DecodeStoredData(m.StoredData(image));
+        switch (d.status) {
+            case DecodeStatus::Ok:
+                break;
+            case DecodeStatus::Unavailable:
+                report.notes.push_back(name + ": not decoded (" + d.message + ")");
+                break;
+            case DecodeStatus::CutOff:
+                report.problems.push_back(
+                    {name, StrFormat("compressed stream is cut off by the encoder's output "
+                                     "bound (total %x = original size %x + 9): not decodable",
+                                     d.total, d.original)});
+                break;
+            case DecodeStatus::BadHeader:
+            case DecodeStatus::Malformed:
+                report.problems.push_back({name, "compressed data not decodable: " + d.message});
+                break;
+        }
+    }
+}
+
+// The main BIOS header's region, with every ROM hole and non-critical block counted as
+// 0xFF: they are filled after the checksum is set.
+void CheckMainRegion(Bytes image, const ImageModel& model, VerifyReport& report) {
+    const MainHeader& h = *model.main;
+    const std::string name = StrFormat("main BIOS header at %x", model.Address(h.signature));
+    ++report.checks;
+    if (h.main_extension != main_header::kExtensionSize) {
+        report.problems.push_back(
+            {name, StrFormat("main header extension size is %u, expected 10", h.main_extension)});
+    }
+    if (h.length == 0) {
+        report.problems.push_back({name, "length is 0"});
+        return;
+    }
+    const std::uint32_t length = h.length == main_header::kCappedLength
+                                     ? main_header::kCappedRegion
+                                     : std::uint32_t(h.length) * 8;
+    if (length > h.End()) return;  // reported by the reader
+    const std::uint32_t begin = h.End() - length;
+    std::vector<std::uint8_t> region(image.begin() + begin, image.begin() + h.End());
+    auto blank = [&](std::uint64_t from, std::uint64_t size) {
+        const std::uint64_t lo = std::max<std::uint64_t>(from, begin);
+        const std::uint64_t hi = std::min<std::uint64_t>(from + size, h.End());
+        for (std::uint64_t i = lo; i < hi; ++i) region[i - begin] = 0xFF;
+    };
+    for (const ImageInfoItemHole& hole : model.info.holes) blank(hole.start, hole.size);
+    for (const Block& b : model.ncbs) blank(b.offset, b.length);
+    const std::uint32_t sum = DwordSum(region, 0, region.size());
+    if (sum != 0) {
+        report.problems.push_back(
+            {name + StrFormat(" (region %x-%x)", model.Address(begin), model.Address(h.End() - 1)),
+             StrFormat("checksum %08x does not match: region sums to %08x, not 0", h.checksum,
+                       sum)});
+    }
+}
+
+void CheckEbb(Bytes image, const ImageModel& model, VerifyReport& report) {
+    const Block& b = *model.ebb;
+    const std::string name = StrFormat("EBB at %x", model.Address(b.offset));
+    std::vector<std::uint8_t> header(image.begin() + b.offset,
+                                     image.begin() + b.offset + block_header::kSize);
+    store_le16(&header[block_header::HeaderChecksum], 0);
+    ++report.checks;
+    // Taken over the header with BlockChecksum in place, low 16 bits of a dword sum.
+    const std::uint16_t expect = static_cast<std::uint16_t>(DwordChecksum(header, 0, header.size()));
+    if (expect != b.header_checksum) {
+        report.problems.push_back({name, StrFormat("header checksum %04x does not match (%04x)",
+                                                   b.header_checksum, expect)});
+    }
+    std::vector<std::uint8_t> block(image.begin() + b.offset, image.begin() + b.offset + b.length);
+    store_le16(&block[block_header::HeaderChecksum], 0);
+    store_le32(&block[block_header::BlockChecksum], 0);
+    ++report.checks;
+    const std::uint32_t expect_block = DwordChecksum(block, 0, block.size());
+    if (expect_block != b.block_checksum) {
+        report.problems.push_back({name, StrFormat("block checksum %08x does not match (%08x)",
+                                                   b.block_checksum, expect_block)});
+    }
+    if (model.boot_block_size) {
+        ++report.checks;
+        const std::uint64_t end = std::uint64_t(b.offset) + b.length;
+        if (end != model.size - *model.boot_block_size) {
+            report.problems.push_back(
+                {name, StrFormat("ends at %llx, not at the boot block (%x)",
+                                 static_cast<unsigned long long>(end),
+                                 model.size - *model.boot_block_size)});
+        }
+    }
+}
+
+void CheckNcb(Bytes image, const ImageModel& model, std::size_t i, VerifyReport& report) {
+    const Block& b = model.ncbs[i];
+    const std::string name =
+        StrFormat("non-critical block %zu at %x", i + 1, model.Address(b.offset));
+    std::vector<std::uint8_t> block(image.begin() + b.offset, image.begin() + b.offset + b.length);
+    ++report.checks;
+    std::uint16_t words = 0;
+    for (std::size_t at = 0; at < block_header::kSize; at += 2) {
+        if (at != block_header::HeaderChecksum) words += load_le16(&block[at]);
+    }
+    const auto expect = static_cast<std::uint16_t>(0u - words);
+    if (expect != b.header_checksum) {
+        report.problems.push_back({name, StrFormat("header checksum %04x does not match (%04x)",
+                                                   b.header_checksum, expect)});
+    }
+    store_le16(&block[block_header::HeaderChecksum], 0);
+    store_le32(&block[block_header::BlockChecksum], 0);
+    ++report.checks;
+    const std::uint32_t expect_block = DwordChecksum(block, 0, block.size());
+    if (expect_block != b.block_checksum) {
+        report.problems.push_back({name, StrFormat("block checksum %08x does not match (%08x)",
+                                                   b.block_checksum, expect_block)});
+    }
+}
+
+void CheckOverlaps(const ImageModel& model, VerifyReport& report) {
+    std::vector<Extent> items = TopLevelExtents(model);
+    // Modules inside blocks only need to stay apart from each other.
+    auto add_block = [&](ModuleArea area, int block) {
+        std::vector<Extent> inner;
+        for (const Module* m : model.ModulesIn(area, block)) {
+            const std::uint32_t end =
+                m->pieces.empty() ? m->header.offset + 20 : m->pieces.back().offset + m->pieces.back().length;
+            inner.push_back({m->header.offset, end, DescribeModule(model, *m)});
+        }
+        std::sort(inner.begin(), inner.end(),
+                  [](const Extent& a, const Extent& b) { return a.begin < b.begin; });
+        items.insert(items.end(), inner.begin(), inner.end());
+    };
+    ++report.checks;
+    auto scan = [&](std::vector<Extent> list) {
+        std::sort(list.begin(), list.end(), [](const Extent& a, const Extent& b) {
+            return a.begin != b.begin ? a.begin < b.begin : a.end > b.end;
+        });
+        // Each item against the one reaching furthest up among those before it.
+        std::size_t reach = 0;
+        for (std::size_t i = 1; i < list.size(); ++i) {
+            const Extent& before = list[reach];
+            if (before.end > list[i].begin) {
+                report.problems.push_back(
+                    {list[i].name, StrFormat("overlaps %s (%x-%x)", before.name.c_str(),
+                                             model.Address(before.begin), model.Address(before.end - 1))});
+            }
+            if (list[i].end > before.end) reach = i;
+        }
+    };
+    scan(items);
+    items.clear();
+    add_block(ModuleArea::Ebb, -1);
+    scan(items);
+    for (std::size_t i = 0; i < model.ncbs.size(); ++i) {
+        items.clear();
+        add_block(ModuleArea::Ncb, static_cast<int>(i));
+        scan(items);
+    }
+}
+
+}  // namespace
+
+std::vector<Extent> MergedCover(std::vector<Extent> extents) {
+    std::sort(extents.begin(), extents.end(),
+              [](const Extent& a, const Extent& b) { return a.begin < b.begin; });
+    std::vector<Extent> merged;
+    for (const Extent& e : extents) {
+        if (e.end <= e.begin) continue;
+        if (!merged.empty() && e.begin <= merged.back().end) {
+            merged.back().end = std::max(merged.back().end, e.end);
+        } else {
+            merged.push_back({e.begin, e.end, ""});
+        }
+    }
+    return merged;
+}
+
+std::vector<Extent> TopLevelExtents(const ImageModel& model, bool with_modules) {
+    std::vector<Extent> items;
+    auto add = [&](std::uint64_t begin, std::uint64_t size, std::string name) {
+        if (size == 0 || begin >= model.size) return;
+        const std::uint64_t end = std::min<std::uint64_t>(begin + size, model.size);
+        items.push_back({static_cast<std::uint32_t>(begin), static_cast<std::uint32_t>(end),
+                         std::move(name)});
+    };
+    if (model.boot_block_size) {
+        add(model.size - *model.boot_block_size, *model.boot_block_size, "boot block");
+    }
+    if (model.ebb) add(model.ebb->offset, model.ebb->length, "Extended Boot Block");
+    if (model.nvram_offset) add(*model.nvram_offset, *model.nvram_size, "NVRAM area");
+    if (model.main) add(model.main->BlockStart(), main_header::kBlockSize, "main BIOS header");
+    for (const Module& m : model.modules) {
+        if (m.area != ModuleArea::Main || !with_modules) continue;
+        const std::string name = DescribeModule(model, m);
+        for (std::size_t i = 0; i < m.piece_headers.size(); ++i) {
+            add(m.piece_headers[i].offset, 20 + std::uint64_t(m.pieces[i].length),
+                name + StrFormat(" piece %zu", i + 1));
+        }
+        const std::uint64_t data = m.Linked() ? 0 : m.pieces.back().length;
+        add(m.header.offset, 20 + data, m.Split() ? name + " last piece" : name);
+    }
+    for (std::size_t i = 0; i < model.ncbs.size(); ++i) {
+        add(model.ncbs[i].offset, model.ncbs[i].length, StrFormat("non-critical block %zu", i + 1));
+    }
+    for (const ImageInfoItemHole& hole : model.info.holes) {
+        if (hole.kind == 2) continue;  // listed as the block itself
+        add(hole.start, hole.size, hole.kind == 1 ? "ROM hole (file)" : "ROM hole");
+    }
+    std::sort(items.begin(), items.end(),
+              [](const Extent& a, const Extent& b) { return a.begin < b.begin; });
+    return items;
+}
+
+VerifyReport Verify(std::span<const std::uint8_t> image, const ImageModel& model) {
+    VerifyReport report;
+    report.problems = model.problems;
+    if (model.main) CheckMainRegion(image, model, report);
+    // The split module whose data sum is still pending when the first non-critical
+    // block is built: the last one of the main chain, if it ends the chain.
+    std::uint32_t carried = 0;
+    const auto main_modules = model.ModulesIn(ModuleArea::Main);
+    if (!main_modules.empty() && main_modules.back()->Split()) {
+        for (const Piece& p : main_modules.back()->pieces) carried += DwordSum(image, p.offset, p.length);
+    }
+    std::uint64_t budget = ModuleByteBudget(model);
+    int previous_block = -1;
+    for (const Module& m : model.modules) {
+        const std::uint64_t cost = m.StoredLength() + 20ull;
+        if (cost > budget) {
+            report.problems.push_back({"image", "its modules claim far more data than the image "
+                                                "holds; the remaining module checks are skipped"});
+            break;
+        }
+        budget -= cost;
+        const bool first_in_block = m.area == ModuleArea::Ncb && m.block != previous_block;
+        if (m.area == ModuleArea::Ncb) previous_block = m.block;
+        CheckModule(image, model, m, first_in_block ? carried : 0, report);
+    }
+    if (model.ebb) CheckEbb(image, model, report);
+    for (std::size_t i = 0; i < model.ncbs.size(); ++i) CheckNcb(image, model, i, report);
+    if (model.boot_block_size) {
+        ++report.checks;
+        const std::uint32_t bb = *model.boot_block_size;
+        const std::uint32_t sum = DwordSum(image, model.size - bb, bb);
+        if (sum != 0) {
+            report.problems.push_back(
+                {StrFormat("boot block (%x bytes at %x)", bb, model.Address(model.size - bb)),
+                 StrFormat("dword sum is %08x, not 0", sum)});
+        }
+    } else {
+        report.notes.push_back("boot block not checked: its size is unknown (give --bbsize)");
+    }
+    CheckOverlaps(model, report);
+    return report;
+}
+
+}  // namespace fwforge::inspect

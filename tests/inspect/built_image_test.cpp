@@ -1,0 +1,274 @@
+// The inspector on images that fwforge itself builds: they verify clean, extracting
+// gives back every module file, rebuild.scr rebuilds them byte for byte, flipped bytes
+// are found and named, and diff names the one module that differs.
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <sstream>
+
+#include "driver/main_flow.h"
+#include "inspect/diff.h"
+#include "inspect/extract.h"
+#include "inspect/image_model.h"
+#include "inspect/inspect_cli.h"
+#include "inspect/report.h"
+#include "inspect/verify.h"
+#include "platform/byte_order.h"
+#include "platform/text_format.h"
+#include "support/test_files.h"
+
+namespace fwforge::inspect {
+namespace {
+
+namespace fs = std::filesystem;
+using fwforge::testing::ReadBytes;
+using fwforge::testing::TempDir;
+using fwforge::testing::WriteBytes;
+using fwforge::testing::WriteText;
+using fwforge::testing::WithCrLf;
+
+// Runs fwforge in `folder`, where build scripts find their files.
+int Build(const fs::path& folder, std::vector<const char*> args, std::string& console) {
+    const fs::path before = fs::current_path();
+    fs::current_path(folder);
+    std::ostringstream out;
+    args.insert(args.begin(), "fwforge");
+    const int status = RunMainFlow(static_cast<int>(args.size()), args.data(), out);
+    fs::current_path(before);
+    console = out.str();
+    return status;
+}
+
+int Inspect(std::vector<const char*> args, std::string& console) {
+    std::ostringstream out;
+    args.insert(args.begin(), "fwforge-inspect");
+    const int status = RunInspect(static_cast<int>(args.size()), args.data(), out);
+    console = out.str();
+    return status;
+}
+
+// Module contents that compress somewhat, like code and tables do.
+std::vector<std::uint8_t> Content(std::size_t size, std::uint32_t seed) {
+    std::vector<std::uint8_t> v(size);
+    const auto noise = fwforge::testing::RandomBytes(size, seed);
+    for (std::size_t i = 0; i < size; ++i) {
+        v[i] = (i / 7) % 5 == 0 ? noise[i] : static_cast<std::uint8_t>("mov ax, [bx+si]; "[i % 17]);
+    }
+    return v;
+}
+
+// A boot block segment table whose entry at 0F0000 points at the stamp.
+std::vector<std::uint8_t> StampModule(std::uint32_t stamp) {
+    std::vector<std::uint8_t> v = Content(0x10 + 0xF408 + 8, 77);
+    v[0] = 0;  // one entry
+    store_le16(&v[2], 0x10);
+    store_le32(&v[4], 0x000F0000);
+    store_le32(&v[8], 0);
+    store_le32(&v[0x10 + 0xF408], stamp);
+    return v;
+}
+
+struct Variant {
+    const char* name;
+    std::string bios;     // [bios] and [romimage] lines
+    std::string modules;  // [module] sections
+    std::vector<const char*> options;  // fwforge options after the script
+};
+
+// Writes the inputs every variant uses into `dir`.
+void WriteInputs(const TempDir& dir) {
+    WriteBytes(dir.File("bb.bin"), Content(0x10000, 1));
+    WriteBytes(dir.File("a.bin"), Content(0x2345, 2));
+    WriteBytes(dir.File("b.bin"), Content(0x1000, 3));
+    WriteBytes(dir.File("c.bin"), Content(0x777, 4));
+    WriteBytes(dir.File("rom.bin"), Content(0x1800, 5));
+    WriteBytes(dir.File("noise.bin"), fwforge::testing::RandomBytes(0x900, 6));
+    WriteBytes(dir.File("stamp.bin"), StampModule(0xCAFE1234));
+}
+
+const std::vector<std::string> kInputs = {"a.bin", "b.bin", "c.bin", "rom.bin", "noise.bin",
+                                          "stamp.bin"};
+
+const char* const kModules =
+    "[module]\nmoduleid = 11\nfile = a.bin\ndestn = f000:1000\n\n"
+    "[module]\nmoduleid = 12\nfile = b.bin\ndestn = e000:0000\ncompressed = no\n"
+    "alignment = 40\n\n"
+    "[module]\nmoduleid = 20\nfile = rom.bin\nvendorid = 10de\ndeviceid = 0001\n\n"
+    "[module]\nmoduleid = 20\nvendorid = 10de\ndeviceid = 0002\nlinkvenid = 10de\n"
+    "linkdevid = 0001\nlink = yes\n\n"
+    "[module]\nmoduleid = 20\nvendorid = 10de\ndeviceid = 0003\nlinkvenid = 10de\n"
+    "linkdevid = 0001\nlink = yes\n\n"
+    "[module]\nmoduleid = 13\nfile = c.bin\ndestn = d000:0000\nmaxmodulesize = 00000800\n"
+    "contiguous = yes\n\n"
+    "[module]\nmoduleid = 14\nfile = noise.bin\ndestn = c000:0000\ncompressed = minsize\n\n"
+    "[module]\nmoduleid = 31\nfile = c.bin\ndestn = 2000:0000\nromregion = ebb\n";
+
+std::vector<Variant> Variants() {
+    const std::string head = "[init]\nfile = bb.bin\n\n";
+    return {
+        {"16-bit with EBB", head + "[bios]\nfile = out.rom\nsize = 00040000\nbbsize = 00008000\n"
+                                   "nvramsize = 00002000\nmaxebbsize = 00001000\ntag = t16\n\n",
+         kModules, {}},
+        {"force32", head + "[bios]\nfile = out.rom\nsize = 00040000\nbbsize = 00004000\n"
+                           "nvramsize = 00001000\nmaxebbsize = 00001000\ntag = t32\n\n"
+                           "[romimage]\nversion = 2\nforce32 = yes\n\n",
+         kModules, {}},
+        {"compatibility form, 32-bit",
+         head + "[bios]\nfile = out.rom\nsize = 00040000\nbbsize = 00004000\n"
+                "nvramsize = 00000000\nmaxebbsize = 00001000\ntag = c32\n\n"
+                "[romimage]\nversion = 3\nforce32 = yes\n\n",
+         kModules, {"-c"}},
+        {"2 MB", head + "[bios]\nfile = out.rom\nsize = 00200000\nbbsize = 00010000\n"
+                        "nvramsize = 00004000\nmaxebbsize = 00001000\ntag = big\n\n"
+                        "[romimage]\nversion = 1\n\n",
+         kModules, {}},
+        {"stamp module, no EBB", head + "[bios]\nfile = out.rom\nsize = 00020000\nbbsize = 00002000\n"
+                                        "nvramsize = 00000800\ntag = stp\n\n",
+         "[module]\nmoduleid = 1b\nfile = stamp.bin\ndestn = f000:0000\n\n"
+         "[module]\nmoduleid = 11\nfile = a.bin\ndestn = f000:1000\n",
+         {}},
+    };
+}
+
+// The first `file.size()` bytes hold the file; what follows (rounding, alignment or a
+// maximum size) is 0xFF.
+void ExpectHoldsFile(const std::vector<std::uint8_t>& extracted,
+                     const std::vector<std::uint8_t>& file, const std::string& what) {
+    ASSERT_GE(extracted.size(), file.size()) << what;
+    EXPECT_TRUE(std::equal(file.begin(), file.end(), extracted.begin())) << what;
+    EXPECT_TRUE(std::all_of(extracted.begin() + file.size(), extracted.end(),
+                            [](std::uint8_t b) { return b == 0xFF; }))
+        << what;
+}
+
+TEST(InspectBuiltImages, VerifyExtractAndRebuildByteForByte) {
+    for (const Variant& v : Variants()) {
+        SCOPED_TRACE(v.name);
+        TempDir dir;
+        WriteInputs(dir);
+        WriteText(dir.File("build.scr"), WithCrLf(v.bios + v.modules));
+        fs::create_directories(dir.path() / "out");
+        std::string console;
+        std::vector<const char*> args = {"out", "build.scr"};
+        args.insert(args.end(), v.options.begin(), v.options.end());
+        ASSERT_EQ(Build(dir.path(), args, console), 0) << console;
+        const std::string rom = dir.File("out.rom");
+
+        ASSERT_EQ(Inspect({"verify", rom.c_str()}, console), 0) << console;
+        EXPECT_NE(console.find("verify: OK"), std::string::npos);
+
+        const std::string x = dir.File("x");
+        ASSERT_EQ(Inspect({"extract", rom.c_str(), x.c_str()}, console), 0) << console;
+        // Every module file comes back from the module that holds it.
+        const auto image = ReadBytes(rom);
+        const ImageModel model = ReadImage(image, {});
+        for (const Module& m : model.modules) {
+            if (m.Linked() || m.header.id == kImageInfoModuleId) continue;
+            const std::string name = ModuleFileName(model, m, ".bin");
+            const auto extracted = ReadBytes(x + "/" + name);
+            const char* source = m.header.id == 0x11 ? "a.bin" : m.header.id == 0x12 ? "b.bin"
+                               : m.header.id == 0x20 ? "rom.bin" : m.header.id == 0x14 ? "noise.bin"
+                               : m.header.id == 0x1B ? "stamp.bin" : "c.bin";
+            const auto file = ReadBytes(dir.File(source));
+            if (m.Compressed()) {
+                EXPECT_EQ(extracted, file) << name;
+            } else {
+                ExpectHoldsFile(extracted, file, name);
+            }
+        }
+        if (model.main->stamp) {
+            EXPECT_EQ(model.main->stamp, 0xCAFE1234u);
+        }
+
+        // Rebuild from the extracted folder; -c when the output asks for it.
+        fs::create_directories(fs::path(x) / "o");
+        std::vector<const char*> rebuild = {"o", "rebuild.scr"};
+        const bool compat = console.find("run fwforge with -c") != std::string::npos;
+        EXPECT_EQ(compat, !v.options.empty()) << console;
+        if (compat) rebuild.push_back("-c");
+        std::string rebuild_console;
+        ASSERT_EQ(Build(x, rebuild, rebuild_console), 0) << rebuild_console;
+        EXPECT_TRUE(ReadBytes(x + "/rebuilt.rom") == image) << "rebuilt image differs\n" << console;
+    }
+}
+
+// The bundled example, built from the inputs its generator made in the build tree.
+TEST(InspectBuiltImages, BundledExample) {
+    const fs::path generated = fs::path(FWFORGE_BINARY_DIR) / "examples" / "firmware";
+    ASSERT_TRUE(fs::exists(generated / "bootblk.bin")) << "build the example_inputs target";
+    TempDir dir;
+    for (const auto& entry : fs::directory_iterator(generated)) {
+        const std::string ext = entry.path().extension().string();
+        if (ext == ".bin" || ext == ".rom" || ext == ".scr") {
+            fs::copy_file(entry.path(), dir.path() / entry.path().filename());
+        }
+    }
+    fs::remove(dir.path() / "firmware.rom");
+    fs::create_directories(dir.path() / "out");
+    std::string console;
+    ASSERT_EQ(Build(dir.path(), {"out", "firmware.scr"}, console), 0) << console;
+    const std::string rom = dir.File("firmware.rom");
+    const auto image = ReadBytes(rom);
+    const ImageModel model = ReadImage(image, {});
+    EXPECT_TRUE(Verify(image, model).Clean());
+    EXPECT_EQ(model.ModulesIn(ModuleArea::Main).size(), 11u);
+    EXPECT_EQ(model.ModulesIn(ModuleArea::Ebb).size(), 2u);
+    const std::string x = dir.File("x");
+    ASSERT_EQ(Inspect({"extract", rom.c_str(), x.c_str()}, console), 0) << console;
+    fs::create_directories(fs::path(x) / "o");
+    ASSERT_EQ(Build(x, {"o", "rebuild.scr"}, console), 0) << console;
+    EXPECT_TRUE(ReadBytes(x + "/rebuilt.rom") == image);
+    // The image information module's raw data is the .inf file.
+    EXPECT_EQ(ReadBytes(x + "/imageinfo.inf"), ReadBytes(dir.File("out/FWF01.inf")));
+
+    // Flipped bytes: in a module, in a header, in the main BIOS region, in the EBB.
+    const auto main = model.ModulesIn(ModuleArea::Main);
+    const auto ebb = model.ModulesIn(ModuleArea::Ebb);
+    struct Flip {
+        std::uint32_t offset;
+        std::string named;
+    };
+    const std::vector<Flip> flips = {
+        {main[1]->pieces[0].offset + 40, "module #1 (id 02)"},
+        {main[2]->header.offset + 17, "module #2 (id 03)"},
+        {main[5]->header.offset + 12, "module #5 (id 20)"},
+        {model.main->signature + 9, "main BIOS header"},
+        {model.main->BlockStart() + 2, "main BIOS header"},
+        {ebb[1]->pieces[0].offset + 5, "EBB module #1 (id 31)"},
+        {model.ebb->offset + model.ebb->length - 8, "EBB at"},
+        {model.size - 0x100, "boot block"},
+    };
+    for (const Flip& f : flips) {
+        auto damaged = image;
+        damaged[f.offset] ^= 0x20;
+        const VerifyReport report = Verify(damaged, ReadImage(damaged, {}));
+        bool named = false;
+        for (const Finding& p : report.problems) named |= p.where.starts_with(f.named);
+        EXPECT_TRUE(named) << f.named << "\n" << VerifyText(report);
+    }
+}
+
+TEST(InspectBuiltImages, DiffOfTwoBuildsNamesTheOneModule) {
+    TempDir dir;
+    WriteInputs(dir);
+    const Variant v = Variants()[0];
+    WriteText(dir.File("build.scr"), WithCrLf(v.bios + v.modules));
+    fs::create_directories(dir.path() / "out");
+    std::string console;
+    ASSERT_EQ(Build(dir.path(), {"out", "build.scr"}, console), 0) << console;
+    fs::rename(dir.path() / "out.rom", dir.path() / "first.rom");
+    auto b = ReadBytes(dir.File("b.bin"));
+    b[0x123] ^= 0xFF;  // module 12 is stored uncompressed: same size, one byte differs
+    // (its data size is 1004: 1000 bytes and the alignment's 4)
+    WriteBytes(dir.File("b.bin"), b);
+    ASSERT_EQ(Build(dir.path(), {"out", "build.scr"}, console), 0) << console;
+    const std::string first = dir.File("first.rom"), second = dir.File("out.rom");
+    EXPECT_EQ(Inspect({"diff", first.c_str(), second.c_str()}, console), 1);
+    EXPECT_EQ(console,
+              "changed  module #1 (id 12) e000:0000: content (1004 -> 1004 bytes)\n"
+              "diff: 1 modules changed, added or removed; 1 differences in all\n");
+}
+
+}  // namespace
+}  // namespace fwforge::inspect

@@ -1,0 +1,100 @@
+// Compressed modules in images built byte by byte with our encoder: listed with their
+// original size, decoded by verify and extract, and a cut-off stream reported.
+
+#include <gtest/gtest.h>
+
+#include "compress/module_compressor.h"
+#include "inspect/extract.h"
+#include "inspect/image_model.h"
+#include "inspect/report.h"
+#include "inspect/test_image.h"
+#include "inspect/verify.h"
+#include "platform/text_format.h"
+#include "support/test_files.h"
+
+namespace fwforge::inspect {
+namespace {
+
+using testing::BuildTestImage;
+using testing::TestLayout;
+using testing::TestModule;
+
+std::vector<std::uint8_t> Compress(const std::vector<std::uint8_t>& original) {
+    lzh::Encoder encoder;
+    std::vector<std::uint8_t> out(original.size() + 9);
+    const auto r = encoder.CompressModule(original, out);
+    out.resize(r.total);
+    return out;
+}
+
+std::vector<std::uint8_t> Text(std::size_t n) {
+    const std::string words = "the boot block hands over to the main BIOS, which decompresses ";
+    std::vector<std::uint8_t> v;
+    while (v.size() < n) v.push_back(static_cast<std::uint8_t>(words[v.size() % words.size()] + (v.size() / 997) % 3));
+    return v;
+}
+
+TestModule Compressed(std::uint8_t id, const std::vector<std::uint8_t>& original) {
+    TestModule m;
+    m.id = id;
+    m.attributes = 0x00;
+    m.data = Compress(original);
+    return m;
+}
+
+TEST(InspectCompressed, DecodedByVerifyAndExtract) {
+    const auto text = Text(0x3000);
+    const auto zeros = std::vector<std::uint8_t>(0x2000, 0);
+    TestLayout l;
+    l.modules = {Compressed(0x11, text), Compressed(0x12, zeros)};
+    l.modules[1].pieces = 2;  // a compressed module split in two
+    const auto img = BuildTestImage(l);
+    const ImageModel model = ReadImage(img.bytes, {});
+    const VerifyReport report = Verify(img.bytes, model);
+    EXPECT_TRUE(report.Clean()) << VerifyText(report);
+    EXPECT_TRUE(report.notes.empty() || report.notes[0].find("not decoded") == std::string::npos);
+
+    const ExtractPlan plan = PlanExtract(img.bytes, model);
+    EXPECT_TRUE(plan.problems.empty());
+    const auto main = model.ModulesIn(ModuleArea::Main);
+    for (std::size_t i = 0; i < 2; ++i) {
+        const std::string name = ModuleFileName(model, *main[i], ".bin");
+        auto it = std::find_if(plan.files.begin(), plan.files.end(),
+                               [&](const ExtractedFile& f) { return f.name == name; });
+        ASSERT_NE(it, plan.files.end()) << name;
+        EXPECT_EQ(it->bytes, i == 0 ? text : zeros) << name;
+    }
+    const std::string list = ListText(img.bytes, model);
+    EXPECT_NE(list.find("compressed"), std::string::npos);
+    EXPECT_NE(list.find(StrFormat(" %-9x ", 0x3000)), std::string::npos) << list;
+}
+
+TEST(InspectCompressed, CutOffAndDamagedStreamsAreNotDecodable) {
+    // Random bytes do not compress: the encoder's output bound stops the stream.
+    const auto noise = fwforge::testing::RandomBytes(0x800, 99);
+    TestLayout l;
+    l.modules = {Compressed(0x11, Text(0x1000)), Compressed(0x12, noise)};
+    auto img = BuildTestImage(l);
+    VerifyReport report = Verify(img.bytes, ReadImage(img.bytes, {}));
+    ASSERT_EQ(report.problems.size(), 1u) << VerifyText(report);
+    EXPECT_EQ(report.problems[0].where.find("module #1 (id 12)"), 0u);
+    EXPECT_NE(report.problems[0].what.find("cut off by the encoder's output bound"), std::string::npos)
+        << report.problems[0].what;
+
+    // A damaged stream with its checksum made good again is still found.
+    auto& bytes = img.bytes;
+    const std::uint32_t h = img.module_headers[0];
+    bytes[h + 20 + 12] ^= 0x55;
+    store_le32(&bytes[h + 4], 0);
+    store_le32(&bytes[h + 4], 0u - DwordSum(bytes, h, 20 + load_le32(&bytes[h])));
+    report = Verify(bytes, ReadImage(bytes, {}));
+    bool named = false;
+    for (const Finding& f : report.problems) {
+        named |= f.where.starts_with("module #0 (id 11)") &&
+                 f.what.starts_with("compressed data not decodable");
+    }
+    EXPECT_TRUE(named) << VerifyText(report);
+}
+
+}  // namespace
+}  // namespace fwforge::inspect
