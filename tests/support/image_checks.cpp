@@ -42,7 +42,8 @@ std::uint32_t FindMainHeader(std::span<const std::uint8_t> rom) {
     return kEnd;
 }
 
-MainBiosCheck CheckMainBios(std::span<const std::uint8_t> rom, LinkForm form) {
+MainBiosCheck CheckMainBios(std::span<const std::uint8_t> rom, LinkForm form,
+                            std::span<const ByteRange> erased) {
     MainBiosCheck check;
     auto problem = [&](std::string text) { check.problems.push_back(std::move(text)); };
     check.main_header = FindMainHeader(rom);
@@ -59,7 +60,13 @@ MainBiosCheck CheckMainBios(std::span<const std::uint8_t> rom, LinkForm form) {
         return check;
     }
     check.region_start = end - covered;
-    if (SumDwords(rom, check.region_start, covered) != 0) {
+    std::vector<std::uint8_t> sealed(rom.begin(), rom.end());
+    for (const ByteRange& r : erased) {
+        for (std::uint64_t i = r.start; i < std::uint64_t{r.start} + r.size && i < sealed.size(); ++i) {
+            sealed[i] = 0xFF;
+        }
+    }
+    if (SumDwords(sealed, check.region_start, covered) != 0) {
         problem("main header region does not sum to 0");
     }
 
@@ -87,7 +94,9 @@ MainBiosCheck CheckMainBios(std::span<const std::uint8_t> rom, LinkForm form) {
         e.dest_offset = load_le16(&rom[h + 16]);
         e.dest_segment = load_le16(&rom[h + 18]);
         check.chain.push_back(e);
-        if (e.data_size16 != (e.data_size < 0x10000 ? e.data_size : 0xFFFF)) {
+        // Headers of split pieces other than the last carry no DataSize16.
+        if (!(e.attributes & 0x20) &&
+            e.data_size16 != (e.data_size < 0x10000 ? e.data_size : 0xFFFF)) {
             problem(StrFormat("header at %x: DataSize16 %x for DataSize %x", h, e.data_size16,
                               e.data_size));
         }
@@ -102,6 +111,9 @@ MainBiosCheck CheckMainBios(std::span<const std::uint8_t> rom, LinkForm form) {
             return check;
         }
         const std::uint32_t data_sum = SumDwords(rom, h + 20, own);
+        if (!linked) {
+            check.last_module_data_sum = data_sum + (split_pending ? split_sum : 0);
+        }
         if (piece) {
             split_sum += data_sum;
             split_bytes += own;
@@ -117,6 +129,72 @@ MainBiosCheck CheckMainBios(std::span<const std::uint8_t> rom, LinkForm form) {
             }
         }
         link = load_le32(&rom[h + 8]);
+    }
+    return check;
+}
+
+NcbCheck CheckNcb(std::span<const std::uint8_t> rom, std::uint32_t block,
+                  std::optional<std::uint32_t> pending_split_sum) {
+    NcbCheck check;
+    auto problem = [&](std::string text) { check.problems.push_back(std::move(text)); };
+    if (std::uint64_t{block} + 24 > rom.size()) {
+        problem(StrFormat("block at %x: no room for its header", block));
+        return check;
+    }
+    const std::uint8_t* h = &rom[block];
+    if (std::memcmp(h, "ZELNCBLK", 8) != 0) problem(StrFormat("block at %x: no signature", block));
+    if (load_le16(h + 8) != 24) problem(StrFormat("block at %x: header length", block));
+    std::uint16_t words = 0;
+    for (int i = 0; i < 24; i += 2) words = static_cast<std::uint16_t>(words + load_le16(h + i));
+    if (words != 0) problem(StrFormat("block at %x: header words sum to %x", block, words));
+    check.block_length = load_le32(h + 12);
+    if (std::uint64_t{block} + check.block_length > rom.size()) {
+        problem(StrFormat("block at %x: length %x reaches past the image", block, check.block_length));
+        return check;
+    }
+    const std::uint32_t dwords =
+        SumDwords(rom, block, check.block_length) - load_le16(h + 10) * 0x10000u;
+    if (dwords != 0) problem(StrFormat("block at %x: doublewords sum to %x", block, dwords));
+
+    std::uint32_t link = load_le32(h + 20);
+    if (link != kEnd && link != 32) problem(StrFormat("block at %x: first module %x", block, link));
+    std::set<std::uint32_t> seen;
+    bool first = true;
+    while (link != kEnd) {
+        const std::uint64_t at = std::uint64_t{block} + link - 8;
+        if (link < 32 || at + 20 > std::uint64_t{block} + check.block_length) {
+            problem(StrFormat("block at %x: link %x leads outside the block", block, link));
+            return check;
+        }
+        const std::uint32_t m = static_cast<std::uint32_t>(at);
+        if (!seen.insert(m).second) {
+            problem(StrFormat("block at %x: chain loops", block));
+            return check;
+        }
+        ChainEntry e;
+        e.header = m;
+        e.data_size = load_le32(&rom[m]);
+        e.data_size16 = load_le16(&rom[m + 12]);
+        e.module_id = rom[m + 14];
+        e.attributes = rom[m + 15];
+        e.dest_offset = load_le16(&rom[m + 16]);
+        e.dest_segment = load_le16(&rom[m + 18]);
+        check.chain.push_back(e);
+        const bool linked = e.attributes & 0x40;
+        const std::uint32_t own = linked ? 0 : e.data_size;
+        if (std::uint64_t{m} + 20 + own > std::uint64_t{block} + check.block_length) {
+            problem(StrFormat("module at %x reaches past its block", m));
+            return check;
+        }
+        std::uint32_t sum = SumDwords(rom, m, 20);
+        if (first && pending_split_sum) {
+            sum += *pending_split_sum;
+        } else {
+            sum += SumDwords(rom, m + 20, own);
+        }
+        if (sum != 0) problem(StrFormat("module at %x in block %x does not sum to 0", m, block));
+        first = false;
+        link = load_le32(&rom[m + 8]);
     }
     return check;
 }
