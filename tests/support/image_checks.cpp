@@ -1,5 +1,6 @@
 #include "support/image_checks.h"
 
+#include <algorithm>
 #include <cstring>
 #include <set>
 
@@ -197,6 +198,110 @@ NcbCheck CheckNcb(std::span<const std::uint8_t> rom, std::uint32_t block,
         link = load_le32(&rom[m + 8]);
     }
     return check;
+}
+
+GapImageCheck CheckGapImage(std::span<const std::uint8_t> rom, LinkForm form,
+                            std::span<const ReservedRange> ranges, std::uint32_t top,
+                            bool info_split) {
+    GapImageCheck out;
+    auto problem = [&](std::string text) { out.problems.push_back(std::move(text)); };
+    std::vector<ByteRange> erased;
+    for (const ReservedRange& r : ranges) {
+        if (r.kind != ReservedRange::FixedModule) erased.push_back({r.start, r.size});
+    }
+    out.main = CheckMainBios(rom, form, erased);
+    for (const auto& p : out.main.problems) problem(p);
+
+    struct Item {
+        std::uint64_t start, end;
+        std::string what;
+    };
+    std::vector<Item> items;
+    items.push_back({top, rom.size(), "boot area"});
+    if (out.main.main_header != kEnd) {
+        items.push_back({out.main.main_header - 10u, out.main.main_header + 22u, "main header"});
+    }
+    std::uint32_t pieces = 0;
+    for (const ChainEntry& e : out.main.chain) {
+        const bool linked = e.attributes & 0x40;
+        const bool piece = e.attributes & 0x20;
+        std::uint32_t own = linked ? 0 : e.data_size;
+        if (!linked && !piece) {
+            own = e.data_size - pieces;
+            pieces = 0;
+        } else if (piece) {
+            pieces += e.data_size;
+        }
+        items.push_back({e.header, std::uint64_t{e.header} + 20 + own,
+                         StrFormat("module header at %x", e.header)});
+    }
+
+    std::optional<std::uint32_t> pending;
+    if (info_split) pending = out.main.last_module_data_sum;
+    for (const ReservedRange& r : ranges) {
+        const std::uint64_t end = std::uint64_t{r.start} + r.size;
+        if (end > rom.size()) {
+            problem(StrFormat("range at %x reaches past the image", r.start));
+            continue;
+        }
+        if (r.kind == ReservedRange::FixedModule) {
+            // Its module, and the headers of its links, lie inside it.
+            continue;
+        }
+        items.push_back({r.start, end, StrFormat("reserved range at %x", r.start)});
+        if (r.kind == ReservedRange::Hole) {
+            for (std::uint32_t i = 0; i < r.size; ++i) {
+                const std::uint8_t want = i < r.file.size() ? r.file[i] : r.filler;
+                if (rom[r.start + i] != want) {
+                    problem(StrFormat("ROM hole at %x: byte %x is %x, not %x", r.start, i,
+                                      rom[r.start + i], want));
+                    break;
+                }
+            }
+            continue;
+        }
+        NcbCheck block = CheckNcb(rom, r.start, pending);
+        for (const auto& p : block.problems) problem(p);
+        if (block.block_length != r.size) problem(StrFormat("block at %x: length", r.start));
+        // Every byte past the header that no module covers keeps the filler.
+        std::vector<bool> covered(r.size, false);
+        for (std::uint32_t i = 0; i < 24 && i < r.size; ++i) covered[i] = true;
+        for (const ChainEntry& e : block.chain) {
+            const std::uint32_t own = (e.attributes & 0x40) ? 0 : e.data_size;
+            for (std::uint64_t i = e.header; i < std::uint64_t{e.header} + 20 + own && i < end; ++i) {
+                covered[i - r.start] = true;
+            }
+        }
+        for (std::uint32_t i = 0; i < r.size; ++i) {
+            if (!covered[i] && rom[r.start + i] != r.filler) {
+                problem(StrFormat("block at %x: free byte %x is %x", r.start, i, rom[r.start + i]));
+                break;
+            }
+        }
+        // A block with two modules or more reseals its first module, which ends the
+        // pending split; a block with one leaves it for the next block.
+        if (block.chain.size() >= 2) pending.reset();
+        out.blocks.push_back(std::move(block));
+    }
+
+    // Modules with a start address lie inside their reservations.
+    for (const ReservedRange& r : ranges) {
+        if (r.kind != ReservedRange::FixedModule) continue;
+        const bool held = std::any_of(items.begin(), items.end(), [&](const Item& it) {
+            return it.start >= r.start && it.end <= std::uint64_t{r.start} + r.size &&
+                   it.end > it.start;
+        });
+        if (!held) problem(StrFormat("reservation at %x holds no module", r.start));
+    }
+
+    std::sort(items.begin(), items.end(),
+              [](const Item& a, const Item& b) { return a.start < b.start; });
+    for (std::size_t i = 1; i < items.size(); ++i) {
+        if (items[i].start < items[i - 1].end) {
+            problem(items[i - 1].what + " overlaps " + items[i].what);
+        }
+    }
+    return out;
 }
 
 }  // namespace fwforge::testing

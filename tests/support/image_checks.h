@@ -78,4 +78,30 @@ std::uint32_t SumDwords(std::span<const std::uint8_t> bytes);
 // range takes the bytes after it, and bytes past the end of `rom` count as 0.
 std::uint32_t SumDwords(std::span<const std::uint8_t> rom, std::size_t start, std::size_t length);
 
+// A range that a build script reserved, as image offsets, with what it must hold.
+struct ReservedRange {
+    enum Kind { Hole, Block, FixedModule } kind = Hole;
+    std::uint32_t start = 0;
+    std::uint32_t size = 0;
+    std::uint8_t filler = 0xFF;
+    std::vector<std::uint8_t> file;  // a ROM hole's file
+};
+
+struct GapImageCheck {
+    MainBiosCheck main;
+    std::vector<NcbCheck> blocks;  // in the order of `ranges`
+    std::vector<std::string> problems;  // main, blocks and layout problems together
+};
+
+// Everything a gap-placement image must satisfy: the main BIOS (its region summed as it
+// was before the ROM holes were loaded), every non-critical block, ROM holes holding
+// their file and filler, block bytes that no module covers holding the filler, every
+// module of a start address inside its reservation, and no two items (main BIOS header,
+// module headers with their data, ROM holes, blocks, the boot area from `top` up)
+// overlapping. `info_split` says the image information module was split, so that the
+// first module of the blocks built after it counts the pending split sum.
+GapImageCheck CheckGapImage(std::span<const std::uint8_t> rom, LinkForm form,
+                            std::span<const ReservedRange> ranges, std::uint32_t top,
+                            bool info_split);
+
 }  // namespace fwforge::testing

@@ -1,0 +1,204 @@
+// Whole builds in gap placement: console, layout, and the invariants of every image.
+
+#include <gtest/gtest.h>
+
+#include <functional>
+
+#include "driver/image_build.h"
+#include "layout/layout_fixture.h"
+#include "platform/text_format.h"
+#include "support/image_checks.h"
+
+namespace fwforge {
+namespace {
+
+using testing::LayoutFixture;
+using testing::RandomBytes;
+using testing::ReservedRange;
+
+std::uint32_t AddHole(LayoutFixture& f, std::uint32_t address, std::uint32_t size,
+                      std::string name = "", std::string file = "", std::uint8_t filler = 0xFF) {
+    BuildDescription& d = f.ctx.description;
+    RomHoleEntry& h = d.RomHoleTable[d.RomHoleCount];
+    h.StartAddress = address;
+    h.Size = size;
+    h.Name = std::move(name);
+    h.FileName = file.empty() ? "" : f.dir.File(file);
+    h.Filler = filler;
+    d.RomImage.RomImageFlags |= 0x02;
+    return d.RomHoleCount++;
+}
+
+// A module with a start address and its reservation, as the script reader makes them.
+void SetStartAddress(LayoutFixture& f, std::uint32_t m, std::uint32_t address) {
+    BuildDescription& d = f.ctx.description;
+    ModuleEntry& e = d.ModuleTable[m];
+    e.StartAddress = address;
+    e.HeaderAddress = address - 20;
+    e.RomHoleIndex = static_cast<std::uint8_t>(d.RomHoleCount);
+    e.Contiguous = 1;
+    RomHoleEntry& h = d.RomHoleTable[d.RomHoleCount++];
+    h.StartAddress = e.HeaderAddress & ~0xFu;
+    h.OwnerModule = static_cast<std::uint8_t>(m);
+    h.Filler = 0;
+    ++d.FixedModuleCount;
+    ++d.ConstrainedModuleCount;
+}
+
+// The ranges as image offsets, taken before the build changes the table.
+std::vector<ReservedRange> RangesOf(LayoutFixture& f) {
+    const BuildDescription& d = f.ctx.description;
+    const std::uint32_t base = d.RomImage.Use32BitMode ? 0 : 0x100000u - d.Bios.BiosSize;
+    std::vector<ReservedRange> ranges;
+    for (std::uint32_t i = 0; i < d.RomHoleCount; ++i) {
+        const RomHoleEntry& h = d.RomHoleTable[i];
+        ReservedRange r;
+        r.kind = h.OwnerModule != kNoIndex ? ReservedRange::FixedModule
+                 : h.Name.empty()          ? ReservedRange::Hole
+                                           : ReservedRange::Block;
+        r.start = h.StartAddress - base;
+        r.size = h.Size;
+        r.filler = h.Filler;
+        if (!h.FileName.empty()) r.file = testing::ReadBytes(h.FileName);
+        ranges.push_back(r);
+    }
+    return ranges;
+}
+
+std::uint32_t TopOf(const BuildDescription& d) {
+    return d.Bios.BiosSize - d.Bios.BootBlockSize - d.Bios.MaxEbbSize - d.Bios.NvramSize;
+}
+
+// Builds and checks every invariant; fixed-module reservations get their size from the
+// build (sizing sets it), so they are read back afterwards.
+testing::GapImageCheck BuildAndCheck(LayoutFixture& f, testing::LinkForm form) {
+    std::vector<ReservedRange> ranges = RangesOf(f);
+    const std::uint32_t top = TopOf(f.ctx.description);
+    BuildRomImage(f.ctx);
+    const BuildDescription& d = f.ctx.description;
+    for (std::uint32_t i = 0; i < ranges.size(); ++i) {
+        if (ranges[i].kind == ReservedRange::FixedModule) {
+            ranges[i].start = d.RomHoleTable[i].StartAddress;
+            ranges[i].size = d.RomHoleTable[i].Size;
+        }
+    }
+    const bool info_split = f.console.str().find(" Splitting " + d.ModuleTable[d.ModuleCount].FileName) !=
+                            std::string::npos;
+    const std::vector<std::uint8_t> rom = f.Rom();
+    testing::GapImageCheck check = testing::CheckGapImage(rom, form, ranges, top, info_split);
+    for (const auto& p : check.problems) ADD_FAILURE() << p;
+    return check;
+}
+
+// Ranges: a ROM hole with a file, a non-critical block with a module, a module at a
+// start address; modules that must not be split, that fit whole, and one that is split.
+void AddMixedBuild(LayoutFixture& f) {
+    const std::uint32_t fix = f.AddModule("fix.bin", RandomBytes(0x100, 1), 0x03, 0x80);
+    f.AddModule("nosplit.bin", RandomBytes(0x5000, 2), 0x04, 0x80);
+    const std::uint32_t big = f.AddModule("big.bin", RandomBytes(0x20000, 3), 0x02, 0x80);
+    f.Module(big).Contiguous = 0;
+    const std::uint32_t small = f.AddModule("small.bin", RandomBytes(0x1000, 4), 0x06, 0x80);
+    f.Module(small).Contiguous = 0;
+    const std::uint32_t ncb = f.AddModule("ncb.bin", RandomBytes(0x200, 5), 0x05, 0x80);
+    f.Module(ncb).RomRegion = "SETUP";
+    SetStartAddress(f, fix, 0xF0000);
+    testing::WriteBytes(f.dir.File("hole.bin"), RandomBytes(0x80, 6));
+    AddHole(f, 0xD0000, 0x100, "", "hole.bin", 0x00);
+    AddHole(f, 0xD8000, 0x1000, "SETUP");
+}
+
+TEST(GapBuild, VerboseConsoleOfAMixedBuild) {
+    LayoutFixture f;
+    f.ctx.options.VerboseMode = true;
+    AddMixedBuild(f);
+    const auto check = BuildAndCheck(f, testing::LinkForm::Real16);
+    ASSERT_EQ(check.main.chain.size(), 7u);
+    const testing::ChainEntry& info = check.main.chain[6];
+    const std::vector<std::uint8_t> rom = f.Rom();
+    const bool info_compressed = !(info.attributes & 0x80);
+    const std::uint32_t info_placed =
+        info_compressed ? testing::Round4(load_le32(&rom[info.data()]) + 2) + 20 : info.data_size + 20;
+    auto name = [&](std::uint32_t m) { return f.Module(m).FileName; };
+    const std::string inf = f.dir.File("TEST1.inf");
+    const std::uint32_t gap3_start = 0x30100 + info_placed;
+    EXPECT_EQ(f.Lines(), (std::vector<std::string>{
+        "Generating boot block image...",
+        "BIOS has no Extended Boot Block.",
+        "Initializing NVRAM space below boot block...",
+        "Gathering module size information",
+        " " + name(0) + " (module id 3) size will be 114",
+        " " + name(1) + " (module id 4) size will be 5014",
+        " " + name(2) + " (module id 2) size will be 20014",
+        " " + name(3) + " (module id 6) size will be 1014",
+        " " + name(4) + " (module id 5) size will be 214",
+        "Generating gap information",
+        "",
+        " BIOS gap map before module placement:",
+        "  Gap[0]: start=c0008,  end=d0000,  size=fff8",
+        "  Gap[1]: start=d0100,  end=d8000,  size=7f00",
+        "  Gap[2]: start=d9000,  end=effe0,  size=16fe0",
+        "  Gap[3]: start=f0100,  end=f4000,  size=3f00",
+        " Total space (remaining): 32dd8",
+        "",
+        " Creating main BIOS header",
+        "",
+        "Top of BIOS (main header end) = f4000",
+        "Placing main BIOS header at f3fe0",
+        "",
+        "",
+        "Placing modules with specified fixed locations",
+        "",
+        " Inserting " + name(0) + " as module id 03 at effec",
+        "",
+        "Placing modules that can't be split",
+        "",
+        " Inserting " + name(1) + " as module id 04 at d0100",
+        "",
+        "Placing remaining modules that will fit without splitting",
+        "",
+        " Inserting " + name(3) + " as module id 06 at d5114",
+        "",
+        "Splitting unplaced modules",
+        "",
+        " Splitting " + name(2) + " as module id 02",
+        "  placing at c0008",
+        "          at d6128",
+        "          at d9000",
+        "",
+        "Generating Image Information Module ...",
+        StrFormat(" %s (module id 80) size will be %x", inf.c_str(), info_placed),
+        " Inserting " + inf + " as module id 80" + (info_compressed ? " (compressed)" : "") +
+            " at f0100",
+        "",
+        " BIOS gap map after all modules placed:",
+        "  Gap[0]: start=d0000,  end=d0000,  size=0",
+        "  Gap[1]: start=d8000,  end=d8000,  size=0",
+        StrFormat("  Gap[2]: start=e716c,  end=effe0,  size=8e74"),
+        StrFormat("  Gap[3]: start=%x,  end=f3fe0,  size=%x", gap3_start + 0xC0000,
+                  0x33FE0 - gap3_start),
+        StrFormat(" Total space (remaining): %x", 0x8E74 + 0x33FE0 - gap3_start),
+        "",
+        "Loading ROMHOLEs with filler data and files ...",
+        "",
+        " Inserting " + f.dir.File("hole.bin") + " in ROMHOLE at d0000",
+        " Building non-critical block SETUP at 18000",
+        " Inserting " + name(4) + " as module id 05 at d8018",
+        "Non-critical block creation successful, creating header.",
+    }));
+    // Chain: fixed module, non-splittable, whole, three pieces (the last with the full
+    // header), the image information module.
+    const std::uint32_t headers[] = {0x2FFEC, 0x10100, 0x15114, 0x8, 0x16128, 0x19000, 0x30100};
+    for (std::size_t i = 0; i < 7; ++i) EXPECT_EQ(check.main.chain[i].header, headers[i]) << i;
+    EXPECT_EQ(check.main.chain[5].data_size, 0x20000u);
+    EXPECT_EQ(rom[check.main.main_header - 4], 0x02 | 0x04);  // HasRomHoles, ModuleSplit
+    ASSERT_EQ(check.blocks.size(), 1u);
+    ASSERT_EQ(check.blocks[0].chain.size(), 1u);
+    EXPECT_EQ(check.blocks[0].chain[0].header, 0x18018u);
+    // The block's links are 32-bit from its start: the build is in 32-bit mode after it.
+    EXPECT_TRUE(f.ctx.description.RomImage.Use32BitMode);
+    EXPECT_EQ(load_le32(&rom[0x18000 + 20]), 0x20u);
+    EXPECT_EQ(load_le32(&rom[0x18018 + 8]), 0xFFFFFFFFu);
+}
+
+}  // namespace
+}  // namespace fwforge
