@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
 
 #include "driver/image_build.h"
@@ -198,6 +199,219 @@ TEST(GapBuild, VerboseConsoleOfAMixedBuild) {
     EXPECT_TRUE(f.ctx.description.RomImage.Use32BitMode);
     EXPECT_EQ(load_le32(&rom[0x18000 + 20]), 0x20u);
     EXPECT_EQ(load_le32(&rom[0x18018 + 8]), 0xFFFFFFFFu);
+}
+
+// One module of PlacedSize 0x234 in a block of 0x1000 bytes at image offset 0x10000.
+TEST(GapBuild, NonCriticalBlockWorkedExample) {
+    LayoutFixture f;
+    const std::uint32_t m = f.AddModule("ncb.bin", RandomBytes(0x220, 7), 0x09, 0x80);
+    f.Module(m).RomRegion = "SETUP";
+    AddHole(f, 0xD0000, 0x1000, "SETUP");
+    const auto check = BuildAndCheck(f, testing::LinkForm::Real16);
+    const std::vector<std::uint8_t> rom = f.Rom();
+    EXPECT_EQ(std::string(rom.begin() + 0x10000, rom.begin() + 0x10008), "ZELNCBLK");
+    EXPECT_EQ(load_le16(&rom[0x10008]), 24);
+    EXPECT_EQ(load_le32(&rom[0x1000C]), 0x1000u);
+    EXPECT_EQ(load_le32(&rom[0x10014]), 0x20u);
+    EXPECT_EQ(load_le32(&rom[0x10018 + 8]), 0xFFFFFFFFu);
+    EXPECT_TRUE(std::equal(rom.begin() + 0x1002C, rom.begin() + 0x1024C,
+                           testing::ReadBytes(f.Module(m).FileName).begin()));
+    EXPECT_TRUE(std::all_of(rom.begin() + 0x1024C, rom.begin() + 0x11000,
+                            [](std::uint8_t b) { return b == 0xFF; }));
+    ASSERT_EQ(check.blocks.size(), 1u);
+    EXPECT_EQ(check.blocks[0].chain.size(), 1u);
+    // The main chain holds the image information module only.
+    EXPECT_EQ(check.main.chain.size(), 1u);
+}
+
+TEST(GapBuild, BlocksAndHoles) {
+    struct Case {
+        const char* what;
+        std::function<void(LayoutFixture&)> setup;
+        std::vector<std::string> tail;  // the last console lines; {dir} is the temp folder
+        std::string fatal;
+    } cases[] = {
+        {"hole file shorter than the hole",
+         [](LayoutFixture& f) {
+             testing::WriteBytes(f.dir.File("h.bin"), RandomBytes(0x31, 1));
+             AddHole(f, 0xD0000, 0x40, "", "h.bin", 0x5A);
+         },
+         {" Inserting {dir}/h.bin in ROMHOLE at d0000"}, ""},
+        {"hole file as long as the hole",
+         [](LayoutFixture& f) {
+             testing::WriteBytes(f.dir.File("h.bin"), RandomBytes(0x40, 1));
+             AddHole(f, 0xD0000, 0x40, "", "h.bin");
+         },
+         {" Inserting {dir}/h.bin in ROMHOLE at d0000"}, ""},
+        {"hole file longer than the hole",
+         [](LayoutFixture& f) {
+             testing::WriteBytes(f.dir.File("h.bin"), RandomBytes(0x41, 1));
+             AddHole(f, 0xD0000, 0x40, "", "h.bin");
+         },
+         {" Inserting {dir}/h.bin in ROMHOLE at d0000", ""},
+         "ROMHOLE smaller than specified file: {dir}/h.bin"},
+        {"hole file missing",
+         [](LayoutFixture& f) { AddHole(f, 0xD0000, 0x40, "", "none.bin"); },
+         {" Inserting {dir}/none.bin in ROMHOLE at d0000", ""},
+         "Cannot open ROMHOLE file: {dir}/none.bin"},
+        {"hole files before and after a block: ROM address, then image offset",
+         [](LayoutFixture& f) {
+             testing::WriteBytes(f.dir.File("h.bin"), RandomBytes(0x10, 1));
+             AddHole(f, 0xD0000, 0x40, "", "h.bin");
+             AddHole(f, 0xD1000, 0x100, "EMPTY");
+             AddHole(f, 0xD2000, 0x40, "", "h.bin");
+         },
+         {" Inserting {dir}/h.bin in ROMHOLE at d0000", " Building non-critical block EMPTY at 11000",
+          "Non-critical block creation successful, creating header.",
+          " Inserting {dir}/h.bin in ROMHOLE at 12000"},
+         ""},
+        {"empty block of the smallest size that holds the header",
+         [](LayoutFixture& f) { AddHole(f, 0xD0000, 24, "TINY"); },
+         {" Building non-critical block TINY at 10000",
+          "Non-critical block creation successful, creating header."},
+         ""},
+        {"block too small for its header",
+         [](LayoutFixture& f) { AddHole(f, 0xD0000, 0x10, "TINY"); },
+         {" Building non-critical block TINY at 10000", ""},
+         "Non-critical block too small for header"},
+        {"two modules in a block; one whose region names no block is placed nowhere",
+         [](LayoutFixture& f) {
+             f.Module(f.AddModule("a.bin", RandomBytes(0x100, 1), 0x11, 0x80)).RomRegion = "B";
+             f.Module(f.AddModule("x.bin", RandomBytes(0x100, 2), 0x12, 0x80)).RomRegion = "NONE";
+             f.Module(f.AddModule("b.bin", RandomBytes(0x80, 3), 0x13, 0x80)).RomRegion = "B";
+             AddHole(f, 0xD0000, 0x400, "B");
+         },
+         {" Building non-critical block B at 10000",
+          " Inserting {dir}/a.bin as module id 11 at d0018",
+          " Inserting {dir}/b.bin as module id 13 at d012c",
+          "Non-critical block creation successful, creating header."},
+         ""},
+        {"module larger than the rest of its block",
+         [](LayoutFixture& f) {
+             f.Module(f.AddModule("a.bin", RandomBytes(0x100, 1), 0x11, 0x80)).RomRegion = "B";
+             f.Module(f.AddModule("b.bin", RandomBytes(0x100, 2), 0x13, 0x80)).RomRegion = "B";
+             AddHole(f, 0xD0000, 0x220, "B");
+         },
+         {" Building non-critical block B at 10000",
+          " Inserting {dir}/a.bin as module id 11 at d0018", " Error inserting module: {dir}/b.bin",
+          ""},
+         "Non-critical block too small for module."},
+    };
+    for (const Case& c : cases) {
+        LayoutFixture f;
+        c.setup(f);
+        auto subst = [&](std::string text) {
+            for (std::size_t pos; (pos = text.find("{dir}")) != std::string::npos;) {
+                text.replace(pos, 5, f.dir.path().string());
+            }
+            return text;
+        };
+        std::vector<std::string> tail;
+        for (const auto& line : c.tail) tail.push_back(subst(line));
+        if (c.fatal.empty()) {
+            BuildAndCheck(f, testing::LinkForm::Real16);
+        } else {
+            EXPECT_EQ(f.FatalOf([&] { BuildRomImage(f.ctx); }), subst(c.fatal)) << c.what;
+            tail.push_back("FATAL ERROR: " + subst(c.fatal));
+        }
+        const auto lines = f.Lines();
+        ASSERT_GE(lines.size(), tail.size()) << c.what;
+        EXPECT_EQ(std::vector<std::string>(lines.end() - tail.size(), lines.end()), tail) << c.what;
+    }
+}
+
+TEST(GapBuild, EmptyBlockAndSecondModuleLink) {
+    LayoutFixture f;
+    f.Module(f.AddModule("a.bin", RandomBytes(0x100, 1), 0x11, 0x80)).RomRegion = "B";
+    f.Module(f.AddModule("b.bin", RandomBytes(0x80, 3), 0x13, 0x80)).RomRegion = "B";
+    AddHole(f, 0xD0000, 0x400, "B");
+    AddHole(f, 0xD1000, 0x20, "EMPTY");
+    const auto check = BuildAndCheck(f, testing::LinkForm::Real16);
+    const std::vector<std::uint8_t> rom = f.Rom();
+    // The second module's header starts PlacedSize bytes after the first's; the first
+    // links to it by its offset from the block's start.
+    EXPECT_EQ(load_le32(&rom[0x10018 + 8]), 24u + 0x114 + 8);
+    EXPECT_EQ(load_le32(&rom[0x11000 + 20]), 0xFFFFFFFFu);
+    ASSERT_EQ(check.blocks.size(), 2u);
+    EXPECT_EQ(check.blocks[0].chain.size(), 2u);
+    EXPECT_TRUE(check.blocks[1].chain.empty());
+}
+
+TEST(GapBuild, FailuresOfPlacement) {
+    struct Case {
+        const char* what;
+        std::function<void(LayoutFixture&)> setup;
+        std::string fatal;
+    } cases[] = {
+        {"module that must not be split and fits no gap",
+         [](LayoutFixture& f) {
+             f.AddModule("n.bin", RandomBytes(0x20000, 1), 0x01, 0x80);
+             AddHole(f, 0xE0000, 0x10);
+         },
+         "NON-SPLITTABLE module can not be placed"},
+        {"no gap for the main BIOS header",
+         [](LayoutFixture& f) {
+             AddHole(f, 0xC0000, 0x20000);
+             AddHole(f, 0xE0000, 0x14000);
+         },
+         "Main BIOS header can not be placed"},
+        {"no room left to split a module into",
+         [](LayoutFixture& f) {
+             f.Module(f.AddModule("n.bin", RandomBytes(0x40000, 1), 0x01, 0x80)).Contiguous = 0;
+             AddHole(f, 0xE0000, 0x10);
+         },
+         "No Space left for module: {dir}/n.bin"},
+    };
+    for (const Case& c : cases) {
+        LayoutFixture f;
+        c.setup(f);
+        std::string fatal = c.fatal;
+        if (auto pos = fatal.find("{dir}"); pos != std::string::npos) {
+            fatal.replace(pos, 5, f.dir.path().string());
+        }
+        EXPECT_EQ(f.FatalOf([&] { BuildRomImage(f.ctx); }), fatal) << c.what;
+    }
+}
+
+// An add-on ROM at a start address with two links: its header 20 bytes below the start,
+// the link headers below that, the reservation grown down to a paragraph under them.
+TEST(GapBuild, FixedAddonRomWithLinks) {
+    LayoutFixture f;
+    const std::uint32_t rom_index = f.AddModule("vga.rom", RandomBytes(0x300, 1), 0x20, 0x80);
+    f.Module(rom_index).Header.SetDestOffset(0x8086);
+    f.Module(rom_index).Header.SetDestSegment(0x0102);
+    SetStartAddress(f, rom_index, 0xE0000);
+    f.AddLink(0x8086, 0x0103, 0x8086, 0x0102);
+    f.AddLink(0x8086, 0x0104, 0x8086, 0x0102);
+    const auto check = BuildAndCheck(f, testing::LinkForm::Real16);
+    const RomHoleEntry& hole = f.ctx.description.RomHoleTable[0];
+    EXPECT_EQ(hole.StartAddress, 0x1FFC0u);
+    EXPECT_EQ(hole.Size, 0x340u);
+    ASSERT_EQ(check.main.chain.size(), 4u);
+    EXPECT_EQ(check.main.chain[0].header, 0x1FFECu);
+    EXPECT_EQ(check.main.chain[1].header, 0x1FFD8u);
+    EXPECT_EQ(check.main.chain[2].header, 0x1FFC4u);
+    EXPECT_EQ(check.main.chain[2].data_size, 0x300u);
+}
+
+// The image information module split as the last item of the main BIOS: the first
+// module of the block built after it is sealed while the split is still pending, so
+// its checksum counts the split data instead of its own.
+TEST(GapBuild, BlockAfterASplitImageInformationModule) {
+    LayoutFixture f;
+    f.Module(f.AddModule("a.bin", RandomBytes(0x100, 1), 0x11, 0x80)).RomRegion = "B";
+    // Four gaps of 0x40 bytes and one of 32 at the top for the main BIOS header: the
+    // image information module fits none of them whole.
+    AddHole(f, 0xC0000, 0x40);
+    AddHole(f, 0xC0040, 0x1000, "B");
+    for (std::uint32_t a = 0xC1080; a < 0xC1170; a += 0x50) AddHole(f, a, 0x10);
+    AddHole(f, 0xC1170, 0x33FE0 - 0x1170);
+    f.console.str("");
+    const auto check = BuildAndCheck(f, testing::LinkForm::Real16);
+    EXPECT_NE(f.console.str().find(" Splitting " + f.dir.File("TEST1.inf")), std::string::npos);
+    ASSERT_EQ(check.blocks.size(), 1u);
+    ASSERT_EQ(check.blocks[0].chain.size(), 1u);
+    EXPECT_EQ(testing::CheckNcb(f.Rom(), 0x40).problems.size(), 1u);
 }
 
 }  // namespace
