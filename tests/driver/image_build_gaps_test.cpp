@@ -3,9 +3,12 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <functional>
+#include <sstream>
 
 #include "driver/image_build.h"
+#include "driver/main_flow.h"
 #include "layout/layout_fixture.h"
 #include "platform/text_format.h"
 #include "support/image_checks.h"
@@ -412,6 +415,47 @@ TEST(GapBuild, BlockAfterASplitImageInformationModule) {
     ASSERT_EQ(check.blocks.size(), 1u);
     ASSERT_EQ(check.blocks[0].chain.size(), 1u);
     EXPECT_EQ(testing::CheckNcb(f.Rom(), 0x40).problems.size(), 1u);
+}
+
+// The second bundled example, built by the program from the inputs its generator made.
+TEST(GapBuild, SecondBundledExampleBuilds) {
+    namespace fs = std::filesystem;
+    const fs::path generated = fs::path(FWFORGE_BINARY_DIR) / "examples" / "firmware2";
+    ASSERT_TRUE(fs::exists(generated / "bootblk.bin")) << "build the example2_inputs target";
+    testing::TempDir dir;
+    for (const auto& entry : fs::directory_iterator(generated)) {
+        if (entry.is_regular_file() && entry.path().extension() != "" &&
+            entry.path().extension() != ".cmake") {
+            fs::copy_file(entry.path(), dir.path() / entry.path().filename());
+        }
+    }
+    fs::create_directories(dir.path() / "out");
+    const fs::path before = fs::current_path();
+    fs::current_path(dir.path());
+    std::ostringstream out;
+    const char* args[] = {"fwforge", "out", "firmware2.scr"};
+    const int status = RunMainFlow(3, args, out);
+    fs::current_path(before);
+    ASSERT_EQ(status, 0) << out.str();
+    const std::string console = out.str();
+    for (const char* line : {" Inserting resume.bin as module id 09 at dffec\n",
+                             " Splitting firmware_volume.bin as module id 0A\n",
+                             " Inserting oemlogo.bin in ROMHOLE at c0000\n",
+                             " Building non-critical block SETUPDATA at 20000\n"}) {
+        EXPECT_NE(console.find(line), std::string::npos) << line;
+    }
+    const std::vector<std::uint8_t> rom = testing::ReadBytes(dir.File("firmware2.rom"));
+    ASSERT_EQ(rom.size(), 0x80000u);
+    std::vector<ReservedRange> ranges(4);
+    ranges[0] = {ReservedRange::FixedModule, 0x5FFE0, 0x720, 0, {}};
+    ranges[1] = {ReservedRange::Hole, 0x40000, 0x4000, 0x00, testing::ReadBytes(dir.File("oemlogo.bin"))};
+    ranges[2] = {ReservedRange::Hole, 0x50000, 0x2000, 0xFF, {}};
+    ranges[3] = {ReservedRange::Block, 0x20000, 0x8000, 0xFF, {}};
+    const auto check = testing::CheckGapImage(rom, testing::LinkForm::Real16, ranges, 0x68000, false);
+    for (const auto& p : check.problems) ADD_FAILURE() << p;
+    ASSERT_EQ(check.blocks.size(), 1u);
+    EXPECT_EQ(check.blocks[0].chain.size(), 2u);
+    EXPECT_EQ(rom[check.main.main_header - 4], 0x02 | 0x04);
 }
 
 }  // namespace
