@@ -3,6 +3,9 @@
 #include <gtest/gtest.h>
 
 #include "layout/gap_test_support.h"
+#include "layout/main_header.h"
+#include "layout/module_insertion.h"
+#include "layout/module_sizing.h"
 #include "layout/module_split.h"
 
 namespace fwforge {
@@ -123,6 +126,48 @@ TEST(PlacementPasses, SplitRoomIsTheFirstGapByAddress) {
         EXPECT_EQ(GapSpans(f), c.after) << c.what;
         EXPECT_EQ(f.ctx.layout.gaps.GapSizeOrder, (std::vector<std::uint8_t>{3, 0, 1, 2})) << c.what;
     }
+}
+
+}  // namespace
+}  // namespace fwforge
+
+namespace fwforge {
+namespace {
+
+// Alignments that are not multiples of 4 reserve Alignment - 1 bytes, so the shift of
+// the data start stays inside the room whatever the room's start.
+TEST(PlacementPasses, OddAlignmentStaysInsideItsRoom) {
+    for (std::uint32_t start : {0x1000u, 0x1001u, 0x1002u, 0x1003u, 0x1005u}) {
+        LayoutFixture f;
+        f.ctx.description.RomHoleCount = 1;  // gap placement
+        f.PrepareImage(0x34000);
+        CreateMainHeader(f.ctx);
+        testing::SetGaps(f, {{start, 0x3000}});
+        const std::uint32_t m = f.AddModule("a.bin", testing::RandomBytes(0x101, 1), 0x01, 0x80);
+        f.Module(m).Alignment = 7;
+        SizeModule(f.ctx, m);
+        EXPECT_EQ(f.Module(m).PlacedSize, 0x104u + 6 + 20);
+        ASSERT_EQ(ReserveWholeRoom(f.ctx, m), 0);
+        InsertModule(f.ctx, m);
+        const std::uint32_t data = f.ctx.image.PlacementCursor + 20;
+        EXPECT_EQ(data % 7, 0u) << start;
+        EXPECT_LE(data + 0x104, start + f.Module(m).PlacedSize) << start;
+    }
+}
+
+TEST(PlacementPasses, InsertionRefusesToRunPastItsRoom) {
+    LayoutFixture f;
+    f.ctx.description.RomHoleCount = 1;
+    f.PrepareImage(0x34000);
+    CreateMainHeader(f.ctx);
+    const std::uint32_t m = f.AddModule("a.bin", testing::RandomBytes(0x100, 1), 0x01, 0x80);
+    SizeModule(f.ctx, m);
+    f.ctx.image.PlacementCursor = 0x1000;
+    f.ctx.layout.RoomEnd = 0x1000 + 0x110;
+    EXPECT_EQ(f.FatalOf([&] { InsertModule(f.ctx, m); }),
+              "Module " + f.Module(m).FileName +
+                  " at image offset 1000 ends at 1114, past the end 1110 of the room reserved "
+                  "for it (PlacedSize 114, alignment 0)");
 }
 
 }  // namespace
