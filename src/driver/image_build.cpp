@@ -10,6 +10,7 @@
 #include "layout/main_header.h"
 #include "layout/module_insertion.h"
 #include "layout/module_sizing.h"
+#include "layout/rom_holes.h"
 #include "platform/file_io.h"
 #include "platform/text_format.h"
 

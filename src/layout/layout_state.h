@@ -5,12 +5,29 @@
 
 #include <chrono>
 #include <cstdint>
+#include <vector>
 
 namespace fwforge {
 
 // Which of the two ways of laying out the main BIOS a step works in. Gap placement is
 // chosen as soon as the build script reserves any range (RomHoleCount != 0).
 enum class PlacementMode : std::uint8_t { Sequential, Gap };
+
+// One free range of the image in gap placement, as image offsets.
+struct GapEntry {
+    std::uint32_t End = 0;    // one past the last free byte
+    std::uint32_t Start = 0;  // first free byte
+    std::uint32_t Size = 0;   // End - Start; 0 once used up
+};
+
+// The free ranges between the reserved ranges. GapCount is fixed when the map is built;
+// used-up gaps stay in the table with Size 0.
+struct GapMap {
+    std::vector<GapEntry> GapTable;
+    std::uint32_t GapCount = 0;
+    // Indices into GapTable by ascending Size, lower index first among equals.
+    std::vector<std::uint8_t> GapSizeOrder;
+};
 
 struct LayoutState {
     // Image offset of the main BIOS header's signature; valid once it has been created.
@@ -31,6 +48,12 @@ struct LayoutState {
     bool SkipNextLink = false;
     // Image offset that 32-bit module links are counted from (a block's start, else 0).
     std::uint32_t NcbBase = 0;
+    // Gap placement only.
+    GapMap gaps;
+    // One past the last byte of the room that gap placement handed to the module being
+    // inserted (a reserved gap, a start address reservation, the rest of a non-critical
+    // block). Insertion refuses to write past it.
+    std::uint64_t RoomEnd = 0;
     // Time spent in the encoder on behalf of the layout engine, for the benchmark's
     // split of build time into compression and everything else.
     std::chrono::steady_clock::duration CompressionTime{};

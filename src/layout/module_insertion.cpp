@@ -43,7 +43,51 @@ void CheckInsideImage(BuildContext& ctx, const ModuleEntry& m, std::uint64_t end
     }
 }
 
+// Our own guard for gap placement: the room was reserved from the module's sized
+// footprint, and the module as stored must not run into whatever lies above it.
+void CheckInsideRoom(BuildContext& ctx, const ModuleEntry& m, std::uint64_t end) {
+    if (end > ctx.layout.RoomEnd) {
+        ctx.diag.Fatal(StrFormat(
+            "Module %s at image offset %x ends at %llx, past the end %llx of the room "
+            "reserved for it (PlacedSize %x, alignment %x)",
+            m.FileName.c_str(), ctx.image.PlacementCursor, static_cast<unsigned long long>(end),
+            static_cast<unsigned long long>(ctx.layout.RoomEnd), m.PlacedSize, m.Alignment));
+    }
+}
+
 }  // namespace
+
+std::uint64_t LoadModuleData(BuildContext& ctx, const ModuleEntry& m, bool trace_compression,
+                             std::vector<std::uint8_t>& buffer) {
+    std::uint32_t n = 0;
+    buffer = ReadModuleFile(ctx, m.FileName, n);
+    std::uint64_t d = n;
+    if (IsCompressedByBuild(m.Header.ModuleAttributes(), m.CompressionFlags)) {
+        if (trace_compression && ctx.options.VerboseMode && m.Header.ModuleId() == 0x80) {
+            ctx.diag.Print(" (compressed)");
+        }
+        d = CompressInPlace(ctx, buffer, n).total;
+    }
+    if (m.MaxModuleSize != 0) {
+        if (m.MaxModuleSize < d) ctx.diag.Fatal("MaxModuleSize is too small for this module");
+        d = m.MaxModuleSize;
+    }
+    // What a buffer of MaxModuleSize bytes would hold beyond the file (0xFF) is supplied
+    // here, so the buffer itself never grows past the file before it is needed.
+    if (d > buffer.size()) buffer.resize(d, 0xFF);
+    return d;
+}
+
+void PlaceFixedModule(BuildContext& ctx, std::uint32_t index) {
+    ModuleEntry& m = ctx.description.ModuleTable[index];
+    if (m.RomHoleIndex == kNoIndex) return;
+    m.PlacementState = Placed;
+    // The header address is a ROM address; the gap map has checked the reservation
+    // around it, which starts at or below it, against the image.
+    ctx.image.PlacementCursor = m.HeaderAddress - ctx.image.AddressBase;
+    ctx.layout.RoomEnd = std::uint64_t{ctx.image.PlacementCursor} + m.PlacedSize;
+    InsertModule(ctx, index);
+}
 
 void InsertModule(BuildContext& ctx, std::uint32_t index) {
     BuildDescription& desc = ctx.description;
@@ -65,21 +109,8 @@ void InsertModule(BuildContext& ctx, std::uint32_t index) {
     m.InsertionIndex = ctx.layout.InsertionCounter++;
     ctx.diag.Printf(" Inserting %s as module id %02X", m.FileName.c_str(), m.Header.ModuleId());
 
-    std::uint32_t n = 0;
-    std::vector<std::uint8_t> buffer = ReadModuleFile(ctx, m.FileName, n);
-    std::uint64_t d = n;
-    if (IsCompressedByBuild(m.Header.ModuleAttributes(), m.CompressionFlags)) {
-        if (ctx.options.VerboseMode && m.Header.ModuleId() == 0x80) ctx.diag.Print(" (compressed)");
-        d = CompressInPlace(ctx, buffer, n).total;
-    }
-    if (m.MaxModuleSize != 0) {
-        if (m.MaxModuleSize < d) ctx.diag.Fatal("MaxModuleSize is too small for this module");
-        d = m.MaxModuleSize;
-    }
-    // Only d bytes are copied; what a buffer of MaxModuleSize bytes would hold beyond the
-    // file (0xFF) is supplied here, so the buffer itself never grows past the file.
-    if (d > buffer.size()) buffer.resize(d, 0xFF);
-
+    std::vector<std::uint8_t> buffer;
+    const std::uint64_t d = LoadModuleData(ctx, m, true, buffer);
     std::uint64_t s = (d + 3) & ~std::uint64_t{3};
     if (m.Alignment != 0) {
         if (mode == PlacementMode::Sequential) {
@@ -114,6 +145,7 @@ void InsertModule(BuildContext& ctx, std::uint32_t index) {
         if (index == desc.ModuleCount) image.PlacementCursor &= ~7u;
     } else {
         CheckInsideImage(ctx, m, std::uint64_t{image.PlacementCursor} + kHeader + d);
+        CheckInsideRoom(ctx, m, std::uint64_t{image.PlacementCursor} + kHeader + s);
     }
     ctx.diag.Printf(" at %x\n", image.PlacementCursor + image.AddressBase);
 

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <span>
+#include <vector>
 
 #include "driver/build_context.h"
 
@@ -16,6 +17,18 @@ inline constexpr std::uint8_t kDescriptorModuleId = 0x15;
 // placement it goes directly below the PlacementCursor, which it lowers; in gap placement
 // it goes upwards from the PlacementCursor, which names its room.
 void InsertModule(BuildContext& ctx, std::uint32_t index);
+
+// Inserts a module that has a start address there (its header 20 bytes below it, the
+// headers of its linked add-on ROMs below that); does nothing for any other module.
+void PlaceFixedModule(BuildContext& ctx, std::uint32_t index);
+
+// The module's data as it is stored: its file read into `buffer` and compressed where
+// the build compresses it, with MaxModuleSize applied. Returns the data length d;
+// `buffer` holds at least d bytes, and what lies past the compressed data is what the
+// module buffer holds there (the rest of the file, then 0xFF). `trace_compression`
+// prints the verbose " (compressed)" note of the image information module.
+std::uint64_t LoadModuleData(BuildContext& ctx, const ModuleEntry& m, bool trace_compression,
+                             std::vector<std::uint8_t>& buffer);
 
 // Writes the header of linked add-on ROM `index` below the header written last, which
 // must be an add-on ROM's.

@@ -76,7 +76,13 @@ void SizeModule(BuildContext& ctx, std::uint32_t index) {
     }
     if (m.MaxModuleSize != 0) s = m.MaxModuleSize;
     s = (s + 3) & ~std::uint64_t{3};
-    if (m.Alignment != 0) s = s - 4 + m.Alignment;
+    if (m.Alignment != 0) {
+        // Room for moving the data start up to the next multiple of Alignment. Rooms
+        // start on multiples of 4, so a multiple of 4 never needs more than
+        // Alignment - 4 bytes; any other alignment can need Alignment - 1, and gets it so
+        // that the shift stays inside the room reserved.
+        s = s + m.Alignment - (m.Alignment % 4 == 0 ? 4 : 1);
+    }
     const std::uint64_t placed = s + kHeader;
     if (placed > 0xFFFFFFFFu) {
         ctx.diag.Fatal(StrFormat(

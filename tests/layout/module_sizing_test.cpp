@@ -61,7 +61,7 @@ TEST(SizeModule, SizesFollowTheStoredForm) {
         }
         if (c.max_size) s = c.max_size;
         s = Round4(s);
-        if (c.alignment) s = s - 4 + c.alignment;
+        if (c.alignment) s = s + c.alignment - (c.alignment % 4 == 0 ? 4 : 1);
         EXPECT_EQ(f.Module(m).PlacedSize, s + 20) << c.what;
         EXPECT_EQ((f.Module(m).Header.ModuleAttributes() & 0x80) != 0, stored) << c.what;
     }

@@ -1,5 +1,6 @@
 #include "support/image_checks.h"
 
+#include <algorithm>
 #include <cstring>
 #include <set>
 
@@ -42,7 +43,8 @@ std::uint32_t FindMainHeader(std::span<const std::uint8_t> rom) {
     return kEnd;
 }
 
-MainBiosCheck CheckMainBios(std::span<const std::uint8_t> rom, LinkForm form) {
+MainBiosCheck CheckMainBios(std::span<const std::uint8_t> rom, LinkForm form,
+                            std::span<const ByteRange> erased) {
     MainBiosCheck check;
     auto problem = [&](std::string text) { check.problems.push_back(std::move(text)); };
     check.main_header = FindMainHeader(rom);
@@ -59,7 +61,13 @@ MainBiosCheck CheckMainBios(std::span<const std::uint8_t> rom, LinkForm form) {
         return check;
     }
     check.region_start = end - covered;
-    if (SumDwords(rom, check.region_start, covered) != 0) {
+    std::vector<std::uint8_t> sealed(rom.begin(), rom.end());
+    for (const ByteRange& r : erased) {
+        for (std::uint64_t i = r.start; i < std::uint64_t{r.start} + r.size && i < sealed.size(); ++i) {
+            sealed[i] = 0xFF;
+        }
+    }
+    if (SumDwords(sealed, check.region_start, covered) != 0) {
         problem("main header region does not sum to 0");
     }
 
@@ -87,7 +95,9 @@ MainBiosCheck CheckMainBios(std::span<const std::uint8_t> rom, LinkForm form) {
         e.dest_offset = load_le16(&rom[h + 16]);
         e.dest_segment = load_le16(&rom[h + 18]);
         check.chain.push_back(e);
-        if (e.data_size16 != (e.data_size < 0x10000 ? e.data_size : 0xFFFF)) {
+        // Headers of split pieces other than the last carry no DataSize16.
+        if (!(e.attributes & 0x20) &&
+            e.data_size16 != (e.data_size < 0x10000 ? e.data_size : 0xFFFF)) {
             problem(StrFormat("header at %x: DataSize16 %x for DataSize %x", h, e.data_size16,
                               e.data_size));
         }
@@ -102,6 +112,9 @@ MainBiosCheck CheckMainBios(std::span<const std::uint8_t> rom, LinkForm form) {
             return check;
         }
         const std::uint32_t data_sum = SumDwords(rom, h + 20, own);
+        if (!linked) {
+            check.last_module_data_sum = data_sum + (split_pending ? split_sum : 0);
+        }
         if (piece) {
             split_sum += data_sum;
             split_bytes += own;
@@ -119,6 +132,176 @@ MainBiosCheck CheckMainBios(std::span<const std::uint8_t> rom, LinkForm form) {
         link = load_le32(&rom[h + 8]);
     }
     return check;
+}
+
+NcbCheck CheckNcb(std::span<const std::uint8_t> rom, std::uint32_t block,
+                  std::optional<std::uint32_t> pending_split_sum) {
+    NcbCheck check;
+    auto problem = [&](std::string text) { check.problems.push_back(std::move(text)); };
+    if (std::uint64_t{block} + 24 > rom.size()) {
+        problem(StrFormat("block at %x: no room for its header", block));
+        return check;
+    }
+    const std::uint8_t* h = &rom[block];
+    if (std::memcmp(h, "ZELNCBLK", 8) != 0) problem(StrFormat("block at %x: no signature", block));
+    if (load_le16(h + 8) != 24) problem(StrFormat("block at %x: header length", block));
+    std::uint16_t words = 0;
+    for (int i = 0; i < 24; i += 2) words = static_cast<std::uint16_t>(words + load_le16(h + i));
+    if (words != 0) problem(StrFormat("block at %x: header words sum to %x", block, words));
+    check.block_length = load_le32(h + 12);
+    if (std::uint64_t{block} + check.block_length > rom.size()) {
+        problem(StrFormat("block at %x: length %x reaches past the image", block, check.block_length));
+        return check;
+    }
+    const std::uint32_t dwords =
+        SumDwords(rom, block, check.block_length) - load_le16(h + 10) * 0x10000u;
+    if (dwords != 0) problem(StrFormat("block at %x: doublewords sum to %x", block, dwords));
+
+    std::uint32_t link = load_le32(h + 20);
+    if (link != kEnd && link != 32) problem(StrFormat("block at %x: first module %x", block, link));
+    std::set<std::uint32_t> seen;
+    bool first = true;
+    while (link != kEnd) {
+        const std::uint64_t at = std::uint64_t{block} + link - 8;
+        if (link < 32 || at + 20 > std::uint64_t{block} + check.block_length) {
+            problem(StrFormat("block at %x: link %x leads outside the block", block, link));
+            return check;
+        }
+        const std::uint32_t m = static_cast<std::uint32_t>(at);
+        if (!seen.insert(m).second) {
+            problem(StrFormat("block at %x: chain loops", block));
+            return check;
+        }
+        ChainEntry e;
+        e.header = m;
+        e.data_size = load_le32(&rom[m]);
+        e.data_size16 = load_le16(&rom[m + 12]);
+        e.module_id = rom[m + 14];
+        e.attributes = rom[m + 15];
+        e.dest_offset = load_le16(&rom[m + 16]);
+        e.dest_segment = load_le16(&rom[m + 18]);
+        check.chain.push_back(e);
+        const bool linked = e.attributes & 0x40;
+        const std::uint32_t own = linked ? 0 : e.data_size;
+        if (std::uint64_t{m} + 20 + own > std::uint64_t{block} + check.block_length) {
+            problem(StrFormat("module at %x reaches past its block", m));
+            return check;
+        }
+        std::uint32_t sum = SumDwords(rom, m, 20);
+        if (first && pending_split_sum) {
+            sum += *pending_split_sum;
+        } else {
+            sum += SumDwords(rom, m + 20, own);
+        }
+        if (sum != 0) problem(StrFormat("module at %x in block %x does not sum to 0", m, block));
+        first = false;
+        link = load_le32(&rom[m + 8]);
+    }
+    return check;
+}
+
+GapImageCheck CheckGapImage(std::span<const std::uint8_t> rom, LinkForm form,
+                            std::span<const ReservedRange> ranges, std::uint32_t top,
+                            bool info_split) {
+    GapImageCheck out;
+    auto problem = [&](std::string text) { out.problems.push_back(std::move(text)); };
+    std::vector<ByteRange> erased;
+    for (const ReservedRange& r : ranges) {
+        if (r.kind != ReservedRange::FixedModule) erased.push_back({r.start, r.size});
+    }
+    out.main = CheckMainBios(rom, form, erased);
+    for (const auto& p : out.main.problems) problem(p);
+
+    struct Item {
+        std::uint64_t start, end;
+        std::string what;
+    };
+    std::vector<Item> items;
+    items.push_back({top, rom.size(), "boot area"});
+    if (out.main.main_header != kEnd) {
+        items.push_back({out.main.main_header - 10u, out.main.main_header + 22u, "main header"});
+    }
+    std::uint32_t pieces = 0;
+    for (const ChainEntry& e : out.main.chain) {
+        const bool linked = e.attributes & 0x40;
+        const bool piece = e.attributes & 0x20;
+        std::uint32_t own = linked ? 0 : e.data_size;
+        if (!linked && !piece) {
+            own = e.data_size - pieces;
+            pieces = 0;
+        } else if (piece) {
+            pieces += e.data_size;
+        }
+        items.push_back({e.header, std::uint64_t{e.header} + 20 + own,
+                         StrFormat("module header at %x", e.header)});
+    }
+
+    std::optional<std::uint32_t> pending;
+    if (info_split) pending = out.main.last_module_data_sum;
+    for (const ReservedRange& r : ranges) {
+        const std::uint64_t end = std::uint64_t{r.start} + r.size;
+        if (end > rom.size()) {
+            problem(StrFormat("range at %x reaches past the image", r.start));
+            continue;
+        }
+        if (r.kind == ReservedRange::FixedModule) {
+            // Its module, and the headers of its links, lie inside it.
+            continue;
+        }
+        items.push_back({r.start, end, StrFormat("reserved range at %x", r.start)});
+        if (r.kind == ReservedRange::Hole) {
+            for (std::uint32_t i = 0; i < r.size; ++i) {
+                const std::uint8_t want = i < r.file.size() ? r.file[i] : r.filler;
+                if (rom[r.start + i] != want) {
+                    problem(StrFormat("ROM hole at %x: byte %x is %x, not %x", r.start, i,
+                                      rom[r.start + i], want));
+                    break;
+                }
+            }
+            continue;
+        }
+        NcbCheck block = CheckNcb(rom, r.start, pending);
+        for (const auto& p : block.problems) problem(p);
+        if (block.block_length != r.size) problem(StrFormat("block at %x: length", r.start));
+        // Every byte past the header that no module covers keeps the filler.
+        std::vector<bool> covered(r.size, false);
+        for (std::uint32_t i = 0; i < 24 && i < r.size; ++i) covered[i] = true;
+        for (const ChainEntry& e : block.chain) {
+            const std::uint32_t own = (e.attributes & 0x40) ? 0 : e.data_size;
+            for (std::uint64_t i = e.header; i < std::uint64_t{e.header} + 20 + own && i < end; ++i) {
+                covered[i - r.start] = true;
+            }
+        }
+        for (std::uint32_t i = 0; i < r.size; ++i) {
+            if (!covered[i] && rom[r.start + i] != r.filler) {
+                problem(StrFormat("block at %x: free byte %x is %x", r.start, i, rom[r.start + i]));
+                break;
+            }
+        }
+        // A block with two modules or more reseals its first module, which ends the
+        // pending split; a block with one leaves it for the next block.
+        if (block.chain.size() >= 2) pending.reset();
+        out.blocks.push_back(std::move(block));
+    }
+
+    // Modules with a start address lie inside their reservations.
+    for (const ReservedRange& r : ranges) {
+        if (r.kind != ReservedRange::FixedModule) continue;
+        const bool held = std::any_of(items.begin(), items.end(), [&](const Item& it) {
+            return it.start >= r.start && it.end <= std::uint64_t{r.start} + r.size &&
+                   it.end > it.start;
+        });
+        if (!held) problem(StrFormat("reservation at %x holds no module", r.start));
+    }
+
+    std::sort(items.begin(), items.end(),
+              [](const Item& a, const Item& b) { return a.start < b.start; });
+    for (std::size_t i = 1; i < items.size(); ++i) {
+        if (items[i].start < items[i - 1].end) {
+            problem(items[i - 1].what + " overlaps " + items[i].what);
+        }
+    }
+    return out;
 }
 
 }  // namespace fwforge::testing

@@ -1,0 +1,30 @@
+#pragma once
+// Gap maps set up directly, for tests of the placement steps that take room from them.
+
+#include <vector>
+
+#include "layout/gap_map.h"
+#include "layout/layout_fixture.h"
+
+namespace fwforge::testing {
+
+struct GapSpan {
+    std::uint32_t start, end;  // image offsets
+    bool operator==(const GapSpan&) const = default;
+};
+
+inline void SetGaps(LayoutFixture& f, const std::vector<GapSpan>& spans) {
+    GapMap& map = f.ctx.layout.gaps;
+    map.GapTable.clear();
+    for (const GapSpan& s : spans) map.GapTable.push_back({s.end, s.start, s.end - s.start});
+    map.GapCount = static_cast<std::uint32_t>(spans.size());
+    OrderGapsBySize(map);
+}
+
+inline std::vector<GapSpan> GapSpans(const LayoutFixture& f) {
+    std::vector<GapSpan> spans;
+    for (const GapEntry& g : f.ctx.layout.gaps.GapTable) spans.push_back({g.Start, g.End});
+    return spans;
+}
+
+}  // namespace fwforge::testing
