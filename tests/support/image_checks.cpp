@@ -284,14 +284,30 @@ GapImageCheck CheckGapImage(std::span<const std::uint8_t> rom, LinkForm form,
         out.blocks.push_back(std::move(block));
     }
 
-    // Modules with a start address lie inside their reservations.
+    // Modules with a start address lie inside their reservations, which nothing else
+    // writes: no filler is loaded there, so the bytes that neither the module nor its
+    // links' headers cover stay erased.
     for (const ReservedRange& r : ranges) {
         if (r.kind != ReservedRange::FixedModule) continue;
-        const bool held = std::any_of(items.begin(), items.end(), [&](const Item& it) {
-            return it.start >= r.start && it.end <= std::uint64_t{r.start} + r.size &&
-                   it.end > it.start;
-        });
+        const std::uint64_t end = std::uint64_t{r.start} + r.size;
+        if (end > rom.size()) continue;
+        bool held = false;
+        std::vector<bool> covered(r.size, false);
+        for (const Item& it : items) {
+            held = held || (it.start >= r.start && it.end <= end && it.end > it.start);
+            for (std::uint64_t i = std::max<std::uint64_t>(it.start, r.start);
+                 i < std::min(it.end, end); ++i) {
+                covered[i - r.start] = true;
+            }
+        }
         if (!held) problem(StrFormat("reservation at %x holds no module", r.start));
+        for (std::uint32_t i = 0; i < r.size; ++i) {
+            if (!covered[i] && rom[r.start + i] != 0xFF) {
+                problem(StrFormat("reservation at %x: free byte %x is %x", r.start, i,
+                                  rom[r.start + i]));
+                break;
+            }
+        }
     }
 
     std::sort(items.begin(), items.end(),

@@ -96,10 +96,11 @@ struct GapImageCheck {
 // Everything a gap-placement image must satisfy: the main BIOS (its region summed as it
 // was before the ROM holes were loaded), every non-critical block, ROM holes holding
 // their file and filler, block bytes that no module covers holding the filler, every
-// module of a start address inside its reservation, and no two items (main BIOS header,
-// module headers with their data, ROM holes, blocks, the boot area from `top` up)
-// overlapping. `info_split` says the image information module was split, so that the
-// first module of the blocks built after it counts the pending split sum.
+// module of a start address inside its reservation (the rest of it erased), and no two
+// items (main BIOS header, module headers with their data, ROM holes, blocks, the boot
+// area from `top` up) overlapping. `info_split` says the image information module was
+// split, so that the first module of the blocks built after it counts the pending split
+// sum.
 GapImageCheck CheckGapImage(std::span<const std::uint8_t> rom, LinkForm form,
                             std::span<const ReservedRange> ranges, std::uint32_t top,
                             bool info_split);
