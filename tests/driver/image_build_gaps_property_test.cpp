@@ -3,10 +3,13 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <map>
 #include <sstream>
 
 #include "compress/lzh_decoder.h"
 #include "driver/image_build.h"
+#include "platform/byte_order.h"
 #include "platform/text_format.h"
 #include "script/script_reader.h"
 #include "support/image_checks.h"
@@ -43,9 +46,23 @@ std::vector<std::uint8_t> ModuleBytes(Random& r, std::uint32_t size) {
     return bytes;
 }
 
+// A module the script asks for, told apart in the image by its module id (every module
+// but an add-on ROM has its own) or, for an add-on ROM, by its vendor and device ids.
+struct WantedModule {
+    std::string key;
+    std::string file;  // empty for a linked add-on ROM
+    std::uint32_t alignment = 0;
+    bool placed = true;  // false when its region names no block
+};
+
+std::string KeyOf(std::uint8_t id, std::uint16_t vendor, std::uint16_t device) {
+    return id == 0x20 ? StrFormat("20:%04x:%04x", vendor, device) : StrFormat("%02x", id);
+}
+
 struct Script {
     std::string text;
     std::uint32_t top = 0;
+    std::vector<WantedModule> modules;
 };
 
 // A 256 KB or 512 KB 16-bit image. The free area is cut into slots of 0x4000 bytes; some
@@ -61,6 +78,8 @@ Script MakeScript(Random& r, const testing::TempDir& dir) {
       << StrFormat("\nsize = %08x\nbbsize = 00010000\nnvramsize = %08x\ntag = prop\n", bios, nvram);
     testing::WriteBytes(dir.File("bb.bin"), testing::RandomBytes(0x10000, r.Next()));
 
+    std::vector<WantedModule> wanted;
+    std::uint32_t next_id = 0x30;
     int file_no = 0;
     auto module_file = [&](std::uint32_t size) {
         const std::string name = dir.File(StrFormat("m%d.bin", file_no++));
@@ -78,11 +97,14 @@ Script MakeScript(Random& r, const testing::TempDir& dir) {
         case 0: {  // module at a start address, maybe an add-on ROM with links
             const std::uint32_t size = 0x10 + r.Below(0x1800);
             const bool addon = r.OneIn(2);
-            s << "[module]\nfile = " << module_file(size) << "\n";
+            const std::string file = module_file(size);
+            s << "[module]\nfile = " << file << "\n";
             if (addon) {
                 s << StrFormat("moduleid = 20\nvendorid = 1%03x\ndeviceid = 0001\n", slot);
+                wanted.push_back({KeyOf(0x20, 0x1000 + slot, 1), file});
             } else {
-                s << StrFormat("moduleid = %02x\ndestn = f000:0000\n", 0x30 + slot % 16);
+                s << StrFormat("moduleid = %02x\ndestn = f000:0000\n", next_id);
+                wanted.push_back({KeyOf(next_id++, 0, 0), file});
             }
             s << (r.OneIn(2) ? "compressed = no\n" : "")
               << StrFormat("startaddress = %08x\n", start + 0x100 + 4 * r.Below(0x10));
@@ -90,6 +112,7 @@ Script MakeScript(Random& r, const testing::TempDir& dir) {
                 s << StrFormat("[module]\nmoduleid = 20\nvendorid = 2%03x\ndeviceid = 000%x\n"
                                "linkvenid = 1%03x\nlinkdevid = 0001\nlink = yes\n",
                                slot, l, slot);
+                wanted.push_back({KeyOf(0x20, 0x2000 + slot, l), ""});
             }
             break;
         }
@@ -100,9 +123,11 @@ Script MakeScript(Random& r, const testing::TempDir& dir) {
             for (std::uint32_t k = 0; k < count; ++k) {
                 const std::uint32_t size = 0x10 + r.Below(0x600);
                 used += ((size + 3) & ~3u) + 20;
-                s << "[module]\nfile = " << module_file(size)
+                const std::string file = module_file(size);
+                s << "[module]\nfile = " << file
                   << StrFormat("\nmoduleid = %02x\ndestn = 1000:0000\ncompressed = no\nromregion = %s\n",
-                               0x50 + k, name.c_str());
+                               next_id, name.c_str());
+                wanted.push_back({KeyOf(next_id++, 0, 0), file});
             }
             s << StrFormat("[noncriticalrom]\nname = %s\nstartaddress = %08x\nsize = %x\n",
                            name.c_str(), start, used + r.Below(0x200));
@@ -130,19 +155,96 @@ Script MakeScript(Random& r, const testing::TempDir& dir) {
     for (std::uint32_t k = 0; k < count; ++k) {
         const bool contiguous = r.OneIn(4);
         const std::uint32_t size = contiguous ? 0x10 + r.Below(0x1000) : 0x10 + r.Below(0xC000);
-        s << "[module]\nfile = " << module_file(size)
-          << StrFormat("\nmoduleid = %02x\ndestn = 2000:0000\n", 0x60 + k);
+        WantedModule& module = wanted.emplace_back(WantedModule{KeyOf(next_id, 0, 0), module_file(size)});
+        s << "[module]\nfile = " << module.file
+          << StrFormat("\nmoduleid = %02x\ndestn = 2000:0000\n", next_id++);
         static const char* const kCompression[] = {"yes", "no", "minsize"};
         s << "compressed = " << kCompression[r.Below(3)] << "\n";
         s << (contiguous ? "contiguous = yes\n" : "contiguous = no\n");
         if (r.OneIn(3)) {
             static const std::uint32_t kAlign[] = {0x10, 0x20, 0x80, 0x40};
-            s << StrFormat("alignment = %x\n", kAlign[r.Below(4)]);
+            module.alignment = kAlign[r.Below(4)];
+            s << StrFormat("alignment = %x\n", module.alignment);
         } else if (r.OneIn(6)) {
             s << "romregion = nosuchblock\n";  // placed nowhere
+            module.placed = false;
         }
     }
-    return {testing::WithCrLf(s.str()), top};
+    return {testing::WithCrLf(s.str()), top, std::move(wanted)};
+}
+
+// A module as the image holds it: the data of a split module's pieces joined.
+struct HeldModule {
+    std::vector<std::uint8_t> data;
+    std::uint32_t data_start = 0;  // of the first piece
+    bool split = false;
+    bool stored_as_is = false;
+};
+
+void CollectModules(std::span<const std::uint8_t> rom, const std::vector<testing::ChainEntry>& chain,
+                    std::map<std::string, std::vector<HeldModule>>& held) {
+    HeldModule pieces;
+    for (const testing::ChainEntry& e : chain) {
+        const std::string key = KeyOf(e.module_id, e.dest_offset, e.dest_segment);
+        if (e.attributes & 0x40) {
+            held[key].push_back({});
+            continue;
+        }
+        if (!pieces.split) pieces.data_start = e.data();
+        const std::uint32_t own = (e.attributes & 0x20)
+                                      ? e.data_size
+                                      : e.data_size - static_cast<std::uint32_t>(pieces.data.size());
+        pieces.data.insert(pieces.data.end(), rom.begin() + e.data(), rom.begin() + e.data() + own);
+        if (e.attributes & 0x20) {
+            pieces.split = true;
+            continue;
+        }
+        pieces.stored_as_is = e.attributes & 0x80;
+        held[key].push_back(std::move(pieces));
+        pieces = {};
+    }
+}
+
+// Every module of the script is in the image once, holding its file (as it is, or
+// compressed), with its data aligned when it was placed whole; a module whose region
+// names no block is neither placed nor announced.
+void CheckModulesHeld(std::span<const std::uint8_t> rom, const testing::GapImageCheck& check,
+                      const std::vector<WantedModule>& wanted, const std::string& console) {
+    std::map<std::string, std::vector<HeldModule>> held;
+    CollectModules(rom, check.main.chain, held);
+    for (const auto& block : check.blocks) CollectModules(rom, block.chain, held);
+    for (const WantedModule& w : wanted) {
+        SCOPED_TRACE(w.key + " " + w.file);
+        const auto found = held.find(w.key);
+        if (!w.placed) {
+            EXPECT_EQ(found, held.end());
+            EXPECT_EQ(console.find(w.file), std::string::npos);
+            continue;
+        }
+        ASSERT_NE(found, held.end());
+        ASSERT_EQ(found->second.size(), 1u);
+        const HeldModule& m = found->second.front();
+        if (w.file.empty()) continue;  // a linked add-on ROM: its header only
+        const std::vector<std::uint8_t> file = testing::ReadBytes(w.file);
+        if (m.stored_as_is) {
+            ASSERT_GE(m.data.size(), file.size());
+            EXPECT_TRUE(std::equal(file.begin(), file.end(), m.data.begin()));
+        } else {
+            // Noisy data runs into the encoder's output bound and is stored cut off,
+            // total = consumed + 9, as the encoder leaves it; a complete stream decodes.
+            ASSERT_GE(m.data.size(), 8u);
+            EXPECT_EQ(load_le32(&m.data[4]), file.size());
+            if (load_le32(&m.data[0]) != file.size() + 9) {
+                std::string error;
+                const auto decoded = lzh::DecodeCompressedData(m.data, &error);
+                ASSERT_TRUE(decoded) << error;
+                EXPECT_EQ(*decoded, file);
+            }
+        }
+        if (w.alignment != 0 && !m.split) {
+            EXPECT_EQ(m.data_start % w.alignment, 0u);
+        }
+    }
 }
 
 TEST(GapBuildProperty, RandomScriptsBuildSoundImages) {
@@ -203,6 +305,7 @@ TEST(GapBuildProperty, RandomScriptsBuildSoundImages) {
         if (!check.problems.empty()) {
             ADD_FAILURE() << console.str() << "\n" << script.text;
         }
+        CheckModulesHeld(rom, check, script.modules, console.str());
         ++built;
         const std::string text = console.str();
         splits += text.find(" Splitting ") != std::string::npos;
