@@ -233,6 +233,7 @@ TEST(GapBuild, BlocksAndHoles) {
         std::function<void(LayoutFixture&)> setup;
         std::vector<std::string> tail;  // the last console lines; {dir} is the temp folder
         std::string fatal;
+        std::function<void(LayoutFixture&, const testing::GapImageCheck&)> check = {};
     } cases[] = {
         {"hole file shorter than the hole",
          [](LayoutFixture& f) {
@@ -277,18 +278,34 @@ TEST(GapBuild, BlocksAndHoles) {
          [](LayoutFixture& f) { AddHole(f, 0xD0000, 0x10, "TINY"); },
          {" Building non-critical block TINY at 10000", ""},
          "Non-critical block too small for header"},
-        {"two modules in a block; one whose region names no block is placed nowhere",
+        {"two modules in a block, an empty block; a module whose region names no block is "
+         "placed nowhere",
          [](LayoutFixture& f) {
              f.Module(f.AddModule("a.bin", RandomBytes(0x100, 1), 0x11, 0x80)).RomRegion = "B";
              f.Module(f.AddModule("x.bin", RandomBytes(0x100, 2), 0x12, 0x80)).RomRegion = "NONE";
              f.Module(f.AddModule("b.bin", RandomBytes(0x80, 3), 0x13, 0x80)).RomRegion = "B";
              AddHole(f, 0xD0000, 0x400, "B");
+             AddHole(f, 0xD1000, 0x20, "EMPTY");
          },
          {" Building non-critical block B at 10000",
           " Inserting {dir}/a.bin as module id 11 at d0018",
           " Inserting {dir}/b.bin as module id 13 at d012c",
+          "Non-critical block creation successful, creating header.",
+          " Building non-critical block EMPTY at 11000",
           "Non-critical block creation successful, creating header."},
-         ""},
+         "",
+         [](LayoutFixture& f, const testing::GapImageCheck& check) {
+             EXPECT_EQ(f.console.str().find("x.bin"), std::string::npos);
+             const std::vector<std::uint8_t> rom = f.Rom();
+             // The second module's header starts PlacedSize bytes after the first's; the
+             // first links to it by its offset from the block's start.
+             EXPECT_EQ(load_le32(&rom[0x10018 + 8]), 24u + 0x114 + 8);
+             EXPECT_EQ(load_le32(&rom[0x11000 + 20]), 0xFFFFFFFFu);
+             ASSERT_EQ(check.blocks.size(), 2u);
+             EXPECT_EQ(check.blocks[0].chain.size(), 2u);
+             EXPECT_TRUE(check.blocks[1].chain.empty());
+             EXPECT_EQ(check.main.chain.size(), 1u);  // the image information module
+         }},
         {"module larger than the rest of its block",
          [](LayoutFixture& f) {
              f.Module(f.AddModule("a.bin", RandomBytes(0x100, 1), 0x11, 0x80)).RomRegion = "B";
@@ -312,7 +329,8 @@ TEST(GapBuild, BlocksAndHoles) {
         std::vector<std::string> tail;
         for (const auto& line : c.tail) tail.push_back(subst(line));
         if (c.fatal.empty()) {
-            BuildAndCheck(f, testing::LinkForm::Real16);
+            const testing::GapImageCheck check = BuildAndCheck(f, testing::LinkForm::Real16);
+            if (c.check) c.check(f, check);
         } else {
             EXPECT_EQ(f.FatalOf([&] { BuildRomImage(f.ctx); }), subst(c.fatal)) << c.what;
             tail.push_back("FATAL ERROR: " + subst(c.fatal));
@@ -321,23 +339,6 @@ TEST(GapBuild, BlocksAndHoles) {
         ASSERT_GE(lines.size(), tail.size()) << c.what;
         EXPECT_EQ(std::vector<std::string>(lines.end() - tail.size(), lines.end()), tail) << c.what;
     }
-}
-
-TEST(GapBuild, EmptyBlockAndSecondModuleLink) {
-    LayoutFixture f;
-    f.Module(f.AddModule("a.bin", RandomBytes(0x100, 1), 0x11, 0x80)).RomRegion = "B";
-    f.Module(f.AddModule("b.bin", RandomBytes(0x80, 3), 0x13, 0x80)).RomRegion = "B";
-    AddHole(f, 0xD0000, 0x400, "B");
-    AddHole(f, 0xD1000, 0x20, "EMPTY");
-    const auto check = BuildAndCheck(f, testing::LinkForm::Real16);
-    const std::vector<std::uint8_t> rom = f.Rom();
-    // The second module's header starts PlacedSize bytes after the first's; the first
-    // links to it by its offset from the block's start.
-    EXPECT_EQ(load_le32(&rom[0x10018 + 8]), 24u + 0x114 + 8);
-    EXPECT_EQ(load_le32(&rom[0x11000 + 20]), 0xFFFFFFFFu);
-    ASSERT_EQ(check.blocks.size(), 2u);
-    EXPECT_EQ(check.blocks[0].chain.size(), 2u);
-    EXPECT_TRUE(check.blocks[1].chain.empty());
 }
 
 TEST(GapBuild, FailuresOfPlacement) {
@@ -387,6 +388,34 @@ TEST(GapBuild, FixedAddonRomWithLinks) {
     f.AddLink(0x8086, 0x0103, 0x8086, 0x0102);
     f.AddLink(0x8086, 0x0104, 0x8086, 0x0102);
     const auto check = BuildAndCheck(f, testing::LinkForm::Real16);
+    // Every pass heading, even of the passes with nothing to do; no ROM holes to load
+    // when the only reserved range is a start address.
+    EXPECT_EQ(f.Lines(), (std::vector<std::string>{
+        "Generating boot block image...",
+        "BIOS has no Extended Boot Block.",
+        "Initializing NVRAM space below boot block...",
+        "Gathering module size information",
+        "Generating gap information",
+        " Creating main BIOS header",
+        "",
+        "Placing modules with specified fixed locations",
+        "",
+        " Inserting " + f.dir.File("vga.rom") + " as module id 20 at dffec",
+        " Inserting linked addon-rom at dffd8",
+        " Inserting linked addon-rom at dffc4",
+        "",
+        "Placing modules that can't be split",
+        "",
+        "",
+        "Placing remaining modules that will fit without splitting",
+        "",
+        "",
+        "Splitting unplaced modules",
+        "",
+        "",
+        "Generating Image Information Module ...",
+        " Inserting " + f.dir.File("TEST1.inf") + " as module id 80 at e0300",
+    }));
     const RomHoleEntry& hole = f.ctx.description.RomHoleTable[0];
     EXPECT_EQ(hole.StartAddress, 0x1FFC0u);
     EXPECT_EQ(hole.Size, 0x340u);

@@ -128,12 +128,6 @@ TEST(PlacementPasses, SplitRoomIsTheFirstGapByAddress) {
     }
 }
 
-}  // namespace
-}  // namespace fwforge
-
-namespace fwforge {
-namespace {
-
 // Alignments that are not multiples of 4 reserve Alignment - 1 bytes, so the shift of
 // the data start stays inside the room whatever the room's start.
 TEST(PlacementPasses, OddAlignmentStaysInsideItsRoom) {
