@@ -96,6 +96,13 @@ TEST(PlacementPasses, WholeRoomFollowsTheNewSizeOrder) {
     ASSERT_EQ(ReserveWholeRoom(f.ctx, 1), 0);
     EXPECT_EQ(f.ctx.image.PlacementCursor, 0x1900u);
     EXPECT_EQ(f.ctx.layout.RoomEnd, 0x1F00u);
+    // Split rooms leave the size order as it was: a whole reservation after them walks
+    // the gaps in the old order (0x100, 0x800 bytes), checking their current sizes, and
+    // takes the first gap although the second now holds only 0x10 bytes.
+    ASSERT_EQ(TakeSplitRoom(f.ctx, 0x101, 0x7F0), 0x7F0u);
+    AddSized(f, 0x10);
+    ASSERT_EQ(ReserveWholeRoom(f.ctx, 2), 0);
+    EXPECT_EQ(f.ctx.image.PlacementCursor, 0x1F00u);
 }
 
 TEST(PlacementPasses, SplitRoomIsTheFirstGapByAddress) {
