@@ -155,7 +155,8 @@ Script MakeScript(Random& r, const testing::TempDir& dir) {
     for (std::uint32_t k = 0; k < count; ++k) {
         const bool contiguous = r.OneIn(4);
         const std::uint32_t size = contiguous ? 0x10 + r.Below(0x1000) : 0x10 + r.Below(0xC000);
-        WantedModule& module = wanted.emplace_back(WantedModule{KeyOf(next_id, 0, 0), module_file(size)});
+        WantedModule& module =
+            wanted.emplace_back(WantedModule{KeyOf(next_id, 0, 0), module_file(size)});
         s << "[module]\nfile = " << module.file
           << StrFormat("\nmoduleid = %02x\ndestn = 2000:0000\n", next_id++);
         static const char* const kCompression[] = {"yes", "no", "minsize"};
@@ -181,7 +182,8 @@ struct HeldModule {
     bool stored_as_is = false;
 };
 
-void CollectModules(std::span<const std::uint8_t> rom, const std::vector<testing::ChainEntry>& chain,
+void CollectModules(std::span<const std::uint8_t> rom,
+                    const std::vector<testing::ChainEntry>& chain,
                     std::map<std::string, std::vector<HeldModule>>& held) {
     HeldModule pieces;
     for (const testing::ChainEntry& e : chain) {
@@ -191,9 +193,8 @@ void CollectModules(std::span<const std::uint8_t> rom, const std::vector<testing
             continue;
         }
         if (!pieces.split) pieces.data_start = e.data();
-        const std::uint32_t own = (e.attributes & 0x20)
-                                      ? e.data_size
-                                      : e.data_size - static_cast<std::uint32_t>(pieces.data.size());
+        const std::uint32_t so_far = static_cast<std::uint32_t>(pieces.data.size());
+        const std::uint32_t own = (e.attributes & 0x20) ? e.data_size : e.data_size - so_far;
         pieces.data.insert(pieces.data.end(), rom.begin() + e.data(), rom.begin() + e.data() + own);
         if (e.attributes & 0x20) {
             pieces.split = true;
