@@ -2,127 +2,14 @@
 // and the ROM-hole file that firmware2.scr names, all generated from fixed seeds so every
 // run gives the same bytes. Usage: make_inputs2 <folder>
 
-#include <cstdint>
-#include <cstdio>
-#include <filesystem>
-#include <fstream>
-#include <string>
-#include <vector>
+#include "../common/input_patterns.h"
 
 namespace {
 
-using Bytes = std::vector<std::uint8_t>;
+using namespace example_inputs;
 
-class Generator {
-public:
-    explicit Generator(std::uint32_t seed) : state_(seed) {}
-    std::uint32_t Next() {
-        state_ ^= state_ << 13;
-        state_ ^= state_ >> 17;
-        state_ ^= state_ << 5;
-        return state_;
-    }
-    std::uint8_t Byte() { return static_cast<std::uint8_t>(Next() >> 24); }
-
-private:
-    std::uint32_t state_;
-};
-
-// Something like real-mode code: short instruction sequences drawn from a small set,
-// with varying immediates, so it compresses the way code does.
-Bytes Code(std::size_t size, std::uint32_t seed) {
-    static const std::vector<Bytes> kSnippets = {
-        {0x55, 0x8B, 0xEC},       {0x5D, 0xC3},           {0xB8, 0, 0},
-        {0x89, 0x46, 0},          {0xE8, 0, 0},           {0x74, 0},
-        {0x75, 0},                {0x3C, 0},              {0xBA, 0xF8, 0x0C},
-        {0xEF},                   {0xED},                 {0x66, 0x0F, 0xB6, 0xC0},
-        {0xE4, 0x61},             {0xE6, 0x80},           {0x50, 0x53, 0x51, 0x52},
-        {0x5A, 0x59, 0x5B, 0x58}, {0xCD, 0x15},           {0x26, 0x8A, 0x07},
-    };
-    Generator g(seed);
-    Bytes out;
-    while (out.size() < size) {
-        const Bytes& s = kSnippets[g.Next() % kSnippets.size()];
-        for (std::uint8_t b : s) out.push_back(b == 0 ? static_cast<std::uint8_t>(g.Next() % 16) : b);
-    }
-    out.resize(size);
-    return out;
-}
-
-// Menu and message text, as a setup or string module holds it.
-Bytes Text(std::size_t size, std::uint32_t seed) {
-    static const char* const kWords[] = {
-        "System", "Date", "Time", "Boot", "Device", "Priority", "Memory", "Frequency",
-        "Enabled", "Disabled", "Auto", "Keyboard", "Storage", "Controller", "Power",
-        "Management", "Fan", "Speed", "Temperature", "Save", "Exit", "Changes", "Security",
-        "Password", "Virtualization", "Support", "Network", "Stack", "Legacy", "Option",
-    };
-    Generator g(seed);
-    std::string text;
-    while (text.size() < size) {
-        text += kWords[g.Next() % (sizeof kWords / sizeof kWords[0])];
-        text += g.Next() % 7 == 0 ? std::string("\0", 1) : std::string(" ");
-    }
-    text.resize(size);
-    return Bytes(text.begin(), text.end());
-}
-
-Bytes Noise(std::size_t size, std::uint32_t seed) {
-    Generator g(seed);
-    Bytes out(size);
-    for (auto& b : out) b = g.Byte();
-    return out;
-}
-
-// A small picture: runs of a few palette colours.
-Bytes Picture(std::size_t width, std::size_t height, std::uint32_t seed) {
-    Generator g(seed);
-    Bytes out;
-    for (std::size_t y = 0; y < height; ++y) {
-        std::size_t x = 0;
-        while (x < width) {
-            const std::size_t run = 1 + g.Next() % 24;
-            const std::uint8_t colour = static_cast<std::uint8_t>(g.Next() % 6);
-            for (std::size_t i = 0; i < run && x < width; ++i, ++x) out.push_back(colour);
-        }
-    }
-    return out;
-}
-
-// An option ROM: 0x55 0xAA signature, length in 512-byte blocks, code after it.
-Bytes OptionRom(std::size_t size, std::uint32_t seed) {
-    Bytes out = Code(size, seed);
-    out[0] = 0x55;
-    out[1] = 0xAA;
-    out[2] = static_cast<std::uint8_t>(size / 512);
-    return out;
-}
-
-Bytes BootBlock() {
-    Bytes out = Code(0x10000, 1);
-    // Reset vector at the top: a far jump, then room for the tag the build stamps in.
-    const Bytes jump = {0xEA, 0x5B, 0xE0, 0x00, 0xF0};
-    std::copy(jump.begin(), jump.end(), out.end() - 16);
-    return out;
-}
-
-bool Write(const std::filesystem::path& path, const Bytes& bytes) {
-    std::ofstream file(path, std::ios::binary | std::ios::trunc);
-    file.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-    return static_cast<bool>(file);
-}
-
-}  // namespace
-
-int main(int argc, char** argv) {
-    if (argc != 2) {
-        std::fprintf(stderr, "Usage: make_inputs2 <folder>\n");
-        return 2;
-    }
-    const std::filesystem::path folder = argv[1];
-    std::error_code ec;
-    std::filesystem::create_directories(folder / "out", ec);
-    const std::vector<std::pair<const char*, Bytes>> files = {
+InputFiles Files() {
+    return {
         {"bootblk.bin", BootBlock()},
         {"post.bin", Code(0x9000, 21)},
         {"setup.bin", Text(0x6000, 22)},
@@ -134,11 +21,8 @@ int main(int argc, char** argv) {
         {"setup_defaults.bin", Text(0x900, 28)},
         {"oemlogo.bin", Picture(120, 75, 29)},
     };
-    for (const auto& [name, bytes] : files) {
-        if (!Write(folder / name, bytes)) {
-            std::fprintf(stderr, "cannot write %s\n", (folder / name).string().c_str());
-            return 1;
-        }
-    }
-    return 0;
 }
+
+}  // namespace
+
+int main(int argc, char** argv) { return WriteInputs(argc, argv, "make_inputs2", Files); }
