@@ -146,8 +146,9 @@ TEST(LzhEncoder, ChoosesTokensByTheMatchRules) {
 }
 
 // A block is cut only when a group of eight starts with the buffer filled to its size
-// - 24 or more, so every block but the last holds a multiple of eight tokens; a
-// smaller token buffer (as after failed allocations) gives more, shorter blocks.
+// - 24 or more: every block but the last holds whole groups, fills the buffer to at
+// least size - 24 bytes, and was still below that before its last group. A smaller
+// token buffer (as after failed allocations) gives more, shorter blocks.
 TEST(LzhEncoder, CutsBlocksAtGroupsOfEight) {
     const Bytes input = SyntheticBinary(120000, 5);
     std::size_t previous_blocks = 0;
@@ -157,8 +158,20 @@ TEST(LzhEncoder, CutsBlocksAtGroupsOfEight) {
         EXPECT_EQ(Decode(Compress(encoder, input), &trace), input);
         ASSERT_GT(trace.block_token_counts.size(), previous_blocks);
         previous_blocks = trace.block_token_counts.size();
+        const std::size_t cut_at = encoder.TokenBufferSize() - 24;
+        std::size_t next_token = 0;
         for (std::size_t b = 0; b + 1 < trace.block_token_counts.size(); ++b) {
-            EXPECT_EQ(trace.block_token_counts[b] % 8, 0u) << "block " << b;
+            const std::uint32_t count = trace.block_token_counts[b];
+            EXPECT_EQ(count % 8, 0u) << "block " << b;
+            // Buffer bytes: a flag byte per group, 1 per literal, 3 per match.
+            std::size_t fill = 0;
+            std::size_t before_last_group = 0;
+            for (std::uint32_t t = 0; t < count; ++t) {
+                if (t % 8 == 0) before_last_group = fill++;
+                fill += trace.tokens[next_token++].length == 0 ? 1 : 3;
+            }
+            EXPECT_GE(fill, cut_at) << "block " << b;
+            EXPECT_LT(before_last_group, cut_at) << "block " << b;
         }
     }
 }
