@@ -6,6 +6,7 @@
 #include <functional>
 #include <stdexcept>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "compress/compress_test_support.h"
@@ -174,6 +175,40 @@ TEST(LzhEncoder, CutsBlocksAtGroupsOfEight) {
             EXPECT_LT(before_last_group, cut_at) << "block " << b;
         }
     }
+}
+
+// Random bytes in which no three-byte string occurs twice: every token is a literal.
+Bytes WithoutRepeats(std::size_t size, std::uint64_t seed) {
+    Rng rng(seed);
+    Bytes out;
+    std::unordered_set<std::uint32_t> seen;
+    while (out.size() < size) {
+        const auto c = static_cast<std::uint8_t>(rng.Next());
+        if (out.size() >= 2 && !seen.insert(out[out.size() - 2] << 16 | out.back() << 8 | c).second) continue;
+        out.push_back(c);
+    }
+    return out;
+}
+
+// A match token refused because the block cut before it stopped the stream still
+// advances over its bytes, and those advances can refill the window: the original
+// size then counts input that the stream never covers. Here the token buffer (5679
+// bytes) holds 5032 literals per block, the 13th cut comes at the copy of 256 bytes
+// placed at offset 13 x 5032 = 65416, the stream hits its bound there with 8448 + 7 x
+// 8192 bytes consumed, and the copy's advances pass position 65536 and read 8192 more.
+TEST(LzhEncoder, RefusedMatchStillAdvancesOverItsBytes) {
+    constexpr std::size_t kCopyAt = 13 * 5032;
+    const Bytes base = WithoutRepeats(8 * 8192 + 20000, 813);
+    Bytes input(base.begin(), base.begin() + kCopyAt);
+    for (std::size_t i = 0; i < 256; ++i) input.push_back(input[kCopyAt - 5000 + i]);
+    input.insert(input.end(), base.begin() + kCopyAt, base.end());
+    Encoder encoder(EncoderLimits{5679, false});
+    CompressResult r;
+    const Bytes out = Compress(encoder, input, &r);
+    EXPECT_TRUE(r.stopped);
+    EXPECT_EQ(r.total, 8448u + 7 * 8192 + 9);
+    EXPECT_EQ(r.consumed, 8448u + 8 * 8192);
+    EXPECT_EQ(OriginalField(out), r.consumed);
 }
 
 // 16384 bytes first, then nine tenths (whole-number steps) while at least 4096.
