@@ -36,6 +36,7 @@ TEST(CompressModule, EmptyInputIsTheFrameAlone) {
     EXPECT_EQ(r.consumed, 0u);
     EXPECT_TRUE(r.stopped);
     EXPECT_EQ(out, (Bytes{9, 0, 0, 0, 0, 0, 0, 0, 0}));
+    EXPECT_EQ(Decode(out), Bytes{});
 }
 
 // One byte: the first byte of the block header (the token count's high byte) meets
