@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <new>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -91,6 +92,9 @@ int main(int argc, char** argv) {
     } catch (const fwforge::lzh::OutOfMemory& e) {
         // No line break before or after it, as in the main program.
         std::fputs(e.what(), stderr);
+        return 1;
+    } catch (const std::bad_alloc&) {
+        Fail(fwforge::StrFormat("out of memory while processing %s", argv[2]));
         return 1;
     }
 }

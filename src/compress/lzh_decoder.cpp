@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <new>
 
 #include "compress/lzh_format.h"
 #include "platform/byte_order.h"
@@ -249,6 +250,12 @@ std::optional<std::vector<std::uint8_t>> DecodeLh5(std::span<const std::uint8_t>
         return Lh5Decoder(stream, original_size, trace).Run();
     } catch (const DecodeError& e) {
         if (error != nullptr) *error = e.message;
+        return std::nullopt;
+    } catch (const std::bad_alloc&) {
+        // A forged original size with tokens that cost no bits can ask for gigabytes.
+        if (error != nullptr) {
+            *error = StrFormat("no memory for the %zu bytes of the original size", original_size);
+        }
         return std::nullopt;
     }
 }

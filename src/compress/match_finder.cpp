@@ -19,6 +19,8 @@ constexpr unsigned kLeafLimit = 2 * kWindowSize;        // internal nodes and le
 // so head(q, c) must differ for every c of one q (then a chain holds at most one
 // child of any node); beyond that the function decides only how long the chains are,
 // never which child is found. 32768 heads keep most chains at one entry or none.
+// Nothing else reads a chain: the next link of a leaf out of the tree is followed only
+// for a leaf that a 256-byte match replaced, and that link names the replacing leaf.
 constexpr unsigned kChainBase = 2 * kWindowSize;
 constexpr unsigned kHeadBits = 15;
 constexpr unsigned kNextTableSize = kChainBase + (1u << kHeadBits);

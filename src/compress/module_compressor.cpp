@@ -1,6 +1,7 @@
 #include "compress/module_compressor.h"
 
 #include <cstring>
+#include <new>
 #include <stdexcept>
 
 #include "compress/lzh_encoder.h"
@@ -42,7 +43,15 @@ struct Encoder::State {
 };
 
 Encoder::Encoder() : Encoder(EncoderLimits{}) {}
-Encoder::Encoder(EncoderLimits limits) : state_(std::make_unique<State>(limits)) {}
+Encoder::Encoder(EncoderLimits limits) {
+    // The block coder's tables live in the encoder object: failing to get them is the
+    // encoder running out of memory like failing to get its window.
+    try {
+        state_ = std::make_unique<State>(limits);
+    } catch (const std::bad_alloc&) {
+        throw OutOfMemory();
+    }
+}
 Encoder::~Encoder() = default;
 
 std::size_t Encoder::TokenBufferSize() const { return state_->encoder.TokenBufferSize(); }

@@ -48,14 +48,6 @@ TEST(LzhDecoder, RejectsMalformedFramesWithAReason) {
     EXPECT_TRUE(DecodeCompressedData(good, &error)) << error;
 }
 
-TEST(LzhDecoder, EmptyDataDecodesToNothing) {
-    const Bytes empty = CompressFresh({});
-    std::string error;
-    const auto decoded = DecodeCompressedData(empty, &error);
-    ASSERT_TRUE(decoded) << error;
-    EXPECT_TRUE(decoded->empty());
-}
-
 // Every cut and every single-bit flip of real streams either decodes to the right
 // size or is rejected; under the sanitizers this also proves that nothing is read or
 // written out of bounds.
@@ -97,16 +89,6 @@ TEST(LzhDecoder, RandomGarbageIsRejectedSafely) {
             EXPECT_FALSE(error.empty());
         }
     }
-}
-
-// The trace shows the blocks and tokens of a stream.
-TEST(LzhDecoder, TraceListsBlocksAndTokens) {
-    const Bytes input = Filled(600, 'z');
-    Lh5Trace trace;
-    std::string error;
-    ASSERT_TRUE(DecodeCompressedData(CompressFresh(input), &error, &trace)) << error;
-    EXPECT_EQ(trace.block_token_counts, (std::vector<std::uint32_t>{4}));
-    EXPECT_EQ(trace.tokens, (std::vector<Lh5Token>{Lit('z'), Match(256, 1), Match(256, 1), Match(87, 1)}));
 }
 
 }  // namespace

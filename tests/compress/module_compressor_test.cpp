@@ -6,6 +6,7 @@
 #include <functional>
 #include <stdexcept>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "compress/compress_test_support.h"
@@ -35,6 +36,7 @@ TEST(CompressModule, EmptyInputIsTheFrameAlone) {
     EXPECT_EQ(r.consumed, 0u);
     EXPECT_TRUE(r.stopped);
     EXPECT_EQ(out, (Bytes{9, 0, 0, 0, 0, 0, 0, 0, 0}));
+    EXPECT_EQ(Decode(out), Bytes{});
 }
 
 // One byte: the first byte of the block header (the token count's high byte) meets
@@ -146,8 +148,9 @@ TEST(LzhEncoder, ChoosesTokensByTheMatchRules) {
 }
 
 // A block is cut only when a group of eight starts with the buffer filled to its size
-// - 24 or more, so every block but the last holds a multiple of eight tokens; a
-// smaller token buffer (as after failed allocations) gives more, shorter blocks.
+// - 24 or more: every block but the last holds whole groups, fills the buffer to at
+// least size - 24 bytes, and was still below that before its last group. A smaller
+// token buffer (as after failed allocations) gives more, shorter blocks.
 TEST(LzhEncoder, CutsBlocksAtGroupsOfEight) {
     const Bytes input = SyntheticBinary(120000, 5);
     std::size_t previous_blocks = 0;
@@ -157,10 +160,56 @@ TEST(LzhEncoder, CutsBlocksAtGroupsOfEight) {
         EXPECT_EQ(Decode(Compress(encoder, input), &trace), input);
         ASSERT_GT(trace.block_token_counts.size(), previous_blocks);
         previous_blocks = trace.block_token_counts.size();
+        const std::size_t cut_at = encoder.TokenBufferSize() - 24;
+        std::size_t next_token = 0;
         for (std::size_t b = 0; b + 1 < trace.block_token_counts.size(); ++b) {
-            EXPECT_EQ(trace.block_token_counts[b] % 8, 0u) << "block " << b;
+            const std::uint32_t count = trace.block_token_counts[b];
+            EXPECT_EQ(count % 8, 0u) << "block " << b;
+            // Buffer bytes: a flag byte per group, 1 per literal, 3 per match.
+            std::size_t fill = 0;
+            std::size_t before_last_group = 0;
+            for (std::uint32_t t = 0; t < count; ++t) {
+                if (t % 8 == 0) before_last_group = fill++;
+                fill += trace.tokens[next_token++].length == 0 ? 1 : 3;
+            }
+            EXPECT_GE(fill, cut_at) << "block " << b;
+            EXPECT_LT(before_last_group, cut_at) << "block " << b;
         }
     }
+}
+
+// Random bytes in which no three-byte string occurs twice: every token is a literal.
+Bytes WithoutRepeats(std::size_t size, std::uint64_t seed) {
+    Rng rng(seed);
+    Bytes out;
+    std::unordered_set<std::uint32_t> seen;
+    while (out.size() < size) {
+        const auto c = static_cast<std::uint8_t>(rng.Next());
+        if (out.size() >= 2 && !seen.insert(out[out.size() - 2] << 16 | out.back() << 8 | c).second) continue;
+        out.push_back(c);
+    }
+    return out;
+}
+
+// A match token refused because the block cut before it stopped the stream still
+// advances over its bytes, and those advances can refill the window: the original
+// size then counts input that the stream never covers. Here the token buffer (5679
+// bytes) holds 5032 literals per block, the 13th cut comes at the copy of 256 bytes
+// placed at offset 13 x 5032 = 65416, the stream hits its bound there with 8448 + 7 x
+// 8192 bytes consumed, and the copy's advances pass position 65536 and read 8192 more.
+TEST(LzhEncoder, RefusedMatchStillAdvancesOverItsBytes) {
+    constexpr std::size_t kCopyAt = 13 * 5032;
+    const Bytes base = WithoutRepeats(8 * 8192 + 20000, 813);
+    Bytes input(base.begin(), base.begin() + kCopyAt);
+    for (std::size_t i = 0; i < 256; ++i) input.push_back(input[kCopyAt - 5000 + i]);
+    input.insert(input.end(), base.begin() + kCopyAt, base.end());
+    Encoder encoder(EncoderLimits{5679, false});
+    CompressResult r;
+    const Bytes out = Compress(encoder, input, &r);
+    EXPECT_TRUE(r.stopped);
+    EXPECT_EQ(r.total, 8448u + 7 * 8192 + 9);
+    EXPECT_EQ(r.consumed, 8448u + 8 * 8192);
+    EXPECT_EQ(OriginalField(out), r.consumed);
 }
 
 // 16384 bytes first, then nine tenths (whole-number steps) while at least 4096.
