@@ -236,24 +236,24 @@ TEST(ImageBuild, FailuresEndTheRunWithTheirMessage) {
         {"ROM file that cannot be written",
          [](LayoutFixture& f) { f.ctx.description.Bios.RomFile = "/dev/full"; },
          "Cannot write to ROM file", " Inserting {dir}/TEST1.inf as module id 80 at f3f68"},
-        {"boot block larger than the image",
+        // The phases' own limits come first, after their progress line, even when the
+        // region would not fit the image either.
+        {"boot block above 64 KB and larger than the image",
          [](LayoutFixture& f) {
-             f.ctx.description.Bios.BiosSize = 0x20;
-             f.ctx.description.Bios.BootBlockSize = 0x40;
+             f.ctx.description.Bios.BiosSize = 0x10000;
+             f.ctx.description.Bios.BootBlockSize = 0x20000;
              f.ctx.description.Bios.NvramSize = 0;
          },
-         "BIOS size 20 is too small: bbsize 40 does not fit in the 20 bytes below the top "
-         "regions (bbsize 40, maxebbsize 0)",
-         ""},
-        {"EBB below the bottom of the image",
+         "Boot block size must be a multiple of 4 between 4 and 65536",
+         "Generating boot block image..."},
+        {"EBB size not a multiple of 4 and larger than the image",
          [](LayoutFixture& f) {
              f.ctx.description.Bios.BiosSize = 0x20000;
              f.ctx.description.Bios.BootBlockSize = 0x10000;
-             f.ctx.description.Bios.MaxEbbSize = 0x10010;
+             f.ctx.description.Bios.MaxEbbSize = 0x10012;
          },
-         "BIOS size 20000 is too small: maxebbsize 10010 does not fit in the 10000 bytes "
-         "below the top regions (bbsize 10000, maxebbsize 10010)",
-         "Generating boot block image..."},
+         "Extended Boot Block size must be a multiple of 4",
+         "Generating Extended Boot Block image..."},
         {"no room for the main BIOS header",
          [](LayoutFixture& f) {
              f.ctx.description.Bios.BiosSize = 0x10020;

@@ -111,14 +111,5 @@ TEST(MainHeader, LongRegionIsCapped) {
     }
 }
 
-TEST(MainHeader, NoRoomBelowTheTopRegionsIsFatal) {
-    LayoutFixture f(0x10020, 0x10000, 0x10);
-    f.PrepareImage(0x10);
-    EXPECT_EQ(f.FatalOf([&] { CreateMainHeader(f.ctx); }),
-              "BIOS size 10020 leaves 10 bytes below the boot block (bbsize 10000), Extended "
-              "Boot Block (maxebbsize 0) and NVRAM (nvramsize 10), too few for the main BIOS "
-              "header of 20 bytes");
-}
-
 }  // namespace
 }  // namespace fwforge
