@@ -75,6 +75,16 @@ TEST(SizeModule, WorkedSizes) {
     const std::uint32_t m = f.AddModule("m.bin", RandomBytes(0x1001, 9), 0x05, 0x80);
     SizeModule(f.ctx, m);
     EXPECT_EQ(f.Module(m).PlacedSize, 0x1018u);
+    // Random bytes do not shrink: the encoder stops with the whole input consumed and a
+    // total of 0x7F7 + 9 = 0x800, which stays compressed (s = 0x802, rounded 0x804).
+    const std::uint32_t c = f.AddModule("c.bin", RandomBytes(0x7F7, 10), 0x06);
+    const std::uint32_t a = f.AddModule("a.bin", RandomBytes(0x7F7, 11), 0x07);
+    f.Module(a).Alignment = 0x10;
+    SizeModule(f.ctx, c);
+    SizeModule(f.ctx, a);
+    EXPECT_EQ(f.Module(c).PlacedSize, 0x818u);
+    EXPECT_EQ(f.Module(a).PlacedSize, 0x824u);
+    EXPECT_EQ(f.Module(c).Header.ModuleAttributes() & 0x80, 0);
 }
 
 TEST(SizeModule, LinkedAddonRomsGrowTheirParent) {
