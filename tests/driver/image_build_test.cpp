@@ -126,17 +126,6 @@ TEST(ImageBuild, SequentialBuildConsoleAndImage) {
     EXPECT_EQ(f.ctx.image.ImageBuffer.size(), 0u);  // released
 }
 
-// 0x30 padding below an image information module that does not start on 8 bytes.
-TEST(ImageBuild, RegionStartsOnTheEightByteBoundaryBelowTheLowestItem) {
-    LayoutFixture f;
-    f.AddModule("a.bin", RandomBytes(0x11, 4), 0x01, 0x80);
-    BuildRomImage(f.ctx);
-    const auto check = ExpectSoundImage(f, testing::LinkForm::Real16);
-    ASSERT_EQ(check.chain.size(), 2u);
-    EXPECT_EQ(check.region_start, check.chain[1].header);
-    EXPECT_EQ(check.region_start % 8, 0u);
-}
-
 TEST(ImageBuild, VerboseBuildTracesEveryStep) {
     LayoutFixture f;
     f.ctx.options.VerboseMode = true;

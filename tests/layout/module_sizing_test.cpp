@@ -5,6 +5,7 @@
 #include <functional>
 
 #include "layout/layout_fixture.h"
+#include "layout/module_insertion.h"
 
 namespace fwforge {
 namespace {
@@ -192,6 +193,26 @@ TEST(SizeModule, FailuresEndTheRunWithTheirMessage) {
         EXPECT_EQ(fatal, c.message) << c.what;
         EXPECT_EQ(g.console.str(), "\nFATAL ERROR: " + c.message + "\n") << c.what;
     }
+}
+
+// An encoder stopped by its output bound before the end of the input leaves a stream
+// that does not decode to the file: sizing keeps the module as it is, and insertion
+// stores the file without compressing it again.
+TEST(SizeModule, CutOffCompressionStoresTheFile) {
+    LayoutFixture f;
+    f.PrepareImage(0x34000);
+    const auto bytes = RandomBytes(200000, 12);
+    const auto ref = ReferenceCompress({bytes})[0].result;
+    ASSERT_TRUE(ref.stopped && ref.consumed < bytes.size());
+    const std::uint32_t m = f.AddModule("r.bin", bytes, 0x05);
+    SizeModule(f.ctx, m);
+    EXPECT_EQ(f.Module(m).PlacedSize, Round4(bytes.size()) + 20);
+    EXPECT_EQ(f.Module(m).Header.ModuleAttributes(), 0x80);
+    InsertModule(f.ctx, m);
+    const std::uint32_t data = f.ctx.image.PlacementCursor + 20;
+    EXPECT_EQ(std::vector<std::uint8_t>(f.Image().begin() + data, f.Image().begin() + data + bytes.size()),
+              bytes);
+    EXPECT_EQ(f.Image()[data - 5], 0x80);
 }
 
 // The limit is inclusive: MaxModuleSize equal to the compressed total + 2 is accepted.
