@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <functional>
 
+#include "compress/compress_test_support.h"
 #include "compress/lzh_decoder.h"
 #include "layout/layout_fixture.h"
 #include "platform/text_format.h"
@@ -124,6 +125,41 @@ TEST(ImageBuild, SequentialBuildConsoleAndImage) {
     const std::vector<std::uint8_t> rom = f.Rom();
     EXPECT_EQ(rom[check.region_start - 1], 0xFF);
     EXPECT_EQ(f.ctx.image.ImageBuffer.size(), 0u);  // released
+}
+
+// The encoder's window carries over from one run to the next, so the stored bytes show
+// that every compression ran where the build calls for it: the EBB module's once, then
+// each main BIOS module's twice (sizing, insertion). The second module is a piece of
+// the first with one byte changed, so what the first left in the window decides which of
+// equal matches its runs take.
+TEST(ImageBuild, CompressionsRunInBuildOrder) {
+    LayoutFixture f;
+    f.ctx.description.Bios.MaxEbbSize = 0x1000;
+    const auto ebb = Text(0x900, "early init table ");
+    const std::vector<std::uint8_t> a = lzh::testing::SyntheticText(20000, 1);
+    std::vector<std::uint8_t> b(a.begin() + 3256, a.begin() + 3256 + 128);
+    b[64] ^= 1;
+    EbbModuleRecord record;
+    record.FileName = f.dir.File("ebb.bin");
+    testing::WriteBytes(record.FileName, ebb);
+    record.Header.SetModuleId(0x31);
+    f.ctx.description.EbbModuleList.push_back(record);
+    f.AddModule("a.bin", a, 0x01);
+    f.AddModule("b.bin", b, 0x02);
+    BuildRomImage(f.ctx);
+    const auto check = ExpectSoundImage(f, testing::LinkForm::Real16);
+    ASSERT_EQ(check.chain.size(), 3u);
+
+    const auto ref = testing::ReferenceCompress({ebb, a, a, b, b});
+    ASSERT_NE(testing::ReferenceCompress({b})[0].data, ref[4].data);
+    const std::vector<std::uint8_t> rom = f.Rom();
+    auto stored = [&](std::uint32_t data, std::size_t size) {
+        return std::vector<std::uint8_t>(rom.begin() + data, rom.begin() + data + size);
+    };
+    const std::uint32_t ebb_data = 0x40000 - 0x8000 - 0x1000 + 24 + 20;
+    EXPECT_EQ(stored(ebb_data, ref[0].data.size()), ref[0].data);
+    EXPECT_EQ(stored(check.chain[0].data(), ref[2].data.size()), ref[2].data);
+    EXPECT_EQ(stored(check.chain[1].data(), ref[4].data.size()), ref[4].data);
 }
 
 TEST(ImageBuild, VerboseBuildTracesEveryStep) {
