@@ -200,6 +200,7 @@ TEST(ImageBuild, CompatibilityBuildDiffersInVersionAndFlagsOnly) {
         LayoutFixture f;
         f.ctx.options.CompatibilityMode = compatibility;
         f.ctx.description.RomImage.RomImageVersion = 0x21;
+        f.ctx.description.RomImage.RomImageFlags = 0x02;
         f.AddModule("a.bin", RandomBytes(0x1001, 1), 0x01, 0x80);
         BuildRomImage(f.ctx);
         ExpectSoundImage(f, testing::LinkForm::Real16);
@@ -215,11 +216,13 @@ TEST(ImageBuild, CompatibilityBuildDiffersInVersionAndFlagsOnly) {
     EXPECT_EQ(consoles[0], consoles[1]);
     EXPECT_EQ(roms[0][0x33FEA - 5], 0x21);
     EXPECT_EQ(roms[1][0x33FEA - 5], 0x00);
+    EXPECT_EQ(roms[0][0x33FEA - 4], 0x02);
+    EXPECT_EQ(roms[1][0x33FEA - 4], 0x00);
     std::size_t differing = 0;
     for (std::size_t i = 0; i < roms[0].size(); ++i) differing += roms[0][i] != roms[1][i];
-    // The version byte, and the checksum bytes that balance it.
-    EXPECT_GE(differing, 2u);
-    EXPECT_LE(differing, 5u);
+    // The version and flags bytes, and the checksum bytes that balance them.
+    EXPECT_GE(differing, 3u);
+    EXPECT_LE(differing, 6u);
 }
 
 TEST(ImageBuild, ThirtyTwoBitBuildLinksByImageOffset) {
