@@ -29,20 +29,6 @@ void AllocateImage(BuildContext& ctx) {
     image.AddressBase = desc.RomImage.Use32BitMode ? 0 : 0x100000u - desc.Bios.BiosSize;
 }
 
-// The end-of-script check compares the fixed regions with BiosSize in wrapping 32-bit
-// arithmetic, so tiny or huge values can reach the build. Each region must fit below the
-// cursor before its phase writes it; NVRAM has its own check.
-void CheckFixedRegionFits(BuildContext& ctx, const char* key, std::uint32_t size) {
-    const BiosSettings& bios = ctx.description.Bios;
-    if (size > ctx.image.PlacementCursor) {
-        ctx.diag.Fatal(StrFormat(
-            "BIOS size %x is too small: %s %x does not fit in the %x bytes below the top "
-            "regions (bbsize %x, maxebbsize %x)",
-            bios.BiosSize, key, size, ctx.image.PlacementCursor, bios.BootBlockSize,
-            bios.MaxEbbSize));
-    }
-}
-
 void RunSequentialPlacement(BuildContext& ctx) {
     BuildDescription& desc = ctx.description;
     ctx.diag.Printf("Generating final ROM image %s...\n", desc.Bios.RomFile.c_str());
@@ -81,9 +67,10 @@ void BuildRomImage(BuildContext& ctx) {
     const BuildDescription& desc = ctx.description;
     AllocateImage(ctx);
 
-    CheckFixedRegionFits(ctx, "bbsize", desc.Bios.BootBlockSize);
+    // Each fixed phase checks that its region fits below the cursor, after its progress
+    // line and its own limits: the end-of-script check compares the regions with BiosSize
+    // in wrapping 32-bit arithmetic, so tiny or huge values can reach the build.
     BuildBootBlock(ctx);
-    CheckFixedRegionFits(ctx, "maxebbsize", desc.Bios.MaxEbbSize);
     BuildExtendedBootBlock(ctx);
     InitNvramArea(ctx);
 

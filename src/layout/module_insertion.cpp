@@ -125,8 +125,8 @@ void InsertModule(BuildContext& ctx, std::uint32_t index) {
                 mode == PlacementMode::Sequential
                     ? image.PlacementCursor - static_cast<std::uint32_t>(s)
                     : image.PlacementCursor + kHeader;
-            PatchDescriptors(ctx, buffer, data_offset, static_cast<std::uint32_t>(s),
-                             m.FileName);
+            PatchDescriptors(buffer, data_offset, static_cast<std::uint32_t>(s),
+                             desc.Bios.BiosSize);
         }
     }
     if (s > 0xFFFFFFFFu - kHeader) {
@@ -185,29 +185,25 @@ void InsertLinkedRom(BuildContext& ctx, std::uint32_t index) {
     WriteHeaderAndChain(ctx, k.Header);
 }
 
-void PatchDescriptors(BuildContext& ctx, std::span<std::uint8_t> data, std::uint32_t data_offset,
-                      std::uint32_t stored_size, const std::string& name) {
-    auto require = [&](std::uint32_t at, std::uint32_t width) {
-        if (std::uint64_t{at} + width > data.size()) {
-            ctx.diag.Fatal(StrFormat(
-                "Module %s: descriptor patch at data offset %x (%x bytes) lies outside the "
-                "module's %zx bytes",
-                name.c_str(), at, width, data.size()));
-        }
+void PatchDescriptors(std::vector<std::uint8_t>& data, std::uint32_t data_offset,
+                      std::uint32_t stored_size, std::uint32_t bios_size) {
+    // The three 16-bit values can put the patches up to 128 KB past the data's start.
+    // The module buffer grows to hold them, erased like the rest of it; what lands past
+    // the bytes that are stored never reaches the image.
+    auto reach = [&](std::uint32_t end) {
+        if (data.size() < end) data.resize(end, 0xFF);
     };
-    require(4, 6);
+    reach(10);
     const std::uint32_t g = load_le16(&data[4]);
     const std::uint32_t p = load_le16(&data[6]);
     const std::uint32_t b = load_le16(&data[8]);
     // The address of the data's first byte when the image ends at 0xFFFFFFFF.
-    const std::uint32_t a = data_offset - ctx.description.Bios.BiosSize;
+    const std::uint32_t a = data_offset - bios_size;
 
     const std::uint32_t pointer = (p + 2) % 0x10000;
     const std::uint32_t code = b + g;
     const std::uint32_t rw = b + (g + 8) % 0x10000;
-    require(pointer, 4);
-    require(code, 8);
-    require(rw, 8);
+    reach(std::max({pointer + 4, code + 8, rw + 8}));
 
     store_le32(&data[pointer], a + b);
     // Byte granularity, 16-bit segments: limit bits 16-19 from the size, flags 0.

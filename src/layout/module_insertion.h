@@ -4,7 +4,6 @@
 // descriptors of an aligned module 0x15 patched with its own address.
 
 #include <cstdint>
-#include <span>
 #include <vector>
 
 #include "driver/build_context.h"
@@ -36,9 +35,9 @@ void InsertLinkedRom(BuildContext& ctx, std::uint32_t index);
 
 // Patches the two segment descriptors (code and data) of a module whose stored data
 // starts at image offset `data_offset` and is `stored_size` bytes long, and the pointer
-// to them, inside `data`. Every patched byte must lie inside `data`; `name` identifies
-// the module in the message when one does not.
-void PatchDescriptors(BuildContext& ctx, std::span<std::uint8_t> data, std::uint32_t data_offset,
-                      std::uint32_t stored_size, const std::string& name);
+// to them, inside `data`, the module buffer. The buffer grows (0xFF) where a patch
+// reaches past it.
+void PatchDescriptors(std::vector<std::uint8_t>& data, std::uint32_t data_offset,
+                      std::uint32_t stored_size, std::uint32_t bios_size);
 
 }  // namespace fwforge

@@ -12,7 +12,7 @@
 namespace fwforge::platform {
 namespace {
 
-constexpr char kSeparator = '/';
+constexpr char kSeparator = kHostSeparator;
 
 bool Exists(const std::string& path) {
     struct stat st;

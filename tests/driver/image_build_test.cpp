@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <functional>
 
+#include "compress/compress_test_support.h"
 #include "compress/lzh_decoder.h"
 #include "layout/layout_fixture.h"
 #include "platform/text_format.h"
@@ -126,15 +127,39 @@ TEST(ImageBuild, SequentialBuildConsoleAndImage) {
     EXPECT_EQ(f.ctx.image.ImageBuffer.size(), 0u);  // released
 }
 
-// 0x30 padding below an image information module that does not start on 8 bytes.
-TEST(ImageBuild, RegionStartsOnTheEightByteBoundaryBelowTheLowestItem) {
+// The encoder's window carries over from one run to the next, so the stored bytes show
+// that every compression ran where the build calls for it: the EBB module's once, then
+// each main BIOS module's twice (sizing, insertion). The second module is a piece of
+// the first with one byte changed, so what the first left in the window decides which of
+// equal matches its runs take.
+TEST(ImageBuild, CompressionsRunInBuildOrder) {
     LayoutFixture f;
-    f.AddModule("a.bin", RandomBytes(0x11, 4), 0x01, 0x80);
+    f.ctx.description.Bios.MaxEbbSize = 0x1000;
+    const auto ebb = Text(0x900, "early init table ");
+    const std::vector<std::uint8_t> a = lzh::testing::SyntheticText(20000, 1);
+    std::vector<std::uint8_t> b(a.begin() + 3256, a.begin() + 3256 + 128);
+    b[64] ^= 1;
+    EbbModuleRecord record;
+    record.FileName = f.dir.File("ebb.bin");
+    testing::WriteBytes(record.FileName, ebb);
+    record.Header.SetModuleId(0x31);
+    f.ctx.description.EbbModuleList.push_back(record);
+    f.AddModule("a.bin", a, 0x01);
+    f.AddModule("b.bin", b, 0x02);
     BuildRomImage(f.ctx);
     const auto check = ExpectSoundImage(f, testing::LinkForm::Real16);
-    ASSERT_EQ(check.chain.size(), 2u);
-    EXPECT_EQ(check.region_start, check.chain[1].header);
-    EXPECT_EQ(check.region_start % 8, 0u);
+    ASSERT_EQ(check.chain.size(), 3u);
+
+    const auto ref = testing::ReferenceCompress({ebb, a, a, b, b});
+    ASSERT_NE(testing::ReferenceCompress({b})[0].data, ref[4].data);
+    const std::vector<std::uint8_t> rom = f.Rom();
+    auto stored = [&](std::uint32_t data, std::size_t size) {
+        return std::vector<std::uint8_t>(rom.begin() + data, rom.begin() + data + size);
+    };
+    const std::uint32_t ebb_data = 0x40000 - 0x8000 - 0x1000 + 24 + 20;
+    EXPECT_EQ(stored(ebb_data, ref[0].data.size()), ref[0].data);
+    EXPECT_EQ(stored(check.chain[0].data(), ref[2].data.size()), ref[2].data);
+    EXPECT_EQ(stored(check.chain[1].data(), ref[4].data.size()), ref[4].data);
 }
 
 TEST(ImageBuild, VerboseBuildTracesEveryStep) {
@@ -175,6 +200,7 @@ TEST(ImageBuild, CompatibilityBuildDiffersInVersionAndFlagsOnly) {
         LayoutFixture f;
         f.ctx.options.CompatibilityMode = compatibility;
         f.ctx.description.RomImage.RomImageVersion = 0x21;
+        f.ctx.description.RomImage.RomImageFlags = 0x02;
         f.AddModule("a.bin", RandomBytes(0x1001, 1), 0x01, 0x80);
         BuildRomImage(f.ctx);
         ExpectSoundImage(f, testing::LinkForm::Real16);
@@ -190,11 +216,13 @@ TEST(ImageBuild, CompatibilityBuildDiffersInVersionAndFlagsOnly) {
     EXPECT_EQ(consoles[0], consoles[1]);
     EXPECT_EQ(roms[0][0x33FEA - 5], 0x21);
     EXPECT_EQ(roms[1][0x33FEA - 5], 0x00);
+    EXPECT_EQ(roms[0][0x33FEA - 4], 0x02);
+    EXPECT_EQ(roms[1][0x33FEA - 4], 0x00);
     std::size_t differing = 0;
     for (std::size_t i = 0; i < roms[0].size(); ++i) differing += roms[0][i] != roms[1][i];
-    // The version byte, and the checksum bytes that balance it.
-    EXPECT_GE(differing, 2u);
-    EXPECT_LE(differing, 5u);
+    // The version and flags bytes, and the checksum bytes that balance them.
+    EXPECT_GE(differing, 3u);
+    EXPECT_LE(differing, 6u);
 }
 
 TEST(ImageBuild, ThirtyTwoBitBuildLinksByImageOffset) {
@@ -236,24 +264,24 @@ TEST(ImageBuild, FailuresEndTheRunWithTheirMessage) {
         {"ROM file that cannot be written",
          [](LayoutFixture& f) { f.ctx.description.Bios.RomFile = "/dev/full"; },
          "Cannot write to ROM file", " Inserting {dir}/TEST1.inf as module id 80 at f3f68"},
-        {"boot block larger than the image",
+        // The phases' own limits come first, after their progress line, even when the
+        // region would not fit the image either.
+        {"boot block above 64 KB and larger than the image",
          [](LayoutFixture& f) {
-             f.ctx.description.Bios.BiosSize = 0x20;
-             f.ctx.description.Bios.BootBlockSize = 0x40;
+             f.ctx.description.Bios.BiosSize = 0x10000;
+             f.ctx.description.Bios.BootBlockSize = 0x20000;
              f.ctx.description.Bios.NvramSize = 0;
          },
-         "BIOS size 20 is too small: bbsize 40 does not fit in the 20 bytes below the top "
-         "regions (bbsize 40, maxebbsize 0)",
-         ""},
-        {"EBB below the bottom of the image",
+         "Boot block size must be a multiple of 4 between 4 and 65536",
+         "Generating boot block image..."},
+        {"EBB size not a multiple of 4 and larger than the image",
          [](LayoutFixture& f) {
              f.ctx.description.Bios.BiosSize = 0x20000;
              f.ctx.description.Bios.BootBlockSize = 0x10000;
-             f.ctx.description.Bios.MaxEbbSize = 0x10010;
+             f.ctx.description.Bios.MaxEbbSize = 0x10012;
          },
-         "BIOS size 20000 is too small: maxebbsize 10010 does not fit in the 10000 bytes "
-         "below the top regions (bbsize 10000, maxebbsize 10010)",
-         "Generating boot block image..."},
+         "Extended Boot Block size must be a multiple of 4",
+         "Generating Extended Boot Block image..."},
         {"no room for the main BIOS header",
          [](LayoutFixture& f) {
              f.ctx.description.Bios.BiosSize = 0x10020;

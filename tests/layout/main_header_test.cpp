@@ -39,24 +39,6 @@ TEST(MainHeader, WorkedExampleOf256KImage) {
     EXPECT_EQ(img[0x34000], 0xFF);
 }
 
-TEST(MainHeader, CompatibilityFormLeavesVersionAndFlagsZero) {
-    struct Case {
-        bool compatibility;
-        std::uint8_t version, flags;
-    } cases[] = {{false, 0x07, 0x03}, {true, 0x00, 0x00}};
-    for (const Case& c : cases) {
-        LayoutFixture f;
-        f.ctx.options.CompatibilityMode = c.compatibility;
-        f.ctx.description.RomImage.RomImageVersion = 0x07;
-        f.ctx.description.RomImage.RomImageFlags = 0x03;
-        f.PrepareImage(0x34000);
-        CreateMainHeader(f.ctx);
-        EXPECT_EQ(f.console.str(), " Creating main BIOS header\n");
-        EXPECT_EQ(f.Image()[0x33FEA - 5], c.version);
-        EXPECT_EQ(f.Image()[0x33FEA - 4], c.flags);
-    }
-}
-
 // Sequential placement: the bytes between the 8-byte boundary below the lowest item and
 // that item become '0'; the region runs from the boundary to the header's end.
 TEST(MainHeader, SequentialFinishPadsToEightBytes) {
@@ -109,15 +91,6 @@ TEST(MainHeader, LongRegionIsCapped) {
             EXPECT_EQ(f.ctx.image.PlacementCursor, 0x10005u);
         }
     }
-}
-
-TEST(MainHeader, NoRoomBelowTheTopRegionsIsFatal) {
-    LayoutFixture f(0x10020, 0x10000, 0x10);
-    f.PrepareImage(0x10);
-    EXPECT_EQ(f.FatalOf([&] { CreateMainHeader(f.ctx); }),
-              "BIOS size 10020 leaves 10 bytes below the boot block (bbsize 10000), Extended "
-              "Boot Block (maxebbsize 0) and NVRAM (nvramsize 10), too few for the main BIOS "
-              "header of 20 bytes");
 }
 
 }  // namespace

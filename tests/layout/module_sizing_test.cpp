@@ -5,6 +5,7 @@
 #include <functional>
 
 #include "layout/layout_fixture.h"
+#include "layout/module_insertion.h"
 
 namespace fwforge {
 namespace {
@@ -29,12 +30,14 @@ TEST(SizeModule, SizesFollowTheStoredForm) {
         std::uint8_t attributes, flags;
         std::uint32_t max_size;
         std::uint8_t alignment;
+        bool gap = false;  // a room must take the shift to any alignment
     } cases[] = {
         {"uncompressed 0x1001", RandomBytes(0x1001, 1), 0x80, 0, 0, 0},
         {"already compressed", RandomBytes(0x333, 2), 0x00, 0x01, 0, 0},
         {"compressed text", Text(0x3000), 0x00, 0, 0, 0},
         {"compressed, aligned 0x10", Text(0x3000), 0x00, 0, 0, 0x10},
         {"uncompressed, aligned 7", RandomBytes(0x101, 3), 0x80, 0, 0, 7},
+        {"uncompressed, aligned 7, gap placement", RandomBytes(0x101, 3), 0x80, 0, 0, 7, true},
         {"minsize, text", Text(0x3000), 0x00, 0x02, 0, 0},
         {"minsize, random", RandomBytes(0x800, 4), 0x00, 0x02, 0, 0},
         {"max size above data", RandomBytes(0x101, 5), 0x80, 0, 0x203, 0},
@@ -46,6 +49,7 @@ TEST(SizeModule, SizesFollowTheStoredForm) {
         f.Module(m).CompressionFlags = c.flags;
         f.Module(m).MaxModuleSize = c.max_size;
         f.Module(m).Alignment = c.alignment;
+        if (c.gap) f.ctx.description.RomHoleCount = 1;
         SizeModule(f.ctx, m);
 
         std::uint64_t s = c.bytes.size();
@@ -61,7 +65,7 @@ TEST(SizeModule, SizesFollowTheStoredForm) {
         }
         if (c.max_size) s = c.max_size;
         s = Round4(s);
-        if (c.alignment) s = s + c.alignment - (c.alignment % 4 == 0 ? 4 : 1);
+        if (c.alignment) s = s + c.alignment - (c.gap && c.alignment % 4 != 0 ? 1 : 4);
         EXPECT_EQ(f.Module(m).PlacedSize, s + 20) << c.what;
         EXPECT_EQ((f.Module(m).Header.ModuleAttributes() & 0x80) != 0, stored) << c.what;
     }
@@ -72,6 +76,16 @@ TEST(SizeModule, WorkedSizes) {
     const std::uint32_t m = f.AddModule("m.bin", RandomBytes(0x1001, 9), 0x05, 0x80);
     SizeModule(f.ctx, m);
     EXPECT_EQ(f.Module(m).PlacedSize, 0x1018u);
+    // Random bytes do not shrink: the encoder stops with the whole input consumed and a
+    // total of 0x7F7 + 9 = 0x800, which stays compressed (s = 0x802, rounded 0x804).
+    const std::uint32_t c = f.AddModule("c.bin", RandomBytes(0x7F7, 10), 0x06);
+    const std::uint32_t a = f.AddModule("a.bin", RandomBytes(0x7F7, 11), 0x07);
+    f.Module(a).Alignment = 0x10;
+    SizeModule(f.ctx, c);
+    SizeModule(f.ctx, a);
+    EXPECT_EQ(f.Module(c).PlacedSize, 0x818u);
+    EXPECT_EQ(f.Module(a).PlacedSize, 0x824u);
+    EXPECT_EQ(f.Module(c).Header.ModuleAttributes() & 0x80, 0);
 }
 
 TEST(SizeModule, LinkedAddonRomsGrowTheirParent) {
@@ -179,6 +193,26 @@ TEST(SizeModule, FailuresEndTheRunWithTheirMessage) {
         EXPECT_EQ(fatal, c.message) << c.what;
         EXPECT_EQ(g.console.str(), "\nFATAL ERROR: " + c.message + "\n") << c.what;
     }
+}
+
+// An encoder stopped by its output bound before the end of the input leaves a stream
+// that does not decode to the file: sizing keeps the module as it is, and insertion
+// stores the file without compressing it again.
+TEST(SizeModule, CutOffCompressionStoresTheFile) {
+    LayoutFixture f;
+    f.PrepareImage(0x34000);
+    const auto bytes = RandomBytes(200000, 12);
+    const auto ref = ReferenceCompress({bytes})[0].result;
+    ASSERT_TRUE(ref.stopped && ref.consumed < bytes.size());
+    const std::uint32_t m = f.AddModule("r.bin", bytes, 0x05);
+    SizeModule(f.ctx, m);
+    EXPECT_EQ(f.Module(m).PlacedSize, Round4(bytes.size()) + 20);
+    EXPECT_EQ(f.Module(m).Header.ModuleAttributes(), 0x80);
+    InsertModule(f.ctx, m);
+    const std::uint32_t data = f.ctx.image.PlacementCursor + 20;
+    EXPECT_EQ(std::vector<std::uint8_t>(f.Image().begin() + data, f.Image().begin() + data + bytes.size()),
+              bytes);
+    EXPECT_EQ(f.Image()[data - 5], 0x80);
 }
 
 // The limit is inclusive: MaxModuleSize equal to the compressed total + 2 is accepted.
