@@ -79,12 +79,9 @@ void SizeModule(BuildContext& ctx, std::uint32_t index) {
     if (m.Alignment != 0) {
         // Room for moving the data start up to the next multiple of Alignment. Rooms
         // start on multiples of 4, so a multiple of 4 never needs more than
-        // Alignment - 4 bytes; in gap placement any other alignment can need
-        // Alignment - 1, and gets it so that the shift stays inside the room reserved.
-        // Sequential placement reserves no room (the module widens itself as it is
-        // inserted), so there the size is the plain Alignment - 4 reserve.
-        const bool widened_room = m.Alignment % 4 != 0 && desc.RomHoleCount != 0;
-        s = s + m.Alignment - (widened_room ? 1 : 4);
+        // Alignment - 4 bytes; any other alignment can need Alignment - 1, and gets it so
+        // that the shift stays inside the room reserved.
+        s = s + m.Alignment - (m.Alignment % 4 == 0 ? 4 : 1);
     }
     const std::uint64_t placed = s + kHeader;
     if (placed > 0xFFFFFFFFu) {
