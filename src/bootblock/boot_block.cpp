@@ -89,9 +89,7 @@ void BuildBootBlock(BuildContext& ctx) {
     store_le32(checksum, 0);
     store_le32(checksum, DwordChecksum(boot_block, 0, size));
 
-    // The output folder, the separator, the tag and the extension, always all four.
-    const std::string name =
-        ctx.options.OutputPath + platform::kHostSeparator + bios.BiosTag + ".int";
+    const std::string name = platform::ComposeOutputName(ctx.options.OutputPath, bios.BiosTag + ".int");
     auto out = platform::OutputFile::Create(name);
     if (!out) ctx.diag.Fatal("Cannot create boot block file");
     if (!out->Write(boot_block)) ctx.diag.Fatal("Cannot write to boot block file");

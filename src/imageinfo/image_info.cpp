@@ -138,9 +138,7 @@ void BuildImageInfoModule(BuildContext& ctx) {
     }
 
     const std::vector<std::uint8_t> data = ImageInformationData(d);
-    // The output folder, the separator, the tag and the extension, always all four.
-    const std::string name =
-        ctx.options.OutputPath + platform::kHostSeparator + d.Bios.BiosTag + ".inf";
+    const std::string name = platform::ComposeOutputName(ctx.options.OutputPath, d.Bios.BiosTag + ".inf");
     auto file = platform::OutputFile::Create(name);
     if (!file) ctx.diag.Fatal("Cannot create image information file");
     if (!file->Write(data)) ctx.diag.Fatal("Cannot write to image information file");

@@ -152,13 +152,13 @@ TEST(ImageInformation, ModuleWritesTheFileAndTakesAFreshRecord) {
     slot.Alignment = 0x10;
     slot.Header.SetModuleAttributes(module_attr::NotCompressed);
     slot.CompressionFlags = compression_flag::AlreadyCompressed;
-    // The name is the output folder, the separator, the tag and ".inf", even when the
-    // folder already ends in a separator.
+    // The name is the output folder, the separator, the tag and ".inf"; a folder that
+    // already ends in a separator gets no second one.
     b.ctx.options.OutputPath += "/";
 
     ASSERT_EQ(b.Run(), "");
     EXPECT_EQ(b.console.str(), kProgress);
-    const std::string name = b.dir.File("out") + "//ABC1.inf";
+    const std::string name = b.dir.File("out") + "/ABC1.inf";
     EXPECT_EQ(testing::ReadBytes(name), kFixedRecords);
     EXPECT_EQ(d.ModuleCount, 1u);
 
