@@ -221,7 +221,12 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
         }
         if (m.header.attributes & module_attr::NotCompressed) s.Key("compressed", "no");
         if (m.Compressed() && !recompress[k]) s.Key("nowcompressed", "yes");
-        if (m.Contiguous()) s.Key("contiguous", "yes");
+        if (m.Contiguous()) {
+            s.Key("contiguous", "yes");
+        } else if (m.Split() && (m.header.attributes & module_attr::NotCompressed)) {
+            // An uncompressed module may not be split unless its section says so.
+            s.Key("contiguous", "no");
+        }
         if (m.area == ModuleArea::Main) {
             for (const ImageInfoItemConstrained& c : model.info.constrained) {
                 if (c.insertion_index != m.index) continue;
@@ -244,15 +249,39 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
     if (model.info.module >= 0) main_modules.pop_back();  // built by fwforge itself
     // The script reader puts each link directly after its parent, ahead of the links
     // read before it, so a parent's links are written in the reverse of chain order.
-    std::vector<std::size_t> order;
+    std::vector<std::vector<std::size_t>> groups;  // a module and its links
     for (std::size_t i = 0; i < main_modules.size();) {
         std::size_t j = i + 1;
         while (j < main_modules.size() && main_modules[j]->Linked()) ++j;
-        order.push_back(i);
-        for (std::size_t l = j; l > i + 1; --l) order.push_back(l - 1);
+        groups.push_back({i});
+        for (std::size_t l = j; l > i + 1; --l) groups.back().push_back(l - 1);
         i = j;
     }
-    for (std::size_t i : order) write_module(main_modules, i, "");
+    // The image information lists the modules with an alignment or a start address in
+    // script order; the chain has them in placement order. Those modules take their
+    // listed order among the places they hold in the chain.
+    auto listed_at = [&](const std::vector<std::size_t>& group) {
+        const auto& items = model.info.constrained;
+        for (std::size_t k = 0; k < items.size(); ++k) {
+            if (items[k].insertion_index == main_modules[group.front()]->index) return k;
+        }
+        return items.size();
+    };
+    std::vector<std::size_t> slots;
+    std::vector<std::vector<std::size_t>> listed;
+    for (std::size_t g = 0; g < groups.size(); ++g) {
+        if (listed_at(groups[g]) < model.info.constrained.size()) {
+            slots.push_back(g);
+            listed.push_back(groups[g]);
+        }
+    }
+    std::stable_sort(listed.begin(), listed.end(), [&](const auto& a, const auto& b) {
+        return listed_at(a) < listed_at(b);
+    });
+    for (std::size_t k = 0; k < slots.size(); ++k) groups[slots[k]] = listed[k];
+    for (const auto& group : groups) {
+        for (std::size_t i : group) write_module(main_modules, i, "");
+    }
 
     for (std::size_t b = 0; b < model.ncbs.size(); ++b) {
         const auto block = model.ModulesIn(ModuleArea::Ncb, static_cast<int>(b));
@@ -282,13 +311,27 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
     if (!model.ncbs.empty()) lost.push_back("the names of non-critical blocks (ncb1, ncb2, ... used)");
     if (model.gap_placement) {
         lost.push_back("the order of the [module] sections (gap placement places by size; "
-                       "chain order used)");
+                       "chain order used, modules with an alignment or start address in the "
+                       "order the image information lists them)");
     }
     if (model.main && model.main->stamp != 0 &&
         std::none_of(model.modules.begin(), model.modules.end(),
                      [](const Module& m) { return m.header.id == kStampModuleId; })) {
         lost.push_back(StrFormat("the boot block stamp %08x: no module 1B supplies it",
                                  model.main->stamp));
+    }
+    if (model.gap_placement &&
+        std::any_of(model.modules.begin(), model.modules.end(), [&](const Module& m) {
+            const bool fixed = std::any_of(
+                model.info.constrained.begin(), model.info.constrained.end(),
+                [&](const ImageInfoItemConstrained& c) {
+                    return c.insertion_index == m.index && c.start_address != kEndOfChain;
+                });
+            return m.area == ModuleArea::Main && !m.Linked() && !m.Compressed() &&
+                   !m.Contiguous() && !m.Split() && !fixed;
+        })) {
+        lost.push_back("whether uncompressed modules that were placed whole may be split "
+                       "(the default, not splittable, used)");
     }
     for (const Module& m : model.modules) {
         if (!m.Linked() && !m.Compressed()) {
