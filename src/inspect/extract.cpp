@@ -98,7 +98,12 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
             plan.files.push_back({name, std::move(decoded.bytes)});
             // The boot block stamp is read from the original file of module 1B, so
             // that one must be given decompressed and compressed again by the build.
-            if (m.header.id == kStampModuleId && m.area != ModuleArea::Ebb) {
+            // Placement reserves 2 bytes beyond the compressed total (rounded to 4); when
+            // that reaches past the stored data, a build from the stored data would take
+            // 4 bytes less room, and so the module is compressed again too.
+            const bool reserve_shows =
+                model.gap_placement && m.area != ModuleArea::Ebb && decoded.total % 4 == 3;
+            if ((m.header.id == kStampModuleId && m.area != ModuleArea::Ebb) || reserve_shows) {
                 module_files[i] = name;
                 recompress[i] = true;
             }
@@ -187,6 +192,37 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
 
     // Modules: the EBB's first, so that the last [module] section of the script is a
     // module of the main BIOS (the image information module takes the record after it).
+    // An uncompressed module may not be split by default, and the header records only
+    // a "contiguous = yes": whether it was placed by the pass for modules that must not
+    // be split, or by the pass after it, shows in the chain. That later pass starts at
+    // the first module that may be split and was placed whole.
+    auto fixed = [&](const Module& m) {
+        return std::any_of(model.info.constrained.begin(), model.info.constrained.end(),
+                           [&](const ImageInfoItemConstrained& c) {
+                               return c.insertion_index == m.index && c.start_address != kEndOfChain;
+                           });
+    };
+    int whole_fit_pass = -1;
+    bool unsure = false;
+    if (model.gap_placement) {
+        for (const Module* m : model.ModulesIn(ModuleArea::Main)) {
+            if (m->Linked() || m->Contiguous() || m->Split() || fixed(*m) ||
+                m->header.id == kImageInfoModuleId) {
+                continue;
+            }
+            if (m->Compressed() && whole_fit_pass < 0) whole_fit_pass = m->index;
+            if (!m->Compressed() && (whole_fit_pass < 0 || m->index < whole_fit_pass)) unsure = true;
+        }
+    }
+    if (unsure) {
+        lost.push_back("whether uncompressed modules placed before any module that may be split "
+                       "were splittable (not splittable, the default, used)");
+    }
+    auto may_split = [&](const Module& m) {
+        if (m.Compressed() || m.Linked() || m.Contiguous() || m.area != ModuleArea::Main) return false;
+        return m.Split() || (whole_fit_pass >= 0 && m.index > whole_fit_pass && !fixed(m));
+    };
+
     auto write_module = [&](const std::vector<const Module*>& chain, std::size_t i,
                             const std::string& region) {
         const Module& m = *chain[i];
@@ -223,8 +259,7 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
         if (m.Compressed() && !recompress[k]) s.Key("nowcompressed", "yes");
         if (m.Contiguous()) {
             s.Key("contiguous", "yes");
-        } else if (m.Split() && (m.header.attributes & module_attr::NotCompressed)) {
-            // An uncompressed module may not be split unless its section says so.
+        } else if (may_split(m)) {
             s.Key("contiguous", "no");
         }
         if (m.area == ModuleArea::Main) {
@@ -238,8 +273,12 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
         s.Line("");
         if (recompress[k]) {
             lost.push_back(DescribeModule(model, m) +
-                           ": given decompressed (it supplies the boot block stamp); the "
-                           "build compresses it again");
+                           (m.header.id == kStampModuleId
+                                ? ": given decompressed (it supplies the boot block stamp)"
+                                : ": given decompressed (its placement counts its compressed "
+                                  "size, which the stored data rounds away)") +
+                           "; the build compresses it again, and its encoder may choose other "
+                           "matches of the same meaning");
         }
     };
     const auto ebb_modules = model.ModulesIn(ModuleArea::Ebb);
@@ -319,19 +358,6 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
                      [](const Module& m) { return m.header.id == kStampModuleId; })) {
         lost.push_back(StrFormat("the boot block stamp %08x: no module 1B supplies it",
                                  model.main->stamp));
-    }
-    if (model.gap_placement &&
-        std::any_of(model.modules.begin(), model.modules.end(), [&](const Module& m) {
-            const bool fixed = std::any_of(
-                model.info.constrained.begin(), model.info.constrained.end(),
-                [&](const ImageInfoItemConstrained& c) {
-                    return c.insertion_index == m.index && c.start_address != kEndOfChain;
-                });
-            return m.area == ModuleArea::Main && !m.Linked() && !m.Compressed() &&
-                   !m.Contiguous() && !m.Split() && !fixed;
-        })) {
-        lost.push_back("whether uncompressed modules that were placed whole may be split "
-                       "(the default, not splittable, used)");
     }
     for (const Module& m : model.modules) {
         if (!m.Linked() && !m.Compressed()) {
