@@ -4,6 +4,7 @@
 
 #include "inspect/module_data.h"
 #include "layout/module_header.h"
+#include "platform/byte_order.h"
 #include "platform/text_format.h"
 
 namespace fwforge::inspect {
@@ -98,11 +99,14 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
             plan.files.push_back({name, std::move(decoded.bytes)});
             // The boot block stamp is read from the original file of module 1B, so
             // that one must be given decompressed and compressed again by the build.
-            // Placement reserves 2 bytes beyond the compressed total (rounded to 4); when
-            // that reaches past the stored data, a build from the stored data would take
-            // 4 bytes less room, and so the module is compressed again too.
-            const bool reserve_shows =
-                model.gap_placement && m.area != ModuleArea::Ebb && decoded.total % 4 == 3;
+            // Gap placement reserves 2 bytes beyond the compressed total (rounded to 4);
+            // when that reaches past the stored data (and no maximum size made the data
+            // longer), a build from the stored data would take 4 bytes less room, and so
+            // the module is compressed again too.
+            auto round4 = [](std::uint64_t v) { return (v + 3) & ~std::uint64_t(3); };
+            const bool reserve_shows = model.gap_placement && m.area != ModuleArea::Ebb &&
+                                       m.header.data_size == round4(decoded.total) &&
+                                       round4(decoded.total + 2) != round4(decoded.total);
             if ((m.header.id == kStampModuleId && m.area != ModuleArea::Ebb) || reserve_shows) {
                 module_files[i] = name;
                 recompress[i] = true;
@@ -193,34 +197,66 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
     // Modules: the EBB's first, so that the last [module] section of the script is a
     // module of the main BIOS (the image information module takes the record after it).
     // An uncompressed module may not be split by default, and the header records only
-    // a "contiguous = yes": whether it was placed by the pass for modules that must not
-    // be split, or by the pass after it, shows in the chain. That later pass starts at
-    // the first module that may be split and was placed whole.
+    // a "contiguous = yes". Whether such a module was placed whole by the pass for
+    // modules that must not be split, or by the pass after it, shows in the chain: each
+    // pass takes the largest first, so the later pass begins at the first module that
+    // is larger than the one before it, or that is compressed and may be split, and not
+    // before the last one marked contiguous.
     auto fixed = [&](const Module& m) {
         return std::any_of(model.info.constrained.begin(), model.info.constrained.end(),
                            [&](const ImageInfoItemConstrained& c) {
                                return c.insertion_index == m.index && c.start_address != kEndOfChain;
                            });
     };
-    int whole_fit_pass = -1;
-    bool unsure = false;
-    if (model.gap_placement) {
-        for (const Module* m : model.ModulesIn(ModuleArea::Main)) {
-            if (m->Linked() || m->Contiguous() || m->Split() || fixed(*m) ||
-                m->header.id == kImageInfoModuleId) {
-                continue;
-            }
-            if (m->Compressed() && whole_fit_pass < 0) whole_fit_pass = m->index;
-            if (!m->Compressed() && (whole_fit_pass < 0 || m->index < whole_fit_pass)) unsure = true;
+    const auto chain = model.ModulesIn(ModuleArea::Main);
+    // The room a module took, as placement counted it.
+    auto placed_size = [&](std::size_t i) {
+        const Module& m = *chain[i];
+        std::uint64_t size = m.header.data_size;
+        if (m.Compressed() && !m.pieces.empty() && m.pieces.front().length >= 4) {
+            const std::uint64_t total = load_le32(image.data() + m.pieces.front().offset);
+            size = std::max(size, (total + 2 + 3) & ~std::uint64_t(3));
+        }
+        for (const ImageInfoItemConstrained& c : model.info.constrained) {
+            if (c.insertion_index == m.index && c.alignment) size += c.alignment - 4;
+        }
+        size += module_header::kSize;
+        for (std::size_t j = i + 1; j < chain.size() && chain[j]->Linked(); ++j) {
+            size += module_header::kSize;
+        }
+        return size;
+    };
+    std::vector<std::size_t> whole;  // placed whole by one of the two passes
+    for (std::size_t i = 0; i < chain.size(); ++i) {
+        const Module& m = *chain[i];
+        if (!m.Linked() && !m.Split() && !fixed(m) && m.header.id != kImageInfoModuleId) {
+            whole.push_back(i);
         }
     }
+    std::size_t later_pass = whole.size();
+    bool unsure = false;
+    if (model.gap_placement) {
+        std::size_t from = 0;
+        for (std::size_t k = 0; k < whole.size(); ++k) {
+            if (chain[whole[k]]->Contiguous()) from = k + 1;
+        }
+        for (std::size_t k = from; k < whole.size() && later_pass == whole.size(); ++k) {
+            const bool rises = k > 0 && placed_size(whole[k]) > placed_size(whole[k - 1]);
+            if (chain[whole[k]]->Compressed() || rises) later_pass = k;
+        }
+        for (std::size_t k = from; k < later_pass; ++k) unsure |= !chain[whole[k]]->Compressed();
+    }
     if (unsure) {
-        lost.push_back("whether uncompressed modules placed before any module that may be split "
-                       "were splittable (not splittable, the default, used)");
+        lost.push_back("whether uncompressed modules placed whole were splittable (not "
+                       "splittable, the default, used where the chain does not tell)");
     }
     auto may_split = [&](const Module& m) {
         if (m.Compressed() || m.Linked() || m.Contiguous() || m.area != ModuleArea::Main) return false;
-        return m.Split() || (whole_fit_pass >= 0 && m.index > whole_fit_pass && !fixed(m));
+        if (m.Split()) return true;
+        for (std::size_t k = later_pass; k < whole.size(); ++k) {
+            if (chain[whole[k]] == &m) return true;
+        }
+        return false;
     };
 
     auto write_module = [&](const std::vector<const Module*>& chain, std::size_t i,
