@@ -124,14 +124,17 @@ std::vector<Variant> Variants() {
                 "nvramsize = 00002000\nmaxebbsize = 00001000\ntag = c16\n\n"
                 "[romimage]\nversion = 4\n\n",
          kModules, {"-c"}},
-        // Gap placement: the fixed module is placed first but listed after an aligned
-        // one, and the image information keeps their script order.
+            // Gap placement: the fixed module is placed first but listed after an aligned
+        // one, and the image information keeps their script order; an uncompressed
+        // module that may be split is placed whole after those that may not.
         {"gap placement", head + "[bios]\nfile = out.rom\nsize = 00040000\nbbsize = 00008000\n"
                                  "nvramsize = 00002000\nmaxebbsize = 00001000\ntag = gap\n\n"
                                  "[romhole]\nstartaddress = 000d0000\nsize = 1000\nfiller = 5a\n\n",
          std::string(kModules) +
              "\n[module]\nmoduleid = 15\nfile = c.bin\ndestn = 1000:0000\ncompressed = no\n"
-             "startaddress = 000e0000\n",
+             "startaddress = 000e0000\n\n"
+             "[module]\nmoduleid = 16\nfile = a.bin\ndestn = 1000:0000\ncompressed = no\n"
+             "contiguous = no\n",
          {}},
         {"2 MB", head + "[bios]\nfile = out.rom\nsize = 00200000\nbbsize = 00010000\n"
                         "nvramsize = 00004000\nmaxebbsize = 00001000\ntag = big\n\n"
@@ -181,7 +184,7 @@ TEST(InspectBuiltImages, VerifyExtractAndRebuildByteForByte) {
             if (m.Linked() || m.header.id == kImageInfoModuleId) continue;
             const std::string name = ModuleFileName(model, m, ".bin");
             const auto extracted = ReadBytes(x + "/" + name);
-            const char* source = m.header.id == 0x11 ? "a.bin" : m.header.id == 0x12 ? "b.bin"
+            const char* source = m.header.id == 0x11 || m.header.id == 0x16 ? "a.bin" : m.header.id == 0x12 ? "b.bin"
                                : m.header.id == 0x20 ? "rom.bin" : m.header.id == 0x14 ? "noise.bin"
                                : m.header.id == 0x1B ? "stamp.bin" : "c.bin";
             const auto file = ReadBytes(dir.File(source));
