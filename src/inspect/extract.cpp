@@ -305,7 +305,8 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
                 if (c.start_address != kEndOfChain) s.Key("startaddress", StrFormat("%08x", c.start_address));
             }
         }
-        if (!region.empty()) s.Key("romregion", region);
+        // A linked add-on ROM goes wherever its parent goes.
+        if (!region.empty() && !m.Linked()) s.Key("romregion", region);
         s.Line("");
         if (recompress[k]) {
             lost.push_back(DescribeModule(model, m) +
@@ -324,14 +325,18 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
     if (model.info.module >= 0) main_modules.pop_back();  // built by fwforge itself
     // The script reader puts each link directly after its parent, ahead of the links
     // read before it, so a parent's links are written in the reverse of chain order.
-    std::vector<std::vector<std::size_t>> groups;  // a module and its links
-    for (std::size_t i = 0; i < main_modules.size();) {
-        std::size_t j = i + 1;
-        while (j < main_modules.size() && main_modules[j]->Linked()) ++j;
-        groups.push_back({i});
-        for (std::size_t l = j; l > i + 1; --l) groups.back().push_back(l - 1);
-        i = j;
-    }
+    auto grouped = [](const std::vector<const Module*>& chain) {
+        std::vector<std::vector<std::size_t>> groups;  // a module and its links
+        for (std::size_t i = 0; i < chain.size();) {
+            std::size_t j = i + 1;
+            while (j < chain.size() && chain[j]->Linked()) ++j;
+            groups.push_back({i});
+            for (std::size_t l = j; l > i + 1; --l) groups.back().push_back(l - 1);
+            i = j;
+        }
+        return groups;
+    };
+    std::vector<std::vector<std::size_t>> groups = grouped(main_modules);
     // The image information lists the modules with an alignment or a start address in
     // script order; the chain has them in placement order. Those modules take their
     // listed order among the places they hold in the chain.
@@ -360,8 +365,8 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
 
     for (std::size_t b = 0; b < model.ncbs.size(); ++b) {
         const auto block = model.ModulesIn(ModuleArea::Ncb, static_cast<int>(b));
-        for (std::size_t i = 0; i < block.size(); ++i) {
-            write_module(block, i, StrFormat("ncb%zu", b + 1));
+        for (const auto& group : grouped(block)) {
+            for (std::size_t i : group) write_module(block, i, StrFormat("ncb%zu", b + 1));
         }
     }
 

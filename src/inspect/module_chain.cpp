@@ -212,6 +212,24 @@ void WalkBlockChain(Bytes image, ImageModel& model, const Block& block, ModuleAr
     }
     std::string from = name + " header";
     const std::uint64_t block_end = std::uint64_t(block.offset) + block.length;
+    // The header names the first header in the block. When the first module is an
+    // add-on ROM with linked ones, that is the lowest link header: the links lie below
+    // their parent and follow it in the chain. The chain starts at the parent, the
+    // first header above them that links to the lowest one.
+    const std::uint64_t first = std::uint64_t(block.offset) + block_header::kSize;
+    auto linked_at = [&](std::uint64_t at) {
+        return at + module_header::kSize <= block_end &&
+               (image[at + module_header::ModuleAttributes.offset] & module_attr::LinkedRom) != 0;
+    };
+    if (link == block_header::kSize + module_header::kExtensionSize && linked_at(first)) {
+        std::uint64_t at = first;
+        while (linked_at(at)) at += module_header::kSize;
+        if (at + module_header::kSize <= block_end && ReadHeader(image, static_cast<std::uint32_t>(at)).next_link == link) {
+            link = static_cast<std::uint32_t>(at - block.offset + module_header::kExtensionSize);
+            model.notes.push_back(name + ": the chain starts at the add-on ROM above the link "
+                                         "headers that its header names");
+        }
+    }
     while (link != kEndOfChain) {
         const std::uint64_t header = std::uint64_t(block.offset) + link - 8;
         if (link < block_header::kSize + 8 || header + 20 > block_end) {

@@ -124,17 +124,23 @@ std::vector<Variant> Variants() {
                 "nvramsize = 00002000\nmaxebbsize = 00001000\ntag = c16\n\n"
                 "[romimage]\nversion = 4\n\n",
          kModules, {"-c"}},
-            // Gap placement: the fixed module is placed first but listed after an aligned
+        // Gap placement: the fixed module is placed first but listed after an aligned
         // one, and the image information keeps their script order; an uncompressed
         // module that may be split is placed whole after those that may not.
         {"gap placement", head + "[bios]\nfile = out.rom\nsize = 00040000\nbbsize = 00008000\n"
                                  "nvramsize = 00002000\nmaxebbsize = 00001000\ntag = gap\n\n"
-                                 "[romhole]\nstartaddress = 000d0000\nsize = 1000\nfiller = 5a\n\n",
+                                 "[romhole]\nstartaddress = 000d0000\nsize = 1000\nfiller = 5a\n\n"
+                                 "[noncriticalrom]\nname = blk\nstartaddress = 000c8000\nsize = 4000\n\n",
          std::string(kModules) +
              "\n[module]\nmoduleid = 15\nfile = c.bin\ndestn = 1000:0000\ncompressed = no\n"
              "startaddress = 000e0000\n\n"
              "[module]\nmoduleid = 16\nfile = a.bin\ndestn = 1000:0000\ncompressed = no\n"
-             "contiguous = no\n",
+             "contiguous = no\n\n"
+             // In the block, the link header lies where the block's header points.
+             "[module]\nmoduleid = 20\nfile = rom.bin\nvendorid = 10df\ndeviceid = 0001\n"
+             "romregion = blk\n\n"
+             "[module]\nmoduleid = 20\nvendorid = 10df\ndeviceid = 0002\nlinkvenid = 10df\n"
+             "linkdevid = 0001\nlink = yes\n",
          {}},
         {"2 MB", head + "[bios]\nfile = out.rom\nsize = 00200000\nbbsize = 00010000\n"
                         "nvramsize = 00004000\nmaxebbsize = 00001000\ntag = big\n\n"
