@@ -85,10 +85,8 @@ void WriteInputs(const TempDir& dir) {
     WriteBytes(dir.File("rom.bin"), Content(0x1800, 5));
     WriteBytes(dir.File("noise.bin"), fwforge::testing::RandomBytes(0x900, 6));
     WriteBytes(dir.File("stamp.bin"), StampModule(0xCAFE1234));
+    WriteBytes(dir.File("small.bin"), Content(0x90, 8));
 }
-
-const std::vector<std::string> kInputs = {"a.bin", "b.bin", "c.bin", "rom.bin", "noise.bin",
-                                          "stamp.bin"};
 
 const char* const kModules =
     "[module]\nmoduleid = 11\nfile = a.bin\ndestn = f000:1000\n\n"
@@ -142,6 +140,20 @@ std::vector<Variant> Variants() {
              "[module]\nmoduleid = 20\nvendorid = 10df\ndeviceid = 0002\nlinkvenid = 10df\n"
              "linkdevid = 0001\nlink = yes\n",
          {}},
+        // The holes leave two small gaps: the image information module is split, and
+        // its pending data sum goes into the seal of the block's first module.
+        {"split image information", head + "[bios]\nfile = out.rom\nsize = 00040000\n"
+                                           "bbsize = 00010000\nnvramsize = 00000000\ntag = sp\n\n"
+                                           "[noncriticalrom]\nname = blk\nstartaddress = 000c0000\n"
+                                           "size = 1000\n\n"
+                                           "[romhole]\nstartaddress = 000c1000\nsize = 2ee00\n\n"
+                                           "[romhole]\nstartaddress = 000efe40\nsize = c0\n\n",
+         "[module]\nmoduleid = 17\nfile = small.bin\ndestn = f000:0000\ncompressed = no\n\n"
+         "[module]\nmoduleid = 41\nfile = small.bin\ndestn = 4000:0000\ncompressed = no\n"
+         "romregion = blk\n\n"
+         "[module]\nmoduleid = 42\nfile = small.bin\ndestn = 4000:0000\ncompressed = no\n"
+         "romregion = blk\n",
+         {}},
         {"2 MB", head + "[bios]\nfile = out.rom\nsize = 00200000\nbbsize = 00010000\n"
                         "nvramsize = 00004000\nmaxebbsize = 00001000\ntag = big\n\n"
                         "[romimage]\nversion = 1\n\n",
@@ -190,7 +202,9 @@ TEST(InspectBuiltImages, VerifyExtractAndRebuildByteForByte) {
             if (m.Linked() || m.header.id == kImageInfoModuleId) continue;
             const std::string name = ModuleFileName(model, m, ".bin");
             const auto extracted = ReadBytes(x + "/" + name);
-            const char* source = m.header.id == 0x11 || m.header.id == 0x16 ? "a.bin" : m.header.id == 0x12 ? "b.bin"
+            const char* source = m.header.id == 0x17 || m.header.id == 0x41 || m.header.id == 0x42
+                                     ? "small.bin"
+                               : m.header.id == 0x11 || m.header.id == 0x16 ? "a.bin" : m.header.id == 0x12 ? "b.bin"
                                : m.header.id == 0x20 ? "rom.bin" : m.header.id == 0x14 ? "noise.bin"
                                : m.header.id == 0x1B ? "stamp.bin" : "c.bin";
             const auto file = ReadBytes(dir.File(source));
@@ -199,6 +213,9 @@ TEST(InspectBuiltImages, VerifyExtractAndRebuildByteForByte) {
             } else {
                 ExpectHoldsFile(extracted, file, name);
             }
+        }
+        if (std::string(v.name) == "split image information") {
+            EXPECT_TRUE(model.modules[model.info.module].Split());
         }
         if (model.main->stamp) {
             EXPECT_EQ(model.main->stamp, 0xCAFE1234u);
