@@ -99,6 +99,7 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
             plan.files.push_back({name, std::move(decoded.bytes)});
             // The boot block stamp is read from the original file of module 1B, so
             // that one must be given decompressed and compressed again by the build.
+            //
             // Gap placement reserves 2 bytes beyond the compressed total (rounded to 4);
             // when that reaches past the stored data (and no maximum size made the data
             // longer), a build from the stored data would take 4 bytes less room, and so
@@ -194,8 +195,6 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
         s.Line("");
     }
 
-    // Modules: the EBB's first, so that the last [module] section of the script is a
-    // module of the main BIOS (the image information module takes the record after it).
     // An uncompressed module may not be split by default, and the header records only
     // a "contiguous = yes". Whether such a module was placed whole by the pass for
     // modules that must not be split, or by the pass after it, shows in the chain: each
@@ -208,10 +207,10 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
                                return c.insertion_index == m.index && c.start_address != kEndOfChain;
                            });
     };
-    const auto chain = model.ModulesIn(ModuleArea::Main);
+    const auto main_chain = model.ModulesIn(ModuleArea::Main);
     // The room a module took, as placement counted it.
     auto placed_size = [&](std::size_t i) {
-        const Module& m = *chain[i];
+        const Module& m = *main_chain[i];
         std::uint64_t size = m.header.data_size;
         if (m.Compressed() && !m.pieces.empty() && m.pieces.front().length >= 4) {
             const std::uint64_t total = load_le32(image.data() + m.pieces.front().offset);
@@ -221,14 +220,14 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
             if (c.insertion_index == m.index && c.alignment) size += c.alignment - 4;
         }
         size += module_header::kSize;
-        for (std::size_t j = i + 1; j < chain.size() && chain[j]->Linked(); ++j) {
+        for (std::size_t j = i + 1; j < main_chain.size() && main_chain[j]->Linked(); ++j) {
             size += module_header::kSize;
         }
         return size;
     };
     std::vector<std::size_t> whole;  // placed whole by one of the two passes
-    for (std::size_t i = 0; i < chain.size(); ++i) {
-        const Module& m = *chain[i];
+    for (std::size_t i = 0; i < main_chain.size(); ++i) {
+        const Module& m = *main_chain[i];
         if (!m.Linked() && !m.Split() && !fixed(m) && m.header.id != kImageInfoModuleId) {
             whole.push_back(i);
         }
@@ -238,13 +237,13 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
     if (model.gap_placement) {
         std::size_t from = 0;
         for (std::size_t k = 0; k < whole.size(); ++k) {
-            if (chain[whole[k]]->Contiguous()) from = k + 1;
+            if (main_chain[whole[k]]->Contiguous()) from = k + 1;
         }
         for (std::size_t k = from; k < whole.size() && later_pass == whole.size(); ++k) {
             const bool rises = k > 0 && placed_size(whole[k]) > placed_size(whole[k - 1]);
-            if (chain[whole[k]]->Compressed() || rises) later_pass = k;
+            if (main_chain[whole[k]]->Compressed() || rises) later_pass = k;
         }
-        for (std::size_t k = from; k < later_pass; ++k) unsure |= !chain[whole[k]]->Compressed();
+        for (std::size_t k = from; k < later_pass; ++k) unsure |= !main_chain[whole[k]]->Compressed();
     }
     if (unsure) {
         lost.push_back("whether uncompressed modules placed whole were splittable (not "
@@ -254,11 +253,13 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
         if (m.Compressed() || m.Linked() || m.Contiguous() || m.area != ModuleArea::Main) return false;
         if (m.Split()) return true;
         for (std::size_t k = later_pass; k < whole.size(); ++k) {
-            if (chain[whole[k]] == &m) return true;
+            if (main_chain[whole[k]] == &m) return true;
         }
         return false;
     };
 
+    // Modules: the EBB's first, so that the last [module] section of the script is a
+    // module of the main BIOS (the image information module takes the record after it).
     auto write_module = [&](const std::vector<const Module*>& chain, std::size_t i,
                             const std::string& region) {
         const Module& m = *chain[i];
