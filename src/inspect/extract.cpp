@@ -4,6 +4,7 @@
 
 #include "inspect/module_data.h"
 #include "layout/module_header.h"
+#include "platform/byte_order.h"
 #include "platform/text_format.h"
 
 namespace fwforge::inspect {
@@ -98,7 +99,16 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
             plan.files.push_back({name, std::move(decoded.bytes)});
             // The boot block stamp is read from the original file of module 1B, so
             // that one must be given decompressed and compressed again by the build.
-            if (m.header.id == kStampModuleId && m.area != ModuleArea::Ebb) {
+            //
+            // Gap placement reserves 2 bytes beyond the compressed total (rounded to 4);
+            // when that reaches past the stored data (and no maximum size made the data
+            // longer), a build from the stored data would take 4 bytes less room, and so
+            // the module is compressed again too.
+            auto round4 = [](std::uint64_t v) { return (v + 3) & ~std::uint64_t(3); };
+            const bool reserve_shows = model.gap_placement && m.area != ModuleArea::Ebb &&
+                                       m.header.data_size == round4(decoded.total) &&
+                                       round4(decoded.total + 2) != round4(decoded.total);
+            if ((m.header.id == kStampModuleId && m.area != ModuleArea::Ebb) || reserve_shows) {
                 module_files[i] = name;
                 recompress[i] = true;
             }
@@ -185,6 +195,69 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
         s.Line("");
     }
 
+    // An uncompressed module may not be split by default, and the header records only
+    // a "contiguous = yes". Whether such a module was placed whole by the pass for
+    // modules that must not be split, or by the pass after it, shows in the chain: each
+    // pass takes the largest first, so the later pass begins at the first module that
+    // is larger than the one before it, or that is compressed and may be split, and not
+    // before the last one marked contiguous.
+    auto fixed = [&](const Module& m) {
+        return std::any_of(model.info.constrained.begin(), model.info.constrained.end(),
+                           [&](const ImageInfoItemConstrained& c) {
+                               return c.insertion_index == m.index && c.start_address != kEndOfChain;
+                           });
+    };
+    const auto main_chain = model.ModulesIn(ModuleArea::Main);
+    // The room a module took, as placement counted it.
+    auto placed_size = [&](std::size_t i) {
+        const Module& m = *main_chain[i];
+        std::uint64_t size = m.header.data_size;
+        if (m.Compressed() && !m.pieces.empty() && m.pieces.front().length >= 4) {
+            const std::uint64_t total = load_le32(image.data() + m.pieces.front().offset);
+            size = std::max(size, (total + 2 + 3) & ~std::uint64_t(3));
+        }
+        for (const ImageInfoItemConstrained& c : model.info.constrained) {
+            if (c.insertion_index == m.index && c.alignment) size += c.alignment - 4;
+        }
+        size += module_header::kSize;
+        for (std::size_t j = i + 1; j < main_chain.size() && main_chain[j]->Linked(); ++j) {
+            size += module_header::kSize;
+        }
+        return size;
+    };
+    std::vector<std::size_t> whole;  // placed whole by one of the two passes
+    for (std::size_t i = 0; i < main_chain.size(); ++i) {
+        const Module& m = *main_chain[i];
+        if (!m.Linked() && !m.Split() && !fixed(m) && m.header.id != kImageInfoModuleId) {
+            whole.push_back(i);
+        }
+    }
+    std::size_t later_pass = whole.size();
+    bool unsure = false;
+    if (model.gap_placement) {
+        std::size_t from = 0;
+        for (std::size_t k = 0; k < whole.size(); ++k) {
+            if (main_chain[whole[k]]->Contiguous()) from = k + 1;
+        }
+        for (std::size_t k = from; k < whole.size() && later_pass == whole.size(); ++k) {
+            const bool rises = k > 0 && placed_size(whole[k]) > placed_size(whole[k - 1]);
+            if (main_chain[whole[k]]->Compressed() || rises) later_pass = k;
+        }
+        for (std::size_t k = from; k < later_pass; ++k) unsure |= !main_chain[whole[k]]->Compressed();
+    }
+    if (unsure) {
+        lost.push_back("whether uncompressed modules placed whole were splittable (not "
+                       "splittable, the default, used where the chain does not tell)");
+    }
+    auto may_split = [&](const Module& m) {
+        if (m.Compressed() || m.Linked() || m.Contiguous() || m.area != ModuleArea::Main) return false;
+        if (m.Split()) return true;
+        for (std::size_t k = later_pass; k < whole.size(); ++k) {
+            if (main_chain[whole[k]] == &m) return true;
+        }
+        return false;
+    };
+
     // Modules: the EBB's first, so that the last [module] section of the script is a
     // module of the main BIOS (the image information module takes the record after it).
     auto write_module = [&](const std::vector<const Module*>& chain, std::size_t i,
@@ -221,7 +294,11 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
         }
         if (m.header.attributes & module_attr::NotCompressed) s.Key("compressed", "no");
         if (m.Compressed() && !recompress[k]) s.Key("nowcompressed", "yes");
-        if (m.Contiguous()) s.Key("contiguous", "yes");
+        if (m.Contiguous()) {
+            s.Key("contiguous", "yes");
+        } else if (may_split(m)) {
+            s.Key("contiguous", "no");
+        }
         if (m.area == ModuleArea::Main) {
             for (const ImageInfoItemConstrained& c : model.info.constrained) {
                 if (c.insertion_index != m.index) continue;
@@ -229,12 +306,17 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
                 if (c.start_address != kEndOfChain) s.Key("startaddress", StrFormat("%08x", c.start_address));
             }
         }
-        if (!region.empty()) s.Key("romregion", region);
+        // A linked add-on ROM goes wherever its parent goes.
+        if (!region.empty() && !m.Linked()) s.Key("romregion", region);
         s.Line("");
         if (recompress[k]) {
             lost.push_back(DescribeModule(model, m) +
-                           ": given decompressed (it supplies the boot block stamp); the "
-                           "build compresses it again");
+                           (m.header.id == kStampModuleId
+                                ? ": given decompressed (it supplies the boot block stamp)"
+                                : ": given decompressed (its placement counts its compressed "
+                                  "size, which the stored data rounds away)") +
+                           "; the build compresses it again, and its encoder may choose other "
+                           "matches of the same meaning");
         }
     };
     const auto ebb_modules = model.ModulesIn(ModuleArea::Ebb);
@@ -244,20 +326,48 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
     if (model.info.module >= 0) main_modules.pop_back();  // built by fwforge itself
     // The script reader puts each link directly after its parent, ahead of the links
     // read before it, so a parent's links are written in the reverse of chain order.
-    std::vector<std::size_t> order;
-    for (std::size_t i = 0; i < main_modules.size();) {
-        std::size_t j = i + 1;
-        while (j < main_modules.size() && main_modules[j]->Linked()) ++j;
-        order.push_back(i);
-        for (std::size_t l = j; l > i + 1; --l) order.push_back(l - 1);
-        i = j;
+    auto grouped = [](const std::vector<const Module*>& chain) {
+        std::vector<std::vector<std::size_t>> groups;  // a module and its links
+        for (std::size_t i = 0; i < chain.size();) {
+            std::size_t j = i + 1;
+            while (j < chain.size() && chain[j]->Linked()) ++j;
+            groups.push_back({i});
+            for (std::size_t l = j; l > i + 1; --l) groups.back().push_back(l - 1);
+            i = j;
+        }
+        return groups;
+    };
+    std::vector<std::vector<std::size_t>> groups = grouped(main_modules);
+    // The image information lists the modules with an alignment or a start address in
+    // script order; the chain has them in placement order. Those modules take their
+    // listed order among the places they hold in the chain.
+    auto listed_at = [&](const std::vector<std::size_t>& group) {
+        const auto& items = model.info.constrained;
+        for (std::size_t k = 0; k < items.size(); ++k) {
+            if (items[k].insertion_index == main_modules[group.front()]->index) return k;
+        }
+        return items.size();
+    };
+    std::vector<std::size_t> slots;
+    std::vector<std::vector<std::size_t>> listed;
+    for (std::size_t g = 0; g < groups.size(); ++g) {
+        if (listed_at(groups[g]) < model.info.constrained.size()) {
+            slots.push_back(g);
+            listed.push_back(groups[g]);
+        }
     }
-    for (std::size_t i : order) write_module(main_modules, i, "");
+    std::stable_sort(listed.begin(), listed.end(), [&](const auto& a, const auto& b) {
+        return listed_at(a) < listed_at(b);
+    });
+    for (std::size_t k = 0; k < slots.size(); ++k) groups[slots[k]] = listed[k];
+    for (const auto& group : groups) {
+        for (std::size_t i : group) write_module(main_modules, i, "");
+    }
 
     for (std::size_t b = 0; b < model.ncbs.size(); ++b) {
         const auto block = model.ModulesIn(ModuleArea::Ncb, static_cast<int>(b));
-        for (std::size_t i = 0; i < block.size(); ++i) {
-            write_module(block, i, StrFormat("ncb%zu", b + 1));
+        for (const auto& group : grouped(block)) {
+            for (std::size_t i : group) write_module(block, i, StrFormat("ncb%zu", b + 1));
         }
     }
 
@@ -282,7 +392,8 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
     if (!model.ncbs.empty()) lost.push_back("the names of non-critical blocks (ncb1, ncb2, ... used)");
     if (model.gap_placement) {
         lost.push_back("the order of the [module] sections (gap placement places by size; "
-                       "chain order used)");
+                       "chain order used, modules with an alignment or start address in the "
+                       "order the image information lists them)");
     }
     if (model.main && model.main->stamp != 0 &&
         std::none_of(model.modules.begin(), model.modules.end(),

@@ -215,7 +215,8 @@ std::string JsonString(const std::string& text) {
         if (c == '"' || c == '\\') {
             out += '\\';
             out += static_cast<char>(c);
-        } else if (c < 0x20) {
+        } else if (c < 0x20 || c >= 0x7F) {
+            // Texts can carry bytes of the image; as Latin-1 they stay valid JSON.
             out += StrFormat("\\u%04x", c);
         } else {
             out += static_cast<char>(c);
@@ -299,6 +300,14 @@ std::string ListJson(std::span<const std::uint8_t> image, const ImageModel& mode
                          "\"link\": %u},\n",
                          h.signature, model.Address(h.signature), h.version, h.flags, h.stamp,
                          h.length, h.checksum, h.link);
+    }
+    if (!model.info.tool_version.empty()) {
+        out += "  \"image_information\": {\"tool_version\": " + JsonString(model.info.tool_version);
+        if (model.info.rom_image_version) {
+            out += StrFormat(", \"version\": %u, \"flags\": %u", *model.info.rom_image_version,
+                             *model.info.rom_image_flags);
+        }
+        out += "},\n";
     }
     if (model.ebb) out += "  \"ebb\": " + JsonBlock(*model.ebb) + ",\n";
     out += "  \"non_critical_blocks\": [";

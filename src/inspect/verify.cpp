@@ -40,6 +40,22 @@ void CheckModule(Bytes image, const ImageModel& model, const Module& m,
             sum = 0;
         }
     }
+    // A piece's header carries no checksum: it must repeat the module's own header.
+    for (std::size_t i = 0; i < m.piece_headers.size(); ++i) {
+        const HeaderView& p = m.piece_headers[i];
+        ++report.checks;
+        if (p.id != m.header.id || p.dest_offset != m.header.dest_offset ||
+            p.dest_segment != m.header.dest_segment ||
+            p.attributes != (m.header.attributes | module_attr::SplitPiece)) {
+            report.problems.push_back(
+                {name, StrFormat("piece %zu's header at %x (id %02X, attributes %02x, %04x:%04x) "
+                                 "does not repeat the module's (id %02X, attributes %02x, %04x:%04x)",
+                                 i + 1, model.Address(p.offset), p.id, p.attributes,
+                                 p.dest_segment, p.dest_offset, m.header.id,
+                                 m.header.attributes | module_attr::SplitPiece,
+                                 m.header.dest_segment, m.header.dest_offset)});
+        }
+    }
     if (sum != 0) {
         report.problems.push_back(
             {name, StrFormat("checksum %08x does not match: covered bytes sum to %08x, not 0",

@@ -97,34 +97,6 @@ TEST(InspectExtract, EveryModuleComesBackWithItsStoredBytes) {
     EXPECT_EQ(script.find("moduleid = 80"), std::string::npos);
 }
 
-TEST(InspectExtract, LinksAreWrittenSoThatTheReaderRestoresTheirOrder) {
-    TestLayout l;
-    TestModule parent = Mod(0x20, 0x100, 1);
-    parent.dest_offset = 0x8086;
-    parent.dest_segment = 0x1234;
-    TestModule first = parent, second = parent;
-    first.attributes = second.attributes = 0x40;
-    first.data.clear();
-    second.data.clear();
-    first.dest_segment = 0x1111;
-    second.dest_segment = 0x2222;
-    l.modules = {parent, first, second, Mod(0x11, 0x40, 2)};
-    const auto img = BuildTestImage(l);
-    const std::string script = ScriptOf(PlanExtract(img.bytes, ReadImage(img.bytes, {})));
-    // Chain order parent, 1111, 2222: the script lists 2222 first.
-    const auto p = script.find("deviceid = 1234");
-    const auto a = script.find("deviceid = 2222");
-    const auto b = script.find("deviceid = 1111");
-    const auto x = script.find("moduleid = 11");
-    ASSERT_NE(b, std::string::npos);
-    EXPECT_LT(p, a);
-    EXPECT_LT(a, b);
-    EXPECT_LT(b, x);
-    EXPECT_NE(script.find("link = yes\r\nlinkvenid = 8086\r\nlinkdevid = 1234\r\n"),
-              std::string::npos)
-        << script;
-}
-
 TEST(InspectExtract, CommandWritesTheFilesAndSaysWhatIsLost) {
     TestLayout l;
     l.modules = {Mod(0x11, 0x100, 1)};

@@ -264,6 +264,11 @@ TEST(InspectCli, CommandLineErrorsAndJson) {
     fwforge::testing::TempDir dir;
     const std::string path = dir.File("clean.rom");
     fwforge::testing::WriteBytes(path, BuildFullWithLink().bytes);
+    // Texts from the image are escaped so that the JSON stays valid.
+    TestLayout odd = FullLayout();
+    odd.tool_version = "3\"\x01\xff";
+    const std::string odd_path = dir.File("odd.rom");
+    fwforge::testing::WriteBytes(odd_path, BuildTestImage(odd).bytes);
     const std::string missing = dir.File("missing.rom");
     struct Case {
         std::vector<const char*> args;
@@ -280,6 +285,9 @@ TEST(InspectCli, CommandLineErrorsAndJson) {
         {{"extract", path.c_str()}, 2, "extract needs DIR"},
         {{"list", path.c_str()}, 0, "Main BIOS modules in chain order (6):"},
         {{"list", path.c_str(), "--json"}, 0, "\"placement\": \"gap\""},
+        {{"list", odd_path.c_str(), "--json"}, 0,
+         "\"image_information\": {\"tool_version\": \"3\\\"\\u0001\\u00ff\", \"version\": 1, "
+         "\"flags\": 6},"},
         {{"verify", path.c_str()}, 0, "verify: OK"},
         {{"verify", path.c_str(), "--json"}, 0, "\"ok\": true"},
         {{"verify", path.c_str(), "--bbsize", "1000"}, 1, "boot block (1000 bytes at ff000)"},

@@ -3,8 +3,8 @@
 # rendered and shows a box for every module.
 # Usage: render_html_map.sh BINARY_DIR [IMAGE]
 # Without IMAGE it renders the test binary's map fixture (every kind of item, split
-# modules and a non-critical block among them) and the bundled example as fwforge
-# builds it. Exit 77 (skipped) when Chromium is not installed.
+# modules and a non-critical block among them) and the bundled examples as fwforge
+# builds them. Exit 77 (skipped) when Chromium is not installed.
 set -euo pipefail
 
 bin=$1
@@ -27,13 +27,15 @@ else
     FWFORGE_INSPECT_MAP_FIXTURE=$work/fixture.rom "$tests_bin" \
         --gtest_filter=InspectMap.WritesTheImageForTheBrowserCheck >/dev/null
     images+=("$work/fixture.rom")
-    example=$bin/examples/firmware
-    if [ -f "$example/bootblk.bin" ]; then
-        mkdir -p "$work/example/out"
-        cp "$example"/*.bin "$example"/*.rom "$example"/firmware.scr "$work/example/"
-        (cd "$work/example" && "$bin/fwforge" out firmware.scr >/dev/null)
-        images+=("$work/example/firmware.rom")
-    fi
+    for name in firmware firmware2; do
+        example=$bin/examples/$name
+        if [ -f "$example/bootblk.bin" ]; then
+            mkdir -p "$work/$name/out"
+            cp "$example"/*.bin "$example"/*.rom "$example/$name.scr" "$work/$name/"
+            (cd "$work/$name" && "$bin/fwforge" out "$name.scr" >/dev/null)
+            images+=("$work/$name/$name.rom")
+        fi
+    done
 fi
 
 check_image() {

@@ -39,6 +39,7 @@ struct TestLayout {
     std::uint8_t version = 1;
     std::uint8_t flags = 0;
     std::uint32_t stamp = 0x12345678;
+    const char* tool_version = "3.33";  // four characters
     bool image_info = true;
     bool region_from_zero = false;  // the main header's region as gap placement sets it
     std::vector<TestModule> modules;
@@ -97,7 +98,7 @@ inline std::vector<std::uint8_t> ImageInfoData(const TestLayout& l) {
         d[at + 4] = count;
     };
     head(0, 9, 0x60, 4, 1);
-    d[5] = '3', d[6] = '.', d[7] = '3', d[8] = '3';
+    std::copy(l.tool_version, l.tool_version + 4, d.begin() + 5);
     head(9, 16, 0x10, 2, 1);
     d[14] = l.version, d[15] = l.flags;
     head(16, 29, 0x20, 8, 1);
