@@ -136,9 +136,10 @@ std::string DiffText(const std::vector<Difference>& differences) {
             if (d.kind != "image" && d.kind != "moved") ++modules;
         }
     }
-    out += differences.empty() ? "diff: no differences\n"
-                               : StrFormat("diff: %d modules changed, added or removed; %zu differences in all\n",
-                                           modules, differences.size());
+    if (differences.empty()) return out + "diff: no differences\n";
+    out += StrFormat("diff: %d module%s changed, added or removed; %zu difference%s in all\n",
+                     modules, modules == 1 ? "" : "s", differences.size(),
+                     differences.size() == 1 ? "" : "s");
     return out;
 }
 

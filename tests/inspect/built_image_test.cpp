@@ -353,7 +353,7 @@ TEST(InspectBuiltImages, DiffOfTwoBuildsNamesTheOneModule) {
     EXPECT_EQ(Inspect({"diff", first.c_str(), second.c_str()}, console), 1);
     EXPECT_EQ(console,
               "changed  module #1 (id 12) e000:0000: content (1004 -> 1004 bytes)\n"
-              "diff: 1 modules changed, added or removed; 1 differences in all\n");
+              "diff: 1 module changed, added or removed; 1 difference in all\n");
 }
 
 }  // namespace
