@@ -101,10 +101,12 @@ std::string ComposeOutputName(std::string_view output_path, std::string_view res
 std::optional<InputFile> InputFile::Open(std::string_view name) {
     const std::string path = ResolveExistingPath(name);
     if (path.empty()) return std::nullopt;
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    // Not blocking: a named pipe must not hold the build until some writer comes along.
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (fd < 0) return std::nullopt;
     struct stat st;
-    if (::fstat(fd, &st) != 0 || S_ISDIR(st.st_mode)) {
+    if (::fstat(fd, &st) != 0 || S_ISDIR(st.st_mode) || S_ISFIFO(st.st_mode) ||
+        S_ISSOCK(st.st_mode)) {
         ::close(fd);
         return std::nullopt;
     }

@@ -41,14 +41,6 @@ RunOutcome RunWith(const std::vector<std::string>& args) {
     return {status, out.str()};
 }
 
-TEST(MainFlow, TooFewArgumentsPrintUsageAndFail) {
-    for (const auto& args : {std::vector<std::string>{}, std::vector<std::string>{"out"}}) {
-        const RunOutcome r = RunWith(args);
-        EXPECT_EQ(r.status, 1);
-        EXPECT_EQ(r.out, kBanner + kUsage);
-    }
-}
-
 TEST(MainFlow, OptionsAreLookedForInPositionsThreeAndFourOnly) {
     ScratchDir dir;
     const std::string missing = dir.Path("missing.scr");
@@ -138,7 +130,8 @@ TEST(MainFlow, FatalErrorEndsTheRunWithoutSummary) {
                          "\nFATAL ERROR: Expected '='.  Refer to " + script + ", line 2.\n");
 }
 
-// The program itself: exit statuses, and everything on standard output.
+// The program itself: exit statuses (also of too few arguments, which print the usage),
+// and everything on standard output.
 TEST(MainFlow, ProgramExitStatusesAndStreams) {
     ScratchDir dir;
     const std::string good = WriteCompleteBuild(dir);

@@ -1,6 +1,7 @@
 #include "platform/file_io.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <filesystem>
 
@@ -51,6 +52,8 @@ TEST(FileLayer, InputNamesAreFoundWhateverTheirCase) {
     dir.WriteBytes("exact.bin", "exact");
     dir.WriteBytes("twin.bin", "lower");
     dir.WriteBytes("TWIN.BIN", "upper");
+    // A named pipe without a writer would block a reader forever.
+    ASSERT_EQ(::mkfifo(dir.Path("pipe").c_str(), 0600), 0);
     const std::string root = dir.Path("");
     struct Case {
         std::string name, content;
@@ -68,6 +71,7 @@ TEST(FileLayer, InputNamesAreFoundWhateverTheirCase) {
         {root + "missing.bin", "<cannot open>"},
         {root + "modules/missing/micro.bin", "<cannot open>"},
         {root + "modules", "<cannot open>"},
+        {root + "pipe", "<cannot open>"},
         {"", "<cannot open>"},
     };
     for (const Case& c : cases) {

@@ -90,6 +90,7 @@ TEST_F(ScriptReaderTest, GrammarErrorsNameTheirLine) {
 }
 
 TEST_F(ScriptReaderTest, MissingScriptFileCannotBeOpened) {
+    // A missing file, no name at all, and a folder.
     for (const std::string& path : {dir_.Path("none.scr"), std::string(), dir_.Path("")}) {
         SCOPED_TRACE(path);
         const ParseResult r = ParseScriptFile(path);
@@ -97,10 +98,6 @@ TEST_F(ScriptReaderTest, MissingScriptFileCannotBeOpened) {
         // Nothing is announced for a script that cannot be read.
         EXPECT_EQ(r.console, "\nFATAL ERROR: Cannot open script file\n");
     }
-}
-
-TEST_F(ScriptReaderTest, FolderIsNoScript) {
-    ExpectFatal(ParseScriptFile(dir_.Path("")), "Cannot open script file");
 }
 
 // Kernel attribute files report a size of a whole page but deliver only their text,
