@@ -27,6 +27,10 @@ struct BadInput {
     std::string last_line;    // "" for a completed run
 };
 
+std::string Hole(const std::string& start, const std::string& size) {
+    return "[romhole]\nstartaddress = " + start + "\nsize = " + size + "\n";
+}
+
 // [init] and [bios] of a 128 KB image with a 64 KB boot block and 4 KB of NVRAM.
 std::string Settings(const std::string& bios_extra = "", const std::string& bbsize = "00010000") {
     return "[init]\nfile = bb.bin\n[bios]\nfile = rom.bin\nsize = 00020000\nbbsize = " + bbsize +
@@ -99,6 +103,38 @@ TEST(BadInputs, EachEndsWithItsMessageAndStatus) {
          Settings("maxebbsize = 00001000\n") +
              Module("big.bin", "romregion = ebb\ncompressed = no\n"),
          "out", 1, "FATAL ERROR: Out of EBB space!"},
+        // The image spans ROM addresses e0000-fffff; boot block and NVRAM take f0000 up.
+        {"ROM hole above the 1 MB address space",
+         Settings() + Module("short.bin") + Hole("00100000", "00000100"), "out", 1,
+         "FATAL ERROR: ROMHOLE, NONCRITICALROM or Module StartAddress out of Range"},
+        {"ROM hole below the image",
+         Settings() + Module("short.bin") + Hole("000c0000", "00000100"), "out", 1,
+         "FATAL ERROR: ROMHOLE, NONCRITICALROM or Module StartAddress out of Range"},
+        {"ROM hole reaching into NVRAM",
+         Settings() + Module("short.bin") + Hole("000ee000", "00002000"), "out", 1,
+         "FATAL ERROR: ROMHOLE, NONCRITICALROM or Fixed Location Module conflicts with "
+         "bootblock or NVRAM"},
+        {"module start address below the image",
+         Settings() + Module("short.bin", "startaddress = 00010000\n"), "out", 1,
+         "FATAL ERROR: ROMHOLE, NONCRITICALROM or Module StartAddress out of Range"},
+        {"ROM hole size that rounds past 4 GB",
+         Settings() + Module("short.bin") + Hole("000e0000", "fffffff1"), "out", 1,
+         "FATAL ERROR: ROMHOLE Size FFFFFFF1 wraps past 4 GB when rounded up to a multiple of "
+         "16.  Refer to build.scr, line 15."},
+        {"ROM hole range that wraps past 4 GB",
+         Settings() + Module("short.bin") + Hole("000e0000", "fff30000"), "out", 1,
+         "FATAL ERROR: ROMHOLE range StartAddress 000E0000 + Size FFF30000 wraps past 4 GB.  "
+         "Refer to build.scr, line 16."},
+        {"module start address whose header would wrap below 0",
+         Settings() + Module("short.bin", "startaddress = 00000010\n"), "out", 1,
+         "FATAL ERROR: Module StartAddress 00000010 leaves no room for its 20-byte header: "
+         "StartAddress - 20 wraps below 0.  Refer to build.scr, line 13."},
+        {"BIOS size too small for the main BIOS",
+         "[init]\nfile = bb.bin\n[bios]\nfile = rom.bin\nsize = 00000020\nbbsize = "
+         "00000000\nnvramsize = 00000000\ntag = T1\n" + Module("short.bin"),
+         "out", 1,
+         "FATAL ERROR: [BIOS] Size 00000020 is below the 40 bytes the main BIOS needs: Size - 40 "
+         "wraps below 0"},
     };
     // Scripts name their files relative to the working folder, as users write them.
     const auto previous_folder = std::filesystem::current_path();
@@ -108,7 +144,7 @@ TEST(BadInputs, EachEndsWithItsMessageAndStatus) {
         const std::string script = dir.File("build.scr");
         testing::WriteText(script, WithCrLf(c.script));
         const std::string out_path = dir.File(c.output_path);
-        const char* argv[] = {"fwforge", out_path.c_str(), script.c_str(), nullptr};
+        const char* argv[] = {"fwforge", out_path.c_str(), "build.scr", nullptr};
         std::ostringstream console;
         const int status = RunMainFlow(3, argv, console);
         EXPECT_EQ(status, c.status);
