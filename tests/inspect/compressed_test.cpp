@@ -6,6 +6,7 @@
 #include "compress/module_compressor.h"
 #include "inspect/extract.h"
 #include "inspect/image_model.h"
+#include "inspect/module_data.h"
 #include "inspect/report.h"
 #include "inspect/test_image.h"
 #include "inspect/verify.h"
@@ -94,6 +95,39 @@ TEST(InspectCompressed, CutOffAndDamagedStreamsAreNotDecodable) {
                  f.what.starts_with("compressed data not decodable");
     }
     EXPECT_TRUE(named) << VerifyText(report);
+}
+
+TEST(InspectCompressed, StoredDataHeadersThatCannotHold) {
+    const auto good = Compress(Text(0x400));
+    auto with = [&](std::size_t at, std::uint32_t v) {
+        auto bytes = good;
+        store_le32(&bytes[at], v);
+        return bytes;
+    };
+    auto unclosed = good;
+    unclosed.back() = 0x7E;
+    const struct {
+        const char* what;
+        std::vector<std::uint8_t> stored;
+        DecodeStatus status;
+        const char* message;
+    } cases[] = {
+        {"shorter than the frame", {0x09, 0, 0, 0, 0}, DecodeStatus::BadHeader,
+         "5 bytes are too few for compressed data"},
+        {"total beyond the stored bytes", with(0, 0x10000), DecodeStatus::BadHeader,
+         "total size 10000 does not fit"},
+        {"total below the frame", with(0, 3), DecodeStatus::BadHeader, "total size 3 does not fit"},
+        {"forged original size", with(4, 0x40000000), DecodeStatus::Malformed,
+         "original size 40000000 is beyond what is decoded here"},
+        {"closing byte not zero", unclosed, DecodeStatus::Malformed,
+         "the closing byte is 7e, not 00"},
+    };
+    for (const auto& c : cases) {
+        const DecodeResult r = DecodeStoredData(c.stored);
+        EXPECT_EQ(r.status, c.status) << c.what;
+        EXPECT_EQ(r.message.find(c.message), 0u) << c.what << ": " << r.message;
+    }
+    EXPECT_EQ(DecodeStoredData(good).status, DecodeStatus::Ok);
 }
 
 }  // namespace
