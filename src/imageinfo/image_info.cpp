@@ -123,7 +123,10 @@ void BuildImageInfoModule(BuildContext& ctx) {
             "module table of %zu records",
             d.ModuleCount, d.ModuleTable.size()));
     }
-    if (const std::size_t n = CountConstrainedModules(d); n > d.ConstrainedModuleCount) {
+    // A count of 0 (also one that 256 keys have wrapped to 0) writes no 0x40 record, so
+    // only a non-zero count can be too small for the items.
+    if (const std::size_t n = CountConstrainedModules(d);
+        d.ConstrainedModuleCount != 0 && n > d.ConstrainedModuleCount) {
         ctx.diag.Fatal(StrFormat(
             "Image information: %zu modules with an alignment or start address, but only "
             "%u counted",

@@ -144,7 +144,9 @@ constexpr char kProgress[] = "\nGenerating Image Information Module ...\n";
 TEST(ImageInformation, ModuleWritesTheFileAndTakesAFreshRecord) {
     InfoBuild b;
     BuildDescription& d = b.ctx.description;
-    AddModule(d, 0, 0, kNoStartAddress, kNoIndex);
+    // An aligned module whose count of keys has wrapped to 0 (256 alignment keys): no
+    // 0x40 record, as for a build without any.
+    AddModule(d, 0, 0x10, kNoStartAddress, kNoIndex);
     // The slot after the last module still holds a section diverted to the EBB.
     ModuleEntry& slot = d.ModuleTable[1];
     slot.RomRegion = "EBB";
