@@ -86,11 +86,14 @@ public:
         return "";
     }
 
-    std::vector<std::string> Lines() const {
-        std::vector<std::string> lines;
-        std::istringstream in(console.str());
-        for (std::string line; std::getline(in, line);) lines.push_back(line);
-        return lines;
+    std::vector<std::string> Lines() const { return SplitLines(console.str()); }
+
+    // `text` with every "{dir}" replaced by the temporary folder.
+    std::string InDir(std::string text) const {
+        for (std::size_t at; (at = text.find("{dir}")) != std::string::npos;) {
+            text.replace(at, 5, dir.path().string());
+        }
+        return text;
     }
 
     std::vector<std::uint8_t> Rom() const { return ReadBytes(ctx.description.Bios.RomFile); }
