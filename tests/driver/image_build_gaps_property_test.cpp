@@ -190,9 +190,8 @@ void CollectModules(std::span<const std::uint8_t> rom,
             continue;
         }
         if (!pieces.split) pieces.data_start = e.data();
-        const std::uint32_t so_far = static_cast<std::uint32_t>(pieces.data.size());
-        const std::uint32_t own = (e.attributes & 0x20) ? e.data_size : e.data_size - so_far;
-        pieces.data.insert(pieces.data.end(), rom.begin() + e.data(), rom.begin() + e.data() + own);
+        pieces.data.insert(pieces.data.end(), rom.begin() + e.data(),
+                           rom.begin() + e.data() + e.own_size);
         if (e.attributes & 0x20) {
             pieces.split = true;
             continue;

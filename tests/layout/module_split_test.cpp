@@ -4,7 +4,7 @@
 
 #include <functional>
 
-#include "layout/gap_test_support.h"
+#include "layout/layout_fixture.h"
 #include "layout/module_sizing.h"
 #include "platform/text_format.h"
 #include "support/image_checks.h"

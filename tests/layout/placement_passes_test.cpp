@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "layout/gap_test_support.h"
+#include "layout/layout_fixture.h"
 #include "layout/module_insertion.h"
 #include "layout/module_sizing.h"
 #include "layout/module_split.h"

@@ -115,6 +115,7 @@ MainBiosCheck CheckMainBios(std::span<const std::uint8_t> rom, LinkForm form,
         // data is what the earlier pieces left.
         std::uint32_t own = linked ? 0 : e.data_size;
         if (split_pending && !linked && !piece) own = e.data_size - split_bytes;
+        check.chain.back().own_size = own;
         if (std::uint64_t{h} + 20 + own > rom.size()) {
             problem(StrFormat("module at %x reaches past the image", h));
             return check;
@@ -184,6 +185,7 @@ NcbCheck CheckNcb(std::span<const std::uint8_t> rom, std::uint32_t block,
         check.chain.push_back(e);
         const bool linked = e.attributes & 0x40;
         const std::uint32_t own = linked ? 0 : e.data_size;
+        check.chain.back().own_size = own;
         if (std::uint64_t{m} + 20 + own > std::uint64_t{block} + check.block_length) {
             problem(StrFormat("module at %x reaches past its block", m));
             return check;
@@ -222,18 +224,8 @@ GapImageCheck CheckGapImage(std::span<const std::uint8_t> rom, LinkForm form,
     if (out.main.main_header != kEnd) {
         items.push_back({out.main.main_header - 10u, out.main.main_header + 22u, "main header"});
     }
-    std::uint32_t pieces = 0;
     for (const ChainEntry& e : out.main.chain) {
-        const bool linked = e.attributes & 0x40;
-        const bool piece = e.attributes & 0x20;
-        std::uint32_t own = linked ? 0 : e.data_size;
-        if (!linked && !piece) {
-            own = e.data_size - pieces;
-            pieces = 0;
-        } else if (piece) {
-            pieces += e.data_size;
-        }
-        items.push_back({e.header, std::uint64_t{e.header} + 20 + own,
+        items.push_back({e.header, std::uint64_t{e.header} + 20 + e.own_size,
                          StrFormat("module header at %x", e.header)});
     }
 
@@ -268,8 +260,8 @@ GapImageCheck CheckGapImage(std::span<const std::uint8_t> rom, LinkForm form,
         std::vector<bool> covered(r.size, false);
         for (std::uint32_t i = 0; i < 24 && i < r.size; ++i) covered[i] = true;
         for (const ChainEntry& e : block.chain) {
-            const std::uint32_t own = (e.attributes & 0x40) ? 0 : e.data_size;
-            for (std::uint64_t i = e.header; i < std::uint64_t{e.header} + 20 + own && i < end; ++i) {
+            for (std::uint64_t i = e.header; i < std::uint64_t{e.header} + 20 + e.own_size && i < end;
+                 ++i) {
                 covered[i - r.start] = true;
             }
         }

@@ -22,6 +22,9 @@ struct ChainEntry {
     std::uint8_t attributes = 0;
     std::uint16_t dest_offset = 0;   // or VendorId
     std::uint16_t dest_segment = 0;  // or DeviceId
+    // Data bytes behind this header itself: none for a linked add-on ROM, what the
+    // earlier pieces left for the last piece of a split module.
+    std::uint32_t own_size = 0;
     // Data of this header: none for a linked add-on ROM.
     std::uint32_t data() const { return header + 20; }
 };
