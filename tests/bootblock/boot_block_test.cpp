@@ -26,30 +26,11 @@ struct BootBlockBuild : RegionBuild {
         ctx.description.Init.BootBlockFile = dir.File("boot.bin");
         WriteBytes(ctx.description.Init.BootBlockFile, file);
     }
-    std::vector<std::uint8_t> IntFile() const { return ReadBytes(dir.File("X1234.int")); }
     std::vector<std::uint8_t> file;
 };
 
-TEST(BootBlock, EightKilobytesFromSegmentFileWithDefaultOffsets) {
-    BootBlockBuild b(0x40000, 0x2000, 0x10000);
-    WriteBytes(b.dir.File("X1234.int"), std::vector<std::uint8_t>(0x9000, 0x11));  // replaced
-    ASSERT_EQ(b.Run(BuildBootBlock), "");
-    EXPECT_EQ(b.console.str(), kProgress);
-    EXPECT_EQ(b.ctx.image.PlacementCursor, 0x3E000u);
-
-    const std::vector<std::uint8_t> bb = b.IntFile();
-    ASSERT_EQ(bb.size(), 0x2000u);
-    EXPECT_EQ(SumOf(bb), 0u);
-    // Segment offset 0xE000 is the first dword; 0xFFE0 lies 32 bytes below the top.
-    EXPECT_EQ(std::string(bb.begin() + 0x1FE0, bb.begin() + 0x1FE6), std::string("X1234\0", 6));
-    for (std::size_t i = 4; i < 0x2000; ++i) {
-        if (i >= 0x1FE0 && i < 0x1FE6) continue;
-        ASSERT_EQ(bb[i], b.file[0xE000 + i]) << "at " << i;
-    }
-    EXPECT_EQ(b.Image(0x3E000, 0x2000), bb);
-    EXPECT_TRUE(AllBytesAre(b.ctx.image.ImageBuffer, 0, 0x3E000, 0xFF));
-}
-
+// The boot block is the top of the 64 KB segment of the file, its checksum and tag
+// written at their offsets in that segment (0 in the table: the default offsets).
 TEST(BootBlock, FileCopyCoversOnlyTheBootBlock) {
     struct Case {
         std::uint32_t bb_size;
@@ -60,6 +41,7 @@ TEST(BootBlock, FileCopyCoversOnlyTheBootBlock) {
         const char* tag;
     };
     const Case cases[] = {
+        {0x2000, 0x10000, 0x2000, 0, 0, "X1234"},              // defaults E000 and FFE0
         {0x10000, 0x10000, 0x10000, 0xFFF0, 0xFFE0, "X1234"},  // the whole file
         {0x2000, 0xF000, 0x1000, 0xFFF0, 0xFFE0, "X1234"},     // short: copied as far as it reaches
         {0x2000, 0xD000, 0, 0xFFF0, 0xFFE0, "X1234"},          // ends below the boot block
@@ -69,16 +51,20 @@ TEST(BootBlock, FileCopyCoversOnlyTheBootBlock) {
     for (const Case& c : cases) {
         SCOPED_TRACE(c.file_size);
         BootBlockBuild b(0x20000, c.bb_size, c.file_size);
-        b.ctx.description.Init.ChecksumOffset = c.checksum_offset;
-        b.ctx.description.Init.BiosTagOffset = c.tag_offset;
+        if (c.checksum_offset != 0) b.ctx.description.Init.ChecksumOffset = c.checksum_offset;
+        if (c.tag_offset != 0) b.ctx.description.Init.BiosTagOffset = c.tag_offset;
         b.ctx.description.Bios.BiosTag = c.tag;
+        const std::string int_file = b.dir.File(std::string(c.tag) + ".int");
+        WriteBytes(int_file, std::vector<std::uint8_t>(0x11000, 0x11));  // replaced
         ASSERT_EQ(b.Run(BuildBootBlock), "");
-        const std::vector<std::uint8_t> bb = ReadBytes(b.dir.File(std::string(c.tag) + ".int"));
+        EXPECT_EQ(b.console.str(), kProgress);
+        EXPECT_EQ(b.ctx.image.PlacementCursor, 0x20000 - c.bb_size);
+        const std::vector<std::uint8_t> bb = ReadBytes(int_file);
         ASSERT_EQ(bb.size(), c.bb_size);
         EXPECT_EQ(SumOf(bb), 0u);
         const std::size_t first = 0x10000 - c.bb_size;
-        const std::size_t checksum_at = c.checksum_offset - first;
-        const std::size_t tag_at = c.tag_offset - first;
+        const std::size_t checksum_at = (c.checksum_offset ? c.checksum_offset : 0xE000) - first;
+        const std::size_t tag_at = (c.tag_offset ? c.tag_offset : 0xFFE0) - first;
         const std::string tag(c.tag, std::strlen(c.tag) + 1);
         EXPECT_EQ(std::string(bb.begin() + tag_at, bb.begin() + tag_at + tag.size()), tag);
         for (std::size_t i = 0; i < c.bb_size; ++i) {
@@ -86,6 +72,7 @@ TEST(BootBlock, FileCopyCoversOnlyTheBootBlock) {
             ASSERT_EQ(bb[i], i < c.copied ? b.file[first + i] : 0) << "at " << i;
         }
         EXPECT_EQ(b.Image(0x20000 - c.bb_size, c.bb_size), bb);
+        EXPECT_TRUE(AllBytesAre(b.ctx.image.ImageBuffer, 0, 0x20000 - c.bb_size, 0xFF));
     }
 }
 

@@ -23,23 +23,18 @@ struct NvramBuild : RegionBuild {
     }
 };
 
-TEST(NvramArea, ZeroSizeDoesNothing) {
-    NvramBuild b(0);
-    ASSERT_EQ(b.Run(InitNvramArea), "");
-    EXPECT_EQ(b.console.str(), "");
-    EXPECT_EQ(b.ctx.image.PlacementCursor, 0x38000u);
-    EXPECT_TRUE(AllBytesAre(b.ctx.image.ImageBuffer, 0, 0x40000, 0x00));
-}
-
+// Size 0 does nothing, not even the progress line.
 TEST(NvramArea, ErasesTheAreaBelowTheBootBlock) {
-    NvramBuild b(0x4000);
-    ASSERT_EQ(b.Run(InitNvramArea), "");
-    EXPECT_EQ(b.console.str(), kProgress);
-    EXPECT_EQ(b.ctx.image.PlacementCursor, 0x34000u);
-    const auto& image = b.ctx.image.ImageBuffer;
-    EXPECT_TRUE(AllBytesAre(image, 0, 0x34000, 0x00));
-    EXPECT_TRUE(AllBytesAre(image, 0x34000, 0x38000, 0xFF));
-    EXPECT_TRUE(AllBytesAre(image, 0x38000, 0x40000, 0x00));
+    for (std::uint32_t size : {0u, 0x4000u}) {
+        NvramBuild b(size);
+        ASSERT_EQ(b.Run(InitNvramArea), "");
+        EXPECT_EQ(b.console.str(), size ? kProgress : "");
+        EXPECT_EQ(b.ctx.image.PlacementCursor, 0x38000u - size);
+        const auto& image = b.ctx.image.ImageBuffer;
+        EXPECT_TRUE(AllBytesAre(image, 0, 0x38000 - size, 0x00));
+        EXPECT_TRUE(AllBytesAre(image, 0x38000 - size, 0x38000, 0xFF));
+        EXPECT_TRUE(AllBytesAre(image, 0x38000, 0x40000, 0x00));
+    }
 }
 
 TEST(NvramArea, BadSizesEndTheRunAfterTheProgressLine) {

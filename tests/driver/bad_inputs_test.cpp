@@ -31,10 +31,14 @@ std::string Hole(const std::string& start, const std::string& size) {
     return "[romhole]\nstartaddress = " + start + "\nsize = " + size + "\n";
 }
 
-// [init] and [bios] of a 128 KB image with a 64 KB boot block and 4 KB of NVRAM.
-std::string Settings(const std::string& bios_extra = "", const std::string& bbsize = "00010000") {
-    return "[init]\nfile = bb.bin\n[bios]\nfile = rom.bin\nsize = 00020000\nbbsize = " + bbsize +
-           "\nnvramsize = 00001000\ntag = T1\n" + bios_extra;
+// [init] and [bios], by default of a 128 KB image with a 64 KB boot block and 4 KB of NVRAM.
+struct Bios {
+    std::string init = "file = bb.bin\n", file = "rom.bin", size = "00020000",
+                bbsize = "00010000", nvram = "00001000", extra = "";
+};
+std::string Settings(const Bios& b = {}) {
+    return "[init]\n" + b.init + "[bios]\nfile = " + b.file + "\nsize = " + b.size +
+           "\nbbsize = " + b.bbsize + "\nnvramsize = " + b.nvram + "\ntag = T1\n" + b.extra;
 }
 std::string Module(const std::string& file, const std::string& extra = "") {
     return "[module]\nfile = " + file + "\nmoduleid = 01\ndestn = f000:0000\n" + extra;
@@ -66,41 +70,33 @@ TEST(BadInputs, EachEndsWithItsMessageAndStatus) {
         {"output folder does not exist", Settings() + Module("short.bin"), "nosuchdir", 1,
          "FATAL ERROR: Cannot create boot block file"},
         {"ROM file in a folder that does not exist",
-         "[init]\nfile = bb.bin\n[bios]\nfile = nodir/rom.bin\nsize = 00020000\nbbsize = "
-         "00010000\nnvramsize = 00001000\ntag = T1\n" + Module("short.bin"),
-         "out", 1, "FATAL ERROR: Cannot create file: nodir/rom.bin"},
+         Settings({.file = "nodir/rom.bin"}) + Module("short.bin"), "out", 1, "FATAL ERROR: Cannot create file: nodir/rom.bin"},
         {"truncated boot block file is copied as far as it reaches",
-         "[init]\nfile = short.bin\n" + Settings().substr(Settings().find("[bios]")) +
-             Module("short.bin"),
-         "out", 0, ""},
-        {"missing boot block file",
-         "[init]\nfile = nobb.bin\n" + Settings().substr(Settings().find("[bios]")) +
-             Module("short.bin"),
+         Settings({.init = "file = short.bin\n"}) + Module("short.bin"), "out", 0, ""},
+        {"missing boot block file", Settings({.init = "file = nobb.bin\n"}) + Module("short.bin"),
          "out", 1, "FATAL ERROR: Cannot open boot block file"},
-        {"boot block size 0", Settings("", "00000000") + Module("short.bin"), "out", 1,
+        {"boot block size 0", Settings({.bbsize = "00000000"}) + Module("short.bin"), "out", 1,
          "FATAL ERROR: Boot block size must be a multiple of 4 between 4 and 65536"},
         {"boot block size above 64 KB",
-         "[init]\nfile = bb.bin\n[bios]\nfile = rom.bin\nsize = 00040000\nbbsize = "
-         "00020000\nnvramsize = 00001000\ntag = T1\n" + Module("short.bin"),
-         "out", 1, "FATAL ERROR: Boot block size must be a multiple of 4 between 4 and 65536"},
+         Settings({.size = "00040000", .bbsize = "00020000"}) + Module("short.bin"), "out", 1, "FATAL ERROR: Boot block size must be a multiple of 4 between 4 and 65536"},
         {"checksum offset outside an 8 KB boot block",
-         "[init]\nfile = bb.bin\nchecksumoffset = 00000000\n" +
-             Settings("", "00002000").substr(Settings().find("[bios]")) + Module("short.bin"),
+         Settings({.init = "file = bb.bin\nchecksumoffset = 00000000\n", .bbsize = "00002000"}) +
+             Module("short.bin"),
          "out", 1, "FATAL ERROR: Boot block checksum or tag offset lies outside the boot block"},
-        {"sizes that wrap past 4 GB", Settings("", "ffffffff") + Module("short.bin"), "out", 1,
+        {"sizes that wrap past 4 GB", Settings({.bbsize = "ffffffff"}) + Module("short.bin"), "out", 1,
          "FATAL ERROR: [BIOS] BBSize FFFFFFFF + MaxEBBSize 00000000 + NVRAMSize 00001000 wraps "
          "past 4 GB"},
-        {"EBB smaller than its header", Settings("maxebbsize = 00000010\n") + Module("short.bin"),
+        {"EBB smaller than its header", Settings({.extra = "maxebbsize = 00000010\n"}) + Module("short.bin"),
          "out", 1, "FATAL ERROR: Extended Boot Block size is too small"},
         {"EBB size not a multiple of 4",
-         Settings("maxebbsize = 00000102\n") + Module("short.bin"), "out", 1,
+         Settings({.extra = "maxebbsize = 00000102\n"}) + Module("short.bin"), "out", 1,
          "FATAL ERROR: Extended Boot Block size must be a multiple of 4"},
         {"EBB module without an EBB", Settings() + Module("big.bin", "romregion = ebb\n"), "out",
          1,
          "FATAL ERROR: Some module(s) intended for Extended BootBlock but the Extended "
          "BootBlock size is zero."},
         {"EBB module larger than the EBB",
-         Settings("maxebbsize = 00001000\n") +
+         Settings({.extra = "maxebbsize = 00001000\n"}) +
              Module("big.bin", "romregion = ebb\ncompressed = no\n"),
          "out", 1, "FATAL ERROR: Out of EBB space!"},
         // The image spans ROM addresses e0000-fffff; boot block and NVRAM take f0000 up.
@@ -130,8 +126,8 @@ TEST(BadInputs, EachEndsWithItsMessageAndStatus) {
          "FATAL ERROR: Module StartAddress 00000010 leaves no room for its 20-byte header: "
          "StartAddress - 20 wraps below 0.  Refer to build.scr, line 13."},
         {"BIOS size too small for the main BIOS",
-         "[init]\nfile = bb.bin\n[bios]\nfile = rom.bin\nsize = 00000020\nbbsize = "
-         "00000000\nnvramsize = 00000000\ntag = T1\n" + Module("short.bin"),
+         Settings({.size = "00000020", .bbsize = "00000000", .nvram = "00000000"}) +
+             Module("short.bin"),
          "out", 1,
          "FATAL ERROR: [BIOS] Size 00000020 is below the 40 bytes the main BIOS needs: Size - 40 "
          "wraps below 0"},

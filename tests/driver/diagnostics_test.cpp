@@ -43,16 +43,11 @@ TEST(Diagnostics, ErrorsAndWarningsCountAndReturn) {
               "\nERROR: second\n"
               "\nWARNING: third\n"
               "\nThere were 1 errors and 2 warnings\n");
-}
-
-TEST(Diagnostics, CountersAreSixteenBitsAndWrap) {
-    std::ostringstream out;
-    Diagnostics diag(out);
-    for (int i = 0; i < 65536; ++i) diag.Report("e", Severity::Error);
-    diag.Report("w", Severity::Warning);
+    // The counters are 16 bits wide and wrap.
+    for (int i = 0; i < 65535; ++i) diag.Report("e", Severity::Error);
     out.str("");
     diag.PrintRunSummary();
-    EXPECT_EQ(out.str(), "\nThere were 0 errors and 1 warnings\n");
+    EXPECT_EQ(out.str(), "\nThere were 0 errors and 2 warnings\n");
 }
 
 TEST(Diagnostics, PrintfFormatsWithoutAFixedBuffer) {

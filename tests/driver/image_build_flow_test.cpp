@@ -5,7 +5,6 @@
 #include <filesystem>
 #include <sstream>
 
-#include "compress/lzh_decoder.h"
 #include "driver/main_flow.h"
 #include "support/image_checks.h"
 #include "support/test_files.h"
@@ -14,6 +13,7 @@ namespace fwforge {
 namespace {
 
 namespace fs = std::filesystem;
+using testing::ReservedRange;
 using testing::TempDir;
 
 // Runs the program in `folder` (build scripts name their files relative to it).
@@ -28,68 +28,84 @@ int RunIn(const fs::path& folder, std::vector<const char*> args, std::string& co
     return status;
 }
 
-std::vector<std::string> SplitLines(const std::string& text) {
-    std::vector<std::string> lines;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) lines.push_back(line);
-    return lines;
-}
-
 // Every module of the chain holds its file: as it is, or compressed. Entries with an
 // empty path are not compared.
 void ExpectChainHolds(const std::vector<std::uint8_t>& rom, const testing::MainBiosCheck& check,
                       const std::vector<fs::path>& files) {
     ASSERT_EQ(check.chain.size(), files.size());
     for (std::size_t i = 0; i < files.size(); ++i) {
-        const testing::ChainEntry& e = check.chain[i];
         if (files[i].empty()) continue;
-        const auto file = testing::ReadBytes(files[i].string());
-        const auto data = std::span<const std::uint8_t>(rom).subspan(e.data(), e.data_size);
-        if (e.attributes & 0x80) {
-            ASSERT_GE(data.size(), file.size());
-            EXPECT_TRUE(std::equal(file.begin(), file.end(), data.begin())) << files[i];
-        } else {
-            std::string error;
-            const auto decoded = lzh::DecodeCompressedData(data, &error);
-            EXPECT_TRUE(decoded && *decoded == file) << files[i] << " " << error;
-        }
+        EXPECT_EQ(testing::HoldsFile(rom, check.chain[i], testing::ReadBytes(files[i])), "")
+            << files[i];
     }
 }
 
-// The bundled example, built from the inputs its generator made in the build tree.
-TEST(ImageBuildFlow, BundledExampleBuilds) {
-    const fs::path generated = fs::path(FWFORGE_BINARY_DIR) / "examples" / "firmware";
-    ASSERT_TRUE(fs::exists(generated / "bootblk.bin")) << "build the example_inputs target";
-    TempDir dir;
+// Copies the inputs that the generator of bundled example `name` made in the build tree
+// into `dir`, runs the program on them there and returns the console.
+std::string BuildExample(const std::string& name, const TempDir& dir) {
+    const fs::path generated = fs::path(FWFORGE_BINARY_DIR) / "examples" / name;
+    EXPECT_TRUE(fs::exists(generated / "bootblk.bin")) << "build the example inputs";
     for (const auto& entry : fs::directory_iterator(generated)) {
-        if (entry.is_regular_file() && entry.path().filename() != "make_inputs") {
+        const fs::path extension = entry.path().extension();
+        if (entry.is_regular_file() && !extension.empty() && extension != ".cmake") {
             fs::copy_file(entry.path(), dir.path() / entry.path().filename());
         }
     }
     fs::create_directories(dir.path() / "out");
+    const std::string script = name + ".scr";
     std::string console;
-    ASSERT_EQ(RunIn(dir.path(), {"out", "firmware.scr"}, console), 0) << console;
+    EXPECT_EQ(RunIn(dir.path(), {"out", script.c_str()}, console), 0) << console;
     EXPECT_NE(console.find("\nThere were 0 errors and 0 warnings\n"), std::string::npos);
+    return console;
+}
 
+TEST(ImageBuildFlow, BundledExampleBuilds) {
+    TempDir dir;
+    BuildExample("firmware", dir);
     const auto rom = testing::ReadBytes(dir.File("firmware.rom"));
     ASSERT_EQ(rom.size(), 0x80000u);
     EXPECT_EQ(testing::ReadBytes(dir.File("out/FWF01.int")),
               std::vector<std::uint8_t>(rom.end() - 0x10000, rom.end()));
     const auto check = testing::CheckMainBios(rom, testing::LinkForm::Real16);
     for (const auto& p : check.problems) ADD_FAILURE() << p;
+    // pmode.bin has its descriptors patched in the image; it is checked for its place.
     std::vector<fs::path> files;
-    for (const char* name : {"post.bin", "setup.bin", "strings.bin", "microcode.bin", "video.rom", "",
-                             "pmode.bin", "acpi.bin", "logo.bin", "smm.bin", "out/FWF01.inf"}) {
+    for (const char* name : {"post.bin", "setup.bin", "strings.bin", "microcode.bin", "video.rom",
+                             "", "", "acpi.bin", "logo.bin", "smm.bin", "out/FWF01.inf"}) {
         files.push_back(*name ? dir.path() / name : fs::path());
     }
-    // pmode.bin has its descriptors patched in the image; it is checked for its place.
-    files[6] = fs::path();
     ExpectChainHolds(rom, check, files);
     ASSERT_EQ(check.chain.size(), files.size());
     EXPECT_EQ(check.chain[5].attributes & 0x40, 0x40);
     EXPECT_EQ(check.chain[5].header, check.chain[4].header - 20);
     EXPECT_EQ(check.chain[6].module_id, 0x15);
     EXPECT_EQ(check.chain[6].data() % 0x10, 0u);
+}
+
+// The second example places by gaps: a module at a start address, a split module, ROM
+// holes and a non-critical block.
+TEST(ImageBuildFlow, SecondBundledExampleBuilds) {
+    TempDir dir;
+    const std::string console = BuildExample("firmware2", dir);
+    for (const char* line : {" Inserting resume.bin as module id 09 at dffec\n",
+                             " Splitting firmware_volume.bin as module id 0A\n",
+                             " Inserting oemlogo.bin in ROMHOLE at c0000\n",
+                             " Building non-critical block SETUPDATA at 20000\n"}) {
+        EXPECT_NE(console.find(line), std::string::npos) << line;
+    }
+    const std::vector<std::uint8_t> rom = testing::ReadBytes(dir.File("firmware2.rom"));
+    ASSERT_EQ(rom.size(), 0x80000u);
+    const ReservedRange ranges[] = {
+        {ReservedRange::FixedModule, 0x5FFE0, 0x720, 0, {}},
+        {ReservedRange::Hole, 0x40000, 0x4000, 0x00, testing::ReadBytes(dir.File("oemlogo.bin"))},
+        {ReservedRange::Hole, 0x50000, 0x2000, 0xFF, {}},
+        {ReservedRange::Block, 0x20000, 0x8000, 0xFF, {}},
+    };
+    const auto check = testing::CheckGapImage(rom, testing::LinkForm::Real16, ranges, 0x68000, false);
+    for (const auto& p : check.problems) ADD_FAILURE() << p;
+    ASSERT_EQ(check.blocks.size(), 1u);
+    EXPECT_EQ(check.blocks[0].chain.size(), 2u);
+    EXPECT_EQ(rom[check.main.main_header - 4], 0x02 | 0x04);
 }
 
 // A whole run, console line by line, in each mode and form.
@@ -128,27 +144,21 @@ TEST(ImageBuildFlow, ConsoleOfWholeRuns) {
         std::string console;
         ASSERT_EQ(RunIn(dir.path(), args, console), 0) << console;
 
-        auto subst = [&](std::string s) {
-            for (std::size_t at; (at = s.find("{dir}")) != std::string::npos;) s.replace(at, 5, d);
-            return s;
-        };
-        std::vector<std::string> expected = {"ZELBIOS FWFORGE Version 3.33 (STRATA 2)",
-                                             "Copyright (C) The FWFORGE Project. All rights reserved.",
-                                             ""};
-        for (const auto& line : c.head) expected.push_back(subst(line));
-        for (const std::string line :
-             {"Generating boot block image...", "BIOS has no Extended Boot Block.",
-              "Initializing NVRAM space below boot block...", "Generating final ROM image {dir}/x.rom...",
-              " Creating main BIOS header"}) {
-            expected.push_back(subst(line));
+        std::vector<std::string> expected = {
+            "ZELBIOS FWFORGE Version 3.33 (STRATA 2)",
+            "Copyright (C) The FWFORGE Project. All rights reserved.", ""};
+        expected.insert(expected.end(), c.head.begin(), c.head.end());
+        expected.insert(expected.end(),
+                        {"Generating boot block image...", "BIOS has no Extended Boot Block.",
+                         "Initializing NVRAM space below boot block...",
+                         "Generating final ROM image {dir}/x.rom...", " Creating main BIOS header",
+                         c.module_line, "", "Generating Image Information Module ...",
+                         " Inserting {dir}/T1.inf as module id 80 at " + c.info_at, "",
+                         "There were 0 errors and 0 warnings"});
+        for (std::string& line : expected) {
+            if (const auto at = line.find("{dir}"); at != std::string::npos) line.replace(at, 5, d);
         }
-        expected.push_back(subst(c.module_line));
-        expected.push_back("");
-        expected.push_back("Generating Image Information Module ...");
-        expected.push_back(subst(" Inserting {dir}/T1.inf as module id 80 at " + c.info_at));
-        expected.push_back("");
-        expected.push_back("There were 0 errors and 0 warnings");
-        EXPECT_EQ(SplitLines(console), expected) << c.what;
+        EXPECT_EQ(testing::SplitLines(console), expected) << c.what;
 
         const auto rom = testing::ReadBytes(dir.File("x.rom"));
         const auto check = testing::CheckMainBios(

@@ -18,8 +18,6 @@
 namespace fwforge {
 namespace {
 
-using testing::ReservedRange;
-
 class Random {
 public:
     explicit Random(std::uint32_t seed) : state_(seed * 2654435761u + 1) {}
@@ -61,7 +59,6 @@ std::string KeyOf(std::uint8_t id, std::uint16_t vendor, std::uint16_t device) {
 
 struct Script {
     std::string text;
-    std::uint32_t top = 0;
     std::vector<WantedModule> modules;
 };
 
@@ -171,7 +168,7 @@ Script MakeScript(Random& r, const testing::TempDir& dir) {
             module.placed = false;
         }
     }
-    return {testing::WithCrLf(s.str()), top, std::move(wanted)};
+    return {testing::WithCrLf(s.str()), std::move(wanted)};
 }
 
 // A module as the image holds it: the data of a split module's pieces joined.
@@ -193,9 +190,8 @@ void CollectModules(std::span<const std::uint8_t> rom,
             continue;
         }
         if (!pieces.split) pieces.data_start = e.data();
-        const std::uint32_t so_far = static_cast<std::uint32_t>(pieces.data.size());
-        const std::uint32_t own = (e.attributes & 0x20) ? e.data_size : e.data_size - so_far;
-        pieces.data.insert(pieces.data.end(), rom.begin() + e.data(), rom.begin() + e.data() + own);
+        pieces.data.insert(pieces.data.end(), rom.begin() + e.data(),
+                           rom.begin() + e.data() + e.own_size);
         if (e.attributes & 0x20) {
             pieces.split = true;
             continue;
@@ -264,48 +260,17 @@ TEST(GapBuildProperty, RandomScriptsBuildSoundImages) {
         std::ostringstream console;
         BuildContext ctx(console);
         ctx.options.OutputPath = dir.path().string();
+        testing::GapImageCheck check;
         try {
             ParseBuildScript(ctx, path);
-        } catch (const FatalError& e) {
-            FAIL() << e.what() << "\n" << script.text;
-        }
-        const BuildDescription& d = ctx.description;
-        const std::uint32_t base = 0x100000 - d.Bios.BiosSize;
-        std::vector<ReservedRange> ranges;
-        for (std::uint32_t i = 0; i < d.RomHoleCount; ++i) {
-            const RomHoleEntry& h = d.RomHoleTable[i];
-            ReservedRange range;
-            range.kind = h.OwnerModule != kNoIndex ? ReservedRange::FixedModule
-                         : h.Name.empty()          ? ReservedRange::Hole
-                                                   : ReservedRange::Block;
-            range.start = h.StartAddress - base;
-            range.size = h.Size;
-            range.filler = h.Filler;
-            if (!h.FileName.empty()) range.file = testing::ReadBytes(h.FileName);
-            ranges.push_back(range);
-        }
-        try {
-            BuildRomImage(ctx);
+            check = testing::BuildAndCheckGapImage(ctx, console, testing::LinkForm::Real16);
         } catch (const FatalError& e) {
             FAIL() << e.what() << "\n" << console.str() << "\n" << script.text;
         }
-        for (std::uint32_t i = 0; i < ranges.size(); ++i) {
-            if (ranges[i].kind == ReservedRange::FixedModule) {
-                ranges[i].start = d.RomHoleTable[i].StartAddress;
-                ranges[i].size = d.RomHoleTable[i].Size;
-            }
-        }
+        const BuildDescription& d = ctx.description;
         const std::vector<std::uint8_t> rom = testing::ReadBytes(d.Bios.RomFile);
         ASSERT_EQ(rom.size(), d.Bios.BiosSize);
-        const bool info_split =
-            console.str().find(" Splitting " + d.ModuleTable[d.ModuleCount].FileName) !=
-            std::string::npos;
-        const auto check = testing::CheckGapImage(rom, testing::LinkForm::Real16, ranges,
-                                                  script.top, info_split);
-        for (const auto& p : check.problems) ADD_FAILURE() << p;
-        if (!check.problems.empty()) {
-            ADD_FAILURE() << console.str() << "\n" << script.text;
-        }
+        for (const auto& p : check.problems) ADD_FAILURE() << p << "\n" << script.text;
         CheckModulesHeld(rom, check, script.modules, console.str());
         ++built;
         const std::string text = console.str();

@@ -3,12 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <functional>
-#include <sstream>
 
 #include "driver/image_build.h"
-#include "driver/main_flow.h"
 #include "layout/layout_fixture.h"
 #include "platform/text_format.h"
 #include "support/image_checks.h"
@@ -49,47 +46,8 @@ void SetStartAddress(LayoutFixture& f, std::uint32_t m, std::uint32_t address) {
     ++d.ConstrainedModuleCount;
 }
 
-// The ranges as image offsets, taken before the build changes the table.
-std::vector<ReservedRange> RangesOf(LayoutFixture& f) {
-    const BuildDescription& d = f.ctx.description;
-    const std::uint32_t base = d.RomImage.Use32BitMode ? 0 : 0x100000u - d.Bios.BiosSize;
-    std::vector<ReservedRange> ranges;
-    for (std::uint32_t i = 0; i < d.RomHoleCount; ++i) {
-        const RomHoleEntry& h = d.RomHoleTable[i];
-        ReservedRange r;
-        r.kind = h.OwnerModule != kNoIndex ? ReservedRange::FixedModule
-                 : h.Name.empty()          ? ReservedRange::Hole
-                                           : ReservedRange::Block;
-        r.start = h.StartAddress - base;
-        r.size = h.Size;
-        r.filler = h.Filler;
-        if (!h.FileName.empty()) r.file = testing::ReadBytes(h.FileName);
-        ranges.push_back(r);
-    }
-    return ranges;
-}
-
-std::uint32_t TopOf(const BuildDescription& d) {
-    return d.Bios.BiosSize - d.Bios.BootBlockSize - d.Bios.MaxEbbSize - d.Bios.NvramSize;
-}
-
-// Builds and checks every invariant; fixed-module reservations get their size from the
-// build (sizing sets it), so they are read back afterwards.
-testing::GapImageCheck BuildAndCheck(LayoutFixture& f, testing::LinkForm form) {
-    std::vector<ReservedRange> ranges = RangesOf(f);
-    const std::uint32_t top = TopOf(f.ctx.description);
-    BuildRomImage(f.ctx);
-    const BuildDescription& d = f.ctx.description;
-    for (std::uint32_t i = 0; i < ranges.size(); ++i) {
-        if (ranges[i].kind == ReservedRange::FixedModule) {
-            ranges[i].start = d.RomHoleTable[i].StartAddress;
-            ranges[i].size = d.RomHoleTable[i].Size;
-        }
-    }
-    const bool info_split = f.console.str().find(" Splitting " + d.ModuleTable[d.ModuleCount].FileName) !=
-                            std::string::npos;
-    const std::vector<std::uint8_t> rom = f.Rom();
-    testing::GapImageCheck check = testing::CheckGapImage(rom, form, ranges, top, info_split);
+testing::GapImageCheck BuildAndCheck(LayoutFixture& f) {
+    auto check = testing::BuildAndCheckGapImage(f.ctx, f.console, testing::LinkForm::Real16);
     for (const auto& p : check.problems) ADD_FAILURE() << p;
     return check;
 }
@@ -115,7 +73,7 @@ TEST(GapBuild, VerboseConsoleOfAMixedBuild) {
     LayoutFixture f;
     f.ctx.options.VerboseMode = true;
     AddMixedBuild(f);
-    const auto check = BuildAndCheck(f, testing::LinkForm::Real16);
+    const auto check = BuildAndCheck(f);
     ASSERT_EQ(check.main.chain.size(), 7u);
     const testing::ChainEntry& info = check.main.chain[6];
     const std::vector<std::uint8_t> rom = f.Rom();
@@ -210,7 +168,7 @@ TEST(GapBuild, NonCriticalBlockWorkedExample) {
     const std::uint32_t m = f.AddModule("ncb.bin", RandomBytes(0x220, 7), 0x09, 0x80);
     f.Module(m).RomRegion = "SETUP";
     AddHole(f, 0xD0000, 0x1000, "SETUP");
-    const auto check = BuildAndCheck(f, testing::LinkForm::Real16);
+    const auto check = BuildAndCheck(f);
     const std::vector<std::uint8_t> rom = f.Rom();
     EXPECT_EQ(std::string(rom.begin() + 0x10000, rom.begin() + 0x10008), "ZELNCBLK");
     EXPECT_EQ(load_le16(&rom[0x10008]), 24);
@@ -228,6 +186,13 @@ TEST(GapBuild, NonCriticalBlockWorkedExample) {
 }
 
 TEST(GapBuild, BlocksHolesAndPlacementFailures) {
+    // A ROM hole of 0x40 bytes at d0000 with a file of `size` bytes.
+    auto hole_file = [](std::size_t size, std::uint8_t filler) {
+        return [=](LayoutFixture& f) {
+            testing::WriteBytes(f.dir.File("h.bin"), RandomBytes(size, 1));
+            AddHole(f, 0xD0000, 0x40, "", "h.bin", filler);
+        };
+    };
     struct Case {
         const char* what;
         std::function<void(LayoutFixture&)> setup;
@@ -235,23 +200,11 @@ TEST(GapBuild, BlocksHolesAndPlacementFailures) {
         std::string fatal;
         std::function<void(LayoutFixture&, const testing::GapImageCheck&)> check = {};
     } cases[] = {
-        {"hole file shorter than the hole",
-         [](LayoutFixture& f) {
-             testing::WriteBytes(f.dir.File("h.bin"), RandomBytes(0x31, 1));
-             AddHole(f, 0xD0000, 0x40, "", "h.bin", 0x5A);
-         },
+        {"hole file shorter than the hole", hole_file(0x31, 0x5A),
          {" Inserting {dir}/h.bin in ROMHOLE at d0000"}, ""},
-        {"hole file as long as the hole",
-         [](LayoutFixture& f) {
-             testing::WriteBytes(f.dir.File("h.bin"), RandomBytes(0x40, 1));
-             AddHole(f, 0xD0000, 0x40, "", "h.bin");
-         },
+        {"hole file as long as the hole", hole_file(0x40, 0xFF),
          {" Inserting {dir}/h.bin in ROMHOLE at d0000"}, ""},
-        {"hole file longer than the hole",
-         [](LayoutFixture& f) {
-             testing::WriteBytes(f.dir.File("h.bin"), RandomBytes(0x41, 1));
-             AddHole(f, 0xD0000, 0x40, "", "h.bin");
-         },
+        {"hole file longer than the hole", hole_file(0x41, 0xFF),
          {" Inserting {dir}/h.bin in ROMHOLE at d0000", ""},
          "ROMHOLE smaller than specified file: {dir}/h.bin"},
         {"hole file missing",
@@ -343,20 +296,14 @@ TEST(GapBuild, BlocksHolesAndPlacementFailures) {
     for (const Case& c : cases) {
         LayoutFixture f;
         c.setup(f);
-        auto subst = [&](std::string text) {
-            for (std::size_t pos; (pos = text.find("{dir}")) != std::string::npos;) {
-                text.replace(pos, 5, f.dir.path().string());
-            }
-            return text;
-        };
         std::vector<std::string> tail;
-        for (const auto& line : c.tail) tail.push_back(subst(line));
+        for (const auto& line : c.tail) tail.push_back(f.InDir(line));
         if (c.fatal.empty()) {
-            const testing::GapImageCheck check = BuildAndCheck(f, testing::LinkForm::Real16);
+            const testing::GapImageCheck check = BuildAndCheck(f);
             if (c.check) c.check(f, check);
         } else {
-            EXPECT_EQ(f.FatalOf([&] { BuildRomImage(f.ctx); }), subst(c.fatal)) << c.what;
-            tail.push_back("FATAL ERROR: " + subst(c.fatal));
+            EXPECT_EQ(f.FatalOf([&] { BuildRomImage(f.ctx); }), f.InDir(c.fatal)) << c.what;
+            tail.push_back("FATAL ERROR: " + f.InDir(c.fatal));
         }
         const auto lines = f.Lines();
         ASSERT_GE(lines.size(), tail.size()) << c.what;
@@ -374,7 +321,7 @@ TEST(GapBuild, FixedAddonRomWithLinks) {
     SetStartAddress(f, rom_index, 0xE0000);
     f.AddLink(0x8086, 0x0103, 0x8086, 0x0102);
     f.AddLink(0x8086, 0x0104, 0x8086, 0x0102);
-    const auto check = BuildAndCheck(f, testing::LinkForm::Real16);
+    const auto check = BuildAndCheck(f);
     // Every pass heading, even of the passes with nothing to do; no ROM holes to load
     // when the only reserved range is a start address.
     EXPECT_EQ(f.Lines(), (std::vector<std::string>{
@@ -426,52 +373,11 @@ TEST(GapBuild, BlockAfterASplitImageInformationModule) {
     for (std::uint32_t a = 0xC1080; a < 0xC1170; a += 0x50) AddHole(f, a, 0x10);
     AddHole(f, 0xC1170, 0x33FE0 - 0x1170);
     f.console.str("");
-    const auto check = BuildAndCheck(f, testing::LinkForm::Real16);
+    const auto check = BuildAndCheck(f);
     EXPECT_NE(f.console.str().find(" Splitting " + f.dir.File("TEST1.inf")), std::string::npos);
     ASSERT_EQ(check.blocks.size(), 1u);
     ASSERT_EQ(check.blocks[0].chain.size(), 1u);
     EXPECT_EQ(testing::CheckNcb(f.Rom(), 0x40).problems.size(), 1u);
-}
-
-// The second bundled example, built by the program from the inputs its generator made.
-TEST(GapBuild, SecondBundledExampleBuilds) {
-    namespace fs = std::filesystem;
-    const fs::path generated = fs::path(FWFORGE_BINARY_DIR) / "examples" / "firmware2";
-    ASSERT_TRUE(fs::exists(generated / "bootblk.bin")) << "build the example2_inputs target";
-    testing::TempDir dir;
-    for (const auto& entry : fs::directory_iterator(generated)) {
-        if (entry.is_regular_file() && entry.path().extension() != "" &&
-            entry.path().extension() != ".cmake") {
-            fs::copy_file(entry.path(), dir.path() / entry.path().filename());
-        }
-    }
-    fs::create_directories(dir.path() / "out");
-    const fs::path before = fs::current_path();
-    fs::current_path(dir.path());
-    std::ostringstream out;
-    const char* args[] = {"fwforge", "out", "firmware2.scr"};
-    const int status = RunMainFlow(3, args, out);
-    fs::current_path(before);
-    ASSERT_EQ(status, 0) << out.str();
-    const std::string console = out.str();
-    for (const char* line : {" Inserting resume.bin as module id 09 at dffec\n",
-                             " Splitting firmware_volume.bin as module id 0A\n",
-                             " Inserting oemlogo.bin in ROMHOLE at c0000\n",
-                             " Building non-critical block SETUPDATA at 20000\n"}) {
-        EXPECT_NE(console.find(line), std::string::npos) << line;
-    }
-    const std::vector<std::uint8_t> rom = testing::ReadBytes(dir.File("firmware2.rom"));
-    ASSERT_EQ(rom.size(), 0x80000u);
-    std::vector<ReservedRange> ranges(4);
-    ranges[0] = {ReservedRange::FixedModule, 0x5FFE0, 0x720, 0, {}};
-    ranges[1] = {ReservedRange::Hole, 0x40000, 0x4000, 0x00, testing::ReadBytes(dir.File("oemlogo.bin"))};
-    ranges[2] = {ReservedRange::Hole, 0x50000, 0x2000, 0xFF, {}};
-    ranges[3] = {ReservedRange::Block, 0x20000, 0x8000, 0xFF, {}};
-    const auto check = testing::CheckGapImage(rom, testing::LinkForm::Real16, ranges, 0x68000, false);
-    for (const auto& p : check.problems) ADD_FAILURE() << p;
-    ASSERT_EQ(check.blocks.size(), 1u);
-    EXPECT_EQ(check.blocks[0].chain.size(), 2u);
-    EXPECT_EQ(rom[check.main.main_header - 4], 0x02 | 0x04);
 }
 
 }  // namespace

@@ -6,7 +6,6 @@
 #include <functional>
 
 #include "compress/compress_test_support.h"
-#include "compress/lzh_decoder.h"
 #include "layout/layout_fixture.h"
 #include "platform/text_format.h"
 #include "support/image_checks.h"
@@ -64,26 +63,17 @@ testing::MainBiosCheck ExpectSoundImage(LayoutFixture& f, testing::LinkForm form
     const std::vector<std::string> files = ChainFiles(f);
     EXPECT_EQ(check.chain.size(), files.size());
     for (std::size_t i = 0; i < check.chain.size() && i < files.size(); ++i) {
-        const testing::ChainEntry& e = check.chain[i];
-        if (e.attributes & 0x40) continue;
-        const std::vector<std::uint8_t> file = testing::ReadBytes(files[i]);
-        const auto data = std::span<const std::uint8_t>(rom).subspan(e.data(), e.data_size);
-        if (e.attributes & 0x80) {
-            EXPECT_TRUE(std::equal(file.begin(), file.end(), data.begin())) << files[i];
-        } else {
-            std::string error;
-            const auto decoded = lzh::DecodeCompressedData(data, &error);
-            EXPECT_TRUE(decoded) << files[i] << ": " << error;
-            if (decoded) {
-                EXPECT_EQ(*decoded, file) << files[i];
-            }
-        }
+        if (check.chain[i].attributes & 0x40) continue;
+        EXPECT_EQ(testing::HoldsFile(rom, check.chain[i], testing::ReadBytes(files[i])), "")
+            << files[i];
     }
     return check;
 }
 
 TEST(ImageBuild, SequentialBuildConsoleAndImage) {
     LayoutFixture f;
+    // An existing longer ROM file is replaced by exactly BiosSize bytes.
+    testing::WriteBytes(f.ctx.description.Bios.RomFile, RandomBytes(0x50000, 9));
     AddVariedModules(f);
     BuildRomImage(f.ctx);
     const auto check = ExpectSoundImage(f, testing::LinkForm::Real16);
@@ -124,6 +114,7 @@ TEST(ImageBuild, SequentialBuildConsoleAndImage) {
     EXPECT_EQ(check.length_field, (0x34000 - check.chain[6].header) / 8);
     const std::vector<std::uint8_t> rom = f.Rom();
     EXPECT_EQ(rom[check.region_start - 1], 0xFF);
+    EXPECT_EQ(rom[0], 0xFF);  // no phase writes the bottom of the image
     EXPECT_EQ(f.ctx.image.ImageBuffer.size(), 0u);  // released
 }
 
@@ -162,58 +153,50 @@ TEST(ImageBuild, CompressionsRunInBuildOrder) {
     EXPECT_EQ(stored(check.chain[1].data(), ref[4].data.size()), ref[4].data);
 }
 
-TEST(ImageBuild, VerboseBuildTracesEveryStep) {
-    LayoutFixture f;
-    f.ctx.options.VerboseMode = true;
-    f.AddModule("a.bin", RandomBytes(0x1001, 1), 0x01, 0x80);
-    BuildRomImage(f.ctx);
-    const auto check = ExpectSoundImage(f, testing::LinkForm::Real16);
-    ASSERT_EQ(check.chain.size(), 2u);
-    const std::string a = f.Module(0).FileName;
-    const std::string inf = f.dir.File("TEST1.inf");
-    const std::uint32_t info_size = check.chain[1].data_size + 20;
-    EXPECT_EQ(f.Lines(), (std::vector<std::string>{
-                             "Generating boot block image...",
-                             "BIOS has no Extended Boot Block.",
-                             "Initializing NVRAM space below boot block...",
-                             "Generating final ROM image " + f.ctx.description.Bios.RomFile + "...",
-                             " Creating main BIOS header",
-                             "",
-                             "Top of BIOS (main header end) = f4000",
-                             "Placing main BIOS header at f3fe0",
-                             "",
-                             " " + a + " (module id 1) size will be 1018",
-                             " Inserting " + a + " as module id 01 at f2fc8",
-                             "",
-                             "Generating Image Information Module ...",
-                             StrFormat(" %s (module id 80) size will be %x", inf.c_str(), info_size),
-                             " Inserting " + inf + " as module id 80 at " +
-                                 StrFormat("%x", (0xF2FC8 - info_size) & ~7u),
-                         }));
-}
-
-// The compatibility form differs in the header's version and flags bytes only.
-TEST(ImageBuild, CompatibilityBuildDiffersInVersionAndFlagsOnly) {
+// A verbose build traces every step; the compatibility form differs in the header's
+// version and flags bytes only.
+TEST(ImageBuild, VerboseAndCompatibilityBuilds) {
     std::vector<std::vector<std::uint8_t>> roms;
-    std::vector<std::vector<std::string>> consoles;
+    std::vector<std::string> consoles;
+    std::uint32_t info_size = 0;
     for (bool compatibility : {false, true}) {
         LayoutFixture f;
+        f.ctx.options.VerboseMode = true;
         f.ctx.options.CompatibilityMode = compatibility;
         f.ctx.description.RomImage.RomImageVersion = 0x21;
         f.ctx.description.RomImage.RomImageFlags = 0x02;
         f.AddModule("a.bin", RandomBytes(0x1001, 1), 0x01, 0x80);
         BuildRomImage(f.ctx);
-        ExpectSoundImage(f, testing::LinkForm::Real16);
+        const auto check = ExpectSoundImage(f, testing::LinkForm::Real16);
+        ASSERT_EQ(check.chain.size(), 2u);
+        info_size = check.chain[1].data_size + 20;
         roms.push_back(f.Rom());
-        auto lines = f.Lines();
-        for (auto& line : lines) {
-            if (auto pos = line.find(f.dir.path().string()); pos != std::string::npos) {
-                line.replace(pos, f.dir.path().string().size(), "DIR");
-            }
+        std::string text = f.console.str();
+        for (std::size_t at; (at = text.find(f.dir.path().string())) != std::string::npos;) {
+            text.replace(at, f.dir.path().string().size(), "DIR");
         }
-        consoles.push_back(lines);
+        consoles.push_back(text);
     }
     EXPECT_EQ(consoles[0], consoles[1]);
+    EXPECT_EQ(testing::SplitLines(consoles[0]),
+              (std::vector<std::string>{
+                  "Generating boot block image...",
+                  "BIOS has no Extended Boot Block.",
+                  "Initializing NVRAM space below boot block...",
+                  "Generating final ROM image DIR/out.rom...",
+                  " Creating main BIOS header",
+                  "",
+                  "Top of BIOS (main header end) = f4000",
+                  "Placing main BIOS header at f3fe0",
+                  "",
+                  " DIR/a.bin (module id 1) size will be 1018",
+                  " Inserting DIR/a.bin as module id 01 at f2fc8",
+                  "",
+                  "Generating Image Information Module ...",
+                  StrFormat(" DIR/TEST1.inf (module id 80) size will be %x", info_size),
+                  StrFormat(" Inserting DIR/TEST1.inf as module id 80 at %x",
+                            (0xF2FC8 - info_size) & ~7u),
+              }));
     EXPECT_EQ(roms[0][0x33FEA - 5], 0x21);
     EXPECT_EQ(roms[1][0x33FEA - 5], 0x00);
     EXPECT_EQ(roms[0][0x33FEA - 4], 0x02);
@@ -239,16 +222,6 @@ TEST(ImageBuild, ThirtyTwoBitBuildLinksByImageOffset) {
     EXPECT_EQ(f.Rom()[check.main_header - 4], 0x01);  // Mode32Bit in the flags byte
     EXPECT_EQ(f.Lines().at(6), StrFormat(" Inserting %s as module id 02 at %x",
                                          f.Module(1).FileName.c_str(), check.chain[1].header));
-}
-
-TEST(ImageBuild, ExistingRomFileIsReplacedByExactlyBiosSizeBytes) {
-    LayoutFixture f;
-    testing::WriteBytes(f.ctx.description.Bios.RomFile, RandomBytes(0x50000, 9));
-    f.AddModule("a.bin", RandomBytes(0x20, 1), 0x01, 0x80);
-    BuildRomImage(f.ctx);
-    const auto rom = f.Rom();
-    ASSERT_EQ(rom.size(), 0x40000u);
-    EXPECT_EQ(rom[0], 0xFF);  // no phase writes the bottom of the image
 }
 
 TEST(ImageBuild, FailuresEndTheRunWithTheirMessage) {
@@ -297,19 +270,13 @@ TEST(ImageBuild, FailuresEndTheRunWithTheirMessage) {
         LayoutFixture f;
         f.AddModule("a.bin", RandomBytes(0x20, 1), 0x01, 0x80);
         c.setup(f);
-        auto subst = [&](std::string text) {
-            if (auto pos = text.find("{dir}"); pos != std::string::npos) {
-                text.replace(pos, 5, f.dir.path().string());
-            }
-            return text;
-        };
-        EXPECT_EQ(f.FatalOf([&] { BuildRomImage(f.ctx); }), subst(c.message)) << c.what;
+        EXPECT_EQ(f.FatalOf([&] { BuildRomImage(f.ctx); }), f.InDir(c.message)) << c.what;
         auto lines = f.Lines();
         ASSERT_GE(lines.size(), 2u);
-        EXPECT_EQ(lines.back(), "FATAL ERROR: " + subst(c.message));
+        EXPECT_EQ(lines.back(), "FATAL ERROR: " + f.InDir(c.message));
         EXPECT_EQ(lines[lines.size() - 2], "");
         if (lines.size() >= 3) {
-            EXPECT_EQ(lines[lines.size() - 3], subst(c.last_progress)) << c.what;
+            EXPECT_EQ(lines[lines.size() - 3], f.InDir(c.last_progress)) << c.what;
         }
     }
 }

@@ -121,21 +121,14 @@ TEST(MainFlow, CompleteRunEndsWithTheSummary) {
         << shifted.out;
 }
 
-TEST(MainFlow, FatalErrorEndsTheRunWithoutSummary) {
-    ScratchDir dir;
-    const std::string script = dir.WriteBytes("bad.scr", CrLf({"[bios]", "file"}));
-    const RunOutcome r = RunWith({"out", script});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.out, kBanner + "Parsing " + script + "...\n" +
-                         "\nFATAL ERROR: Expected '='.  Refer to " + script + ", line 2.\n");
-}
-
-// The program itself: exit statuses (also of too few arguments, which print the usage),
-// and everything on standard output.
+// The program itself: exit statuses (also of too few arguments, which print the usage,
+// and of a fatal error, which ends the run without the summary), and everything on
+// standard output.
 TEST(MainFlow, ProgramExitStatusesAndStreams) {
     ScratchDir dir;
     const std::string good = WriteCompleteBuild(dir);
     const std::string bad = dir.WriteBytes("bad.scr", CrLf({"[bios] x"}));
+    const std::string no_value = dir.WriteBytes("novalue.scr", CrLf({"[bios]", "file"}));
     const std::string program = std::string(FWFORGE_BINARY_DIR) + "/fwforge";
     // A completed run is checked by its last line only; its progress lines are the
     // image build's own tests.
@@ -150,6 +143,9 @@ TEST(MainFlow, ProgramExitStatusesAndStreams) {
         {"out '" + bad + "'", 1,
          kBanner + "Parsing " + bad + "...\n\nFATAL ERROR: Expected EOL.  Refer to " + bad +
              ", line 1.\n"},
+        {"out '" + no_value + "'", 1,
+         kBanner + "Parsing " + no_value + "...\n\nFATAL ERROR: Expected '='.  Refer to " +
+             no_value + ", line 2.\n"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.args);

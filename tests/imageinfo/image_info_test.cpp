@@ -32,9 +32,12 @@ const Bytes kFixedRecords = {
     0xFF, 0xFF, 0x30, 0x08, 0x01, 0x00, 0x00, 0x01, 0, 0x00, 0x40, 0, 0,       // at 29
 };
 
-Bytes WithNext(Bytes data, std::uint16_t next) {
-    data[29] = std::uint8_t(next);
-    data[30] = std::uint8_t(next >> 8);
+// The fixed records, the last one linked to the records that follow it.
+Bytes FixedThen(const Bytes& records) {
+    Bytes data = kFixedRecords;
+    data[29] = 42;
+    data[30] = 0;
+    data.insert(data.end(), records.begin(), records.end());
     return data;
 }
 
@@ -75,42 +78,27 @@ TEST(ImageInformation, DataRecordsFollowTheDescription) {
              d.FixedModuleCount = 1;
              d.ConstrainedModuleCount = 3;  // an alignment key given twice counts twice
          },
-         [] {
-             Bytes b = WithNext(kFixedRecords, 42);
-             const Bytes r = {0xFF, 0xFF, 0x40, 0x06, 0x03,
-                              0x03, 0x10, 0xFF, 0xFF, 0xFF, 0xFF,
-                              0x01, 0x00, 0x20, 0xF0, 0x0F, 0x00,
-                              0, 0, 0, 0, 0, 0};
-             b.insert(b.end(), r.begin(), r.end());
-             return b;
-         }()},
+         FixedThen({0xFF, 0xFF, 0x40, 0x06, 0x03,
+                    0x03, 0x10, 0xFF, 0xFF, 0xFF, 0xFF,
+                    0x01, 0x00, 0x20, 0xF0, 0x0F, 0x00,
+                    0, 0, 0, 0, 0, 0})},
         {"ROM hole with a file and a non-critical block",
          [](BuildDescription& d) {
              AddHole(d, "hole.bin", "", 0x5A, 0x10000, 0x100);
              AddHole(d, "", "NCB1", 0xFF, 0x20000, 0x2000);
          },
-         [] {
-             Bytes b = WithNext(kFixedRecords, 42);
-             const Bytes r = {0xFF, 0xFF, 0x50, 0x0A, 0x02,
-                              0x01, 0x5A, 0x00, 0x00, 0x01, 0x00, 0x00, 0x01, 0x00, 0x00,
-                              0x02, 0xFF, 0x00, 0x00, 0x02, 0x00, 0x00, 0x20, 0x00, 0x00};
-             b.insert(b.end(), r.begin(), r.end());
-             return b;
-         }()},
+         FixedThen({0xFF, 0xFF, 0x50, 0x0A, 0x02,
+                    0x01, 0x5A, 0x00, 0x00, 0x01, 0x00, 0x00, 0x01, 0x00, 0x00,
+                    0x02, 0xFF, 0x00, 0x00, 0x02, 0x00, 0x00, 0x20, 0x00, 0x00})},
         {"both, with a filler hole",
          [](BuildDescription& d) {
              AddModule(d, 7, 0x20, kNoStartAddress, kNoIndex);
              d.ConstrainedModuleCount = 1;
              AddHole(d, "", "", 0x00, 0x30, 0x10);
          },
-         [] {
-             Bytes b = WithNext(kFixedRecords, 42);
-             const Bytes r = {0x35, 0x00, 0x40, 0x06, 0x01, 0x07, 0x20, 0xFF, 0xFF, 0xFF, 0xFF,
-                              0xFF, 0xFF, 0x50, 0x0A, 0x01,
-                              0x00, 0x00, 0x30, 0x00, 0x00, 0x00, 0x10, 0x00, 0x00, 0x00};
-             b.insert(b.end(), r.begin(), r.end());
-             return b;
-         }()},
+         FixedThen({0x35, 0x00, 0x40, 0x06, 0x01, 0x07, 0x20, 0xFF, 0xFF, 0xFF, 0xFF,
+                    0xFF, 0xFF, 0x50, 0x0A, 0x01,
+                    0x00, 0x00, 0x30, 0x00, 0x00, 0x00, 0x10, 0x00, 0x00, 0x00})},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);

@@ -10,6 +10,8 @@
 
 #include "compress/module_compressor.h"
 #include "driver/build_context.h"
+#include "layout/gap_map.h"
+#include "layout/main_header.h"
 #include "platform/byte_order.h"
 #include "support/test_files.h"
 
@@ -86,11 +88,14 @@ public:
         return "";
     }
 
-    std::vector<std::string> Lines() const {
-        std::vector<std::string> lines;
-        std::istringstream in(console.str());
-        for (std::string line; std::getline(in, line);) lines.push_back(line);
-        return lines;
+    std::vector<std::string> Lines() const { return SplitLines(console.str()); }
+
+    // `text` with every "{dir}" replaced by the temporary folder.
+    std::string InDir(std::string text) const {
+        for (std::size_t at; (at = text.find("{dir}")) != std::string::npos;) {
+            text.replace(at, 5, dir.path().string());
+        }
+        return text;
     }
 
     std::vector<std::uint8_t> Rom() const { return ReadBytes(ctx.description.Bios.RomFile); }
@@ -121,6 +126,43 @@ inline std::vector<ReferenceRun> ReferenceCompress(
         runs.push_back({result, out});
     }
     return runs;
+}
+
+// Gap maps set up directly, for tests of the placement steps that take room from them.
+struct GapSpan {
+    std::uint32_t start, end;  // image offsets
+    bool operator==(const GapSpan&) const = default;
+};
+
+inline void SetGaps(LayoutFixture& f, const std::vector<GapSpan>& spans) {
+    GapMap& map = f.ctx.layout.gaps;
+    map.GapTable.clear();
+    for (const GapSpan& s : spans) map.GapTable.push_back({s.end, s.start, s.end - s.start});
+    map.GapCount = static_cast<std::uint32_t>(spans.size());
+    OrderGapsBySize(map);
+}
+
+// A gap-placement image of 256 KB with the main BIOS header at the top of the free area
+// (0x33FE0) and the given gaps below it; the console starts empty.
+inline void PrepareGaps(LayoutFixture& f, const std::vector<GapSpan>& gaps) {
+    f.ctx.description.RomHoleCount = 1;  // gap placement
+    f.PrepareImage(0x34000);
+    CreateMainHeader(f.ctx);
+    SetGaps(f, gaps);
+    f.console.str("");
+}
+
+// The GapCount gaps of the map; each one's size must match its ends.
+inline std::vector<GapSpan> GapSpans(const LayoutFixture& f) {
+    std::vector<GapSpan> spans;
+    const GapMap& map = f.ctx.layout.gaps;
+    EXPECT_EQ(map.GapTable.size(), map.GapCount);
+    for (std::uint32_t i = 0; i < map.GapCount && i < map.GapTable.size(); ++i) {
+        const GapEntry& g = map.GapTable[i];
+        EXPECT_EQ(g.Size, g.End - g.Start);
+        spans.push_back({g.Start, g.End});
+    }
+    return spans;
 }
 
 inline std::uint32_t Round4(std::uint64_t v) { return static_cast<std::uint32_t>((v + 3) & ~3ull); }

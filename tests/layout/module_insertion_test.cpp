@@ -183,59 +183,44 @@ TEST(InsertModule, LinkedAddonRomsFollowTheirParent) {
     }
 }
 
-// Descriptor block of a module 0x15: g (GDT offset) at 4, p (pointer) at 6, b (base) at 8.
-std::vector<std::uint8_t> DescriptorModule() {
-    std::vector<std::uint8_t> data(0x80, 0);
-    store_le16(&data[4], 0x20);  // g
-    store_le16(&data[6], 0x10);  // p: the 32-bit value goes to 0x12
-    store_le16(&data[8], 0x30);  // b: descriptors at 0x50 and 0x58
-    return data;
-}
-
-TEST(InsertModule, AlignedModule15GetsItsDescriptorsPatched) {
-    LayoutFixture f;
-    StartMainBios(f);
-    const std::uint32_t m = f.AddModule("gdt.bin", DescriptorModule(), 0x15, 0x80);
-    f.Module(m).Alignment = 0x40;
-    SizeAndInsert(f, m);
-    const std::uint32_t data = f.ctx.image.PlacementCursor + 20;
-    const std::uint32_t s = f.Module(m).Header.DataSize();
-    ASSERT_EQ(data % 0x40, 0u);
-    const std::uint32_t a = data - 0x40000;
-    EXPECT_EQ(load_le32(&f.Image()[data + 0x12]), a + 0x30);
-    const std::vector<std::uint8_t> code = {
-        std::uint8_t(s), std::uint8_t(s >> 8), std::uint8_t(a), std::uint8_t(a >> 8),
-        std::uint8_t(a >> 16), 0x9B, std::uint8_t((s >> 16) & 0xF), std::uint8_t(a >> 24)};
-    std::vector<std::uint8_t> rw = code;
-    rw[5] = 0x93;
-    EXPECT_EQ(Slice(f.Image(), data + 0x50, 8), code);
-    EXPECT_EQ(Slice(f.Image(), data + 0x58, 8), rw);
-}
-
-// Descriptors that the values put past the module's data are written into the module
-// buffer only: the build goes on, and the image holds the data with what fell inside it.
-TEST(InsertModule, DescriptorsPastTheDataAreNotStored) {
-    LayoutFixture f;
-    StartMainBios(f);
-    std::vector<std::uint8_t> bytes = DescriptorModule();
-    store_le16(&bytes[8], 0x7C);  // descriptors at 0x9C and 0xA4, past the 0x80 bytes
-    const std::uint32_t m = f.AddModule("gdt.bin", bytes, 0x15, 0x80);
-    f.Module(m).Alignment = 0x10;
-    SizeAndInsert(f, m);
-    const std::uint32_t data = f.ctx.image.PlacementCursor + 20;
-    const std::uint32_t s = f.Module(m).Header.DataSize();
-    store_le32(&bytes[0x12], data - 0x40000 + 0x7C);
-    EXPECT_EQ(Slice(f.Image(), data, bytes.size()), bytes);
-    EXPECT_TRUE(std::all_of(f.Image().begin() + data + bytes.size(), f.Image().begin() + data + s,
-                            [](std::uint8_t v) { return v == 0xFF; }));
-}
-
-TEST(InsertModule, Module15WithoutAlignmentIsNotPatched) {
-    LayoutFixture f;
-    StartMainBios(f);
-    const auto bytes = DescriptorModule();
-    SizeAndInsert(f, f.AddModule("gdt.bin", bytes, 0x15, 0x80));
-    EXPECT_EQ(Slice(f.Image(), f.ctx.image.PlacementCursor + 20, bytes.size()), bytes);
+// Module 0x15 with an alignment gets the descriptor block of its data patched: g (GDT
+// offset) at 4, p (pointer) at 6, b (base) at 8; the 32-bit value b + A goes to p + 2 and
+// the code and data descriptors to b + g and b + g + 8. Descriptors that fall past the
+// data are written into the module buffer only; without an alignment nothing is patched.
+TEST(InsertModule, Module15DescriptorPatching) {
+    struct Case {
+        std::uint8_t alignment;
+        std::uint16_t base;
+    } cases[] = {{0x40, 0x30}, {0x10, 0x7C}, {0, 0x30}};
+    for (const Case& c : cases) {
+        LayoutFixture f;
+        StartMainBios(f);
+        std::vector<std::uint8_t> bytes(0x80, 0);
+        store_le16(&bytes[4], 0x20);
+        store_le16(&bytes[6], 0x10);
+        store_le16(&bytes[8], c.base);
+        const std::uint32_t m = f.AddModule("gdt.bin", bytes, 0x15, 0x80);
+        f.Module(m).Alignment = c.alignment;
+        SizeAndInsert(f, m);
+        const std::uint32_t data = f.ctx.image.PlacementCursor + 20;
+        const std::uint32_t s = f.Module(m).Header.DataSize();
+        const std::uint32_t a = data - 0x40000;
+        if (c.alignment != 0) {
+            ASSERT_EQ(data % c.alignment, 0u);
+            store_le32(&bytes[0x12], a + c.base);
+        }
+        if (c.alignment != 0 && c.base + 0x30u <= bytes.size()) {
+            const std::uint8_t code[] = {
+                std::uint8_t(s), std::uint8_t(s >> 8), std::uint8_t(a), std::uint8_t(a >> 8),
+                std::uint8_t(a >> 16), 0x9B, std::uint8_t((s >> 16) & 0xF), std::uint8_t(a >> 24)};
+            std::copy(std::begin(code), std::end(code), bytes.begin() + c.base + 0x20);
+            std::copy(std::begin(code), std::end(code), bytes.begin() + c.base + 0x28);
+            bytes[c.base + 0x2D] = 0x93;
+        }
+        EXPECT_EQ(Slice(f.Image(), data, bytes.size()), bytes) << int(c.alignment);
+        EXPECT_TRUE(std::all_of(f.Image().begin() + data + bytes.size(), f.Image().begin() + data + s,
+                                [](std::uint8_t v) { return v == 0xFF; }));
+    }
 }
 
 TEST(InsertModule, FailuresEndTheRunWithTheirMessage) {

@@ -4,8 +4,7 @@
 
 #include <functional>
 
-#include "layout/gap_test_support.h"
-#include "layout/main_header.h"
+#include "layout/layout_fixture.h"
 #include "layout/module_sizing.h"
 #include "platform/text_format.h"
 #include "support/image_checks.h"
@@ -17,7 +16,7 @@ using testing::GapSpan;
 using testing::GapSpans;
 using testing::LayoutFixture;
 using testing::RandomBytes;
-using testing::SetGaps;
+using testing::PrepareGaps;
 
 struct Piece {
     std::uint32_t header;
@@ -25,16 +24,6 @@ struct Piece {
     std::uint8_t attributes;
     bool operator==(const Piece&) const = default;
 };
-
-// A gap-placement image of 256 KB with the main BIOS header at the top of the free area
-// (0x33FE0) and the given gaps below it.
-void PrepareGaps(LayoutFixture& f, const std::vector<GapSpan>& gaps) {
-    f.ctx.description.RomHoleCount = 1;  // gap placement
-    f.PrepareImage(0x34000);
-    CreateMainHeader(f.ctx);
-    SetGaps(f, gaps);
-    f.console.str("");
-}
 
 std::vector<Piece> Chain(LayoutFixture& f) {
     FinishMainHeader(f.ctx, PlacementMode::Gap);

@@ -2,8 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "layout/gap_test_support.h"
-#include "layout/main_header.h"
+#include "layout/layout_fixture.h"
 #include "layout/module_insertion.h"
 #include "layout/module_sizing.h"
 #include "layout/module_split.h"
@@ -140,10 +139,7 @@ TEST(PlacementPasses, SplitRoomIsTheFirstGapByAddress) {
 TEST(PlacementPasses, OddAlignmentStaysInsideItsRoom) {
     for (std::uint32_t start : {0x1000u, 0x1001u, 0x1002u, 0x1003u, 0x1005u}) {
         LayoutFixture f;
-        f.ctx.description.RomHoleCount = 1;  // gap placement
-        f.PrepareImage(0x34000);
-        CreateMainHeader(f.ctx);
-        testing::SetGaps(f, {{start, 0x3000}});
+        testing::PrepareGaps(f, {{start, 0x3000}});
         const std::uint32_t m = f.AddModule("a.bin", testing::RandomBytes(0x101, 1), 0x01, 0x80);
         f.Module(m).Alignment = 7;
         SizeModule(f.ctx, m);
@@ -158,9 +154,7 @@ TEST(PlacementPasses, OddAlignmentStaysInsideItsRoom) {
 
 TEST(PlacementPasses, InsertionRefusesToRunPastItsRoom) {
     LayoutFixture f;
-    f.ctx.description.RomHoleCount = 1;
-    f.PrepareImage(0x34000);
-    CreateMainHeader(f.ctx);
+    testing::PrepareGaps(f, {});
     const std::uint32_t m = f.AddModule("a.bin", testing::RandomBytes(0x100, 1), 0x01, 0x80);
     SizeModule(f.ctx, m);
     f.ctx.image.PlacementCursor = 0x1000;

@@ -4,8 +4,11 @@
 #include <cstring>
 #include <set>
 
+#include "compress/lzh_decoder.h"
+#include "driver/image_build.h"
 #include "platform/byte_order.h"
 #include "platform/text_format.h"
+#include "support/test_files.h"
 
 namespace fwforge::testing {
 namespace {
@@ -16,6 +19,18 @@ std::uint32_t LinkTarget(std::span<const std::uint8_t> rom, std::uint32_t link, 
     if (form == LinkForm::Flat32) return link - 8;
     const std::uint32_t address = (link >> 16) * 16 + (link & 0xFFFF);
     return address - (0x100000u - static_cast<std::uint32_t>(rom.size())) - 8;
+}
+
+ChainEntry ReadEntry(std::span<const std::uint8_t> rom, std::uint32_t h) {
+    ChainEntry e;
+    e.header = h;
+    e.data_size = load_le32(&rom[h]);
+    e.data_size16 = load_le16(&rom[h + 12]);
+    e.module_id = rom[h + 14];
+    e.attributes = rom[h + 15];
+    e.dest_offset = load_le16(&rom[h + 16]);
+    e.dest_segment = load_le16(&rom[h + 18]);
+    return e;
 }
 
 }  // namespace
@@ -86,14 +101,7 @@ MainBiosCheck CheckMainBios(std::span<const std::uint8_t> rom, LinkForm form,
             problem(StrFormat("chain loops at %x", h));
             return check;
         }
-        ChainEntry e;
-        e.header = h;
-        e.data_size = load_le32(&rom[h]);
-        e.data_size16 = load_le16(&rom[h + 12]);
-        e.module_id = rom[h + 14];
-        e.attributes = rom[h + 15];
-        e.dest_offset = load_le16(&rom[h + 16]);
-        e.dest_segment = load_le16(&rom[h + 18]);
+        const ChainEntry e = ReadEntry(rom, h);
         check.chain.push_back(e);
         // Headers of split pieces other than the last carry no DataSize16.
         if (!(e.attributes & 0x20) &&
@@ -107,6 +115,7 @@ MainBiosCheck CheckMainBios(std::span<const std::uint8_t> rom, LinkForm form,
         // data is what the earlier pieces left.
         std::uint32_t own = linked ? 0 : e.data_size;
         if (split_pending && !linked && !piece) own = e.data_size - split_bytes;
+        check.chain.back().own_size = own;
         if (std::uint64_t{h} + 20 + own > rom.size()) {
             problem(StrFormat("module at %x reaches past the image", h));
             return check;
@@ -172,17 +181,11 @@ NcbCheck CheckNcb(std::span<const std::uint8_t> rom, std::uint32_t block,
             problem(StrFormat("block at %x: chain loops", block));
             return check;
         }
-        ChainEntry e;
-        e.header = m;
-        e.data_size = load_le32(&rom[m]);
-        e.data_size16 = load_le16(&rom[m + 12]);
-        e.module_id = rom[m + 14];
-        e.attributes = rom[m + 15];
-        e.dest_offset = load_le16(&rom[m + 16]);
-        e.dest_segment = load_le16(&rom[m + 18]);
+        const ChainEntry e = ReadEntry(rom, m);
         check.chain.push_back(e);
         const bool linked = e.attributes & 0x40;
         const std::uint32_t own = linked ? 0 : e.data_size;
+        check.chain.back().own_size = own;
         if (std::uint64_t{m} + 20 + own > std::uint64_t{block} + check.block_length) {
             problem(StrFormat("module at %x reaches past its block", m));
             return check;
@@ -221,18 +224,8 @@ GapImageCheck CheckGapImage(std::span<const std::uint8_t> rom, LinkForm form,
     if (out.main.main_header != kEnd) {
         items.push_back({out.main.main_header - 10u, out.main.main_header + 22u, "main header"});
     }
-    std::uint32_t pieces = 0;
     for (const ChainEntry& e : out.main.chain) {
-        const bool linked = e.attributes & 0x40;
-        const bool piece = e.attributes & 0x20;
-        std::uint32_t own = linked ? 0 : e.data_size;
-        if (!linked && !piece) {
-            own = e.data_size - pieces;
-            pieces = 0;
-        } else if (piece) {
-            pieces += e.data_size;
-        }
-        items.push_back({e.header, std::uint64_t{e.header} + 20 + own,
+        items.push_back({e.header, std::uint64_t{e.header} + 20 + e.own_size,
                          StrFormat("module header at %x", e.header)});
     }
 
@@ -267,8 +260,8 @@ GapImageCheck CheckGapImage(std::span<const std::uint8_t> rom, LinkForm form,
         std::vector<bool> covered(r.size, false);
         for (std::uint32_t i = 0; i < 24 && i < r.size; ++i) covered[i] = true;
         for (const ChainEntry& e : block.chain) {
-            const std::uint32_t own = (e.attributes & 0x40) ? 0 : e.data_size;
-            for (std::uint64_t i = e.header; i < std::uint64_t{e.header} + 20 + own && i < end; ++i) {
+            for (std::uint64_t i = e.header; i < std::uint64_t{e.header} + 20 + e.own_size && i < end;
+                 ++i) {
                 covered[i - r.start] = true;
             }
         }
@@ -318,6 +311,56 @@ GapImageCheck CheckGapImage(std::span<const std::uint8_t> rom, LinkForm form,
         }
     }
     return out;
+}
+
+std::vector<ReservedRange> ReservedRangesOf(const BuildDescription& d) {
+    const std::uint32_t base = d.RomImage.Use32BitMode ? 0 : 0x100000u - d.Bios.BiosSize;
+    std::vector<ReservedRange> ranges;
+    for (std::uint32_t i = 0; i < d.RomHoleCount; ++i) {
+        const RomHoleEntry& h = d.RomHoleTable[i];
+        ReservedRange& r = ranges.emplace_back();
+        r.kind = h.OwnerModule != kNoIndex ? ReservedRange::FixedModule
+                 : h.Name.empty()          ? ReservedRange::Hole
+                                           : ReservedRange::Block;
+        r.start = h.StartAddress - base;
+        r.size = h.Size;
+        r.filler = h.Filler;
+        if (!h.FileName.empty()) r.file = ReadBytes(h.FileName);
+    }
+    return ranges;
+}
+
+GapImageCheck BuildAndCheckGapImage(BuildContext& ctx, const std::ostringstream& console,
+                                    LinkForm form) {
+    const BuildDescription& d = ctx.description;
+    std::vector<ReservedRange> ranges = ReservedRangesOf(d);
+    const std::uint32_t top =
+        d.Bios.BiosSize - d.Bios.BootBlockSize - d.Bios.MaxEbbSize - d.Bios.NvramSize;
+    BuildRomImage(ctx);
+    for (std::uint32_t i = 0; i < ranges.size(); ++i) {
+        if (ranges[i].kind == ReservedRange::FixedModule) {
+            ranges[i].start = d.RomHoleTable[i].StartAddress;
+            ranges[i].size = d.RomHoleTable[i].Size;
+        }
+    }
+    const bool info_split = console.str().find(" Splitting " +
+                                               d.ModuleTable[d.ModuleCount].FileName) !=
+                            std::string::npos;
+    return CheckGapImage(ReadBytes(d.Bios.RomFile), form, ranges, top, info_split);
+}
+
+std::string HoldsFile(std::span<const std::uint8_t> rom, const ChainEntry& e,
+                      const std::vector<std::uint8_t>& file) {
+    if (std::uint64_t{e.data()} + e.data_size > rom.size()) return "data past the image";
+    const auto data = rom.subspan(e.data(), e.data_size);
+    if (e.attributes & 0x80) {
+        const bool held = data.size() >= file.size() && std::equal(file.begin(), file.end(), data.begin());
+        return held ? "" : "stored data differs from the file";
+    }
+    std::string error;
+    const auto decoded = lzh::DecodeCompressedData(data, &error);
+    if (!decoded) return "does not decode: " + error;
+    return *decoded == file ? "" : "decodes to other bytes than the file";
 }
 
 }  // namespace fwforge::testing

@@ -5,9 +5,12 @@
 
 #include <cstdint>
 #include <optional>
+#include <sstream>
 #include <span>
 #include <string>
 #include <vector>
+
+#include "driver/build_context.h"
 
 namespace fwforge::testing {
 
@@ -19,6 +22,9 @@ struct ChainEntry {
     std::uint8_t attributes = 0;
     std::uint16_t dest_offset = 0;   // or VendorId
     std::uint16_t dest_segment = 0;  // or DeviceId
+    // Data bytes behind this header itself: none for a linked add-on ROM, what the
+    // earlier pieces left for the last piece of a split module.
+    std::uint32_t own_size = 0;
     // Data of this header: none for a linked add-on ROM.
     std::uint32_t data() const { return header + 20; }
 };
@@ -104,5 +110,19 @@ struct GapImageCheck {
 GapImageCheck CheckGapImage(std::span<const std::uint8_t> rom, LinkForm form,
                             std::span<const ReservedRange> ranges, std::uint32_t top,
                             bool info_split);
+
+// The reserved ranges of `d` as image offsets (ROM-hole files read), taken before a
+// build rewrites the table.
+std::vector<ReservedRange> ReservedRangesOf(const BuildDescription& d);
+
+// Builds the image of `ctx` (its console is `console`) and runs CheckGapImage on it. The
+// reservations of modules with a start address are sized by the build, so they are read
+// back after it; the image information module counts as split when the console says so.
+GapImageCheck BuildAndCheckGapImage(BuildContext& ctx, const std::ostringstream& console,
+                                    LinkForm form);
+
+// "" when the data of chain entry `e` holds `file`, as it is or compressed; else why not.
+std::string HoldsFile(std::span<const std::uint8_t> rom, const ChainEntry& e,
+                      const std::vector<std::uint8_t>& file);
 
 }  // namespace fwforge::testing

@@ -33,6 +33,9 @@ std::vector<std::uint8_t> ReadBytes(const std::string& path);
 // Turns "\n" line ends into the CR LF that build scripts use.
 std::string WithCrLf(std::string_view text);
 
+// The lines of `text`, without their line ends.
+std::vector<std::string> SplitLines(const std::string& text);
+
 // Deterministic pseudo-random bytes (xorshift) for fixtures.
 std::vector<std::uint8_t> RandomBytes(std::size_t count, std::uint32_t seed);
 
