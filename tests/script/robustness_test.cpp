@@ -61,34 +61,14 @@ TEST_F(ScriptRobustnessTest, HandWrittenMonsters) {
 
 TEST_F(ScriptRobustnessTest, RandomBytesAndMutatedScripts) {
     std::mt19937 random(20240611);
-    const std::string valid = CrLf(Join({{"[init]", "file = bb.bin", "[romimage]", "version = 1"},
-                                         kBios,
-                                         kModule,
-                                         {"[module]",
-                                          "file = r.bin",
-                                          "moduleid = 20",
-                                          "vendorid = 1000",
-                                          "deviceid = 0001",
-                                          "[module]",
-                                          "moduleid = 20",
-                                          "vendorid = 1000",
-                                          "deviceid = 0002",
-                                          "linkvenid = 1000",
-                                          "linkdevid = 0001",
-                                          "link = yes",
-                                          "[romhole]",
-                                          "startaddress = 000e0000",
-                                          "size = 100",
-                                          "filler = 0",
-                                          "[noncriticalrom]",
-                                          "name = setup",
-                                          "startaddress = 000d0000",
-                                          "size = 1000",
-                                          "[module]",
-                                          "file = e.bin",
-                                          "moduleid = 09",
-                                          "destn = f000:0000",
-                                          "romregion = ebb"}}));
+    const std::string valid = CrLf(Join(
+        {{"[init]", "file = bb.bin", "[romimage]", "version = 1"}, kBios, kModule,
+         {"[module]", "file = r.bin", "moduleid = 20", "vendorid = 1000", "deviceid = 0001",
+          "[module]", "moduleid = 20", "vendorid = 1000", "deviceid = 0002", "linkvenid = 1000",
+          "linkdevid = 0001", "link = yes",
+          "[romhole]", "startaddress = 000e0000", "size = 100", "filler = 0",
+          "[noncriticalrom]", "name = setup", "startaddress = 000d0000", "size = 1000",
+          "[module]", "file = e.bin", "moduleid = 09", "destn = f000:0000", "romregion = ebb"}}));
     static const char kAlphabet[] =
         "[]=/\\:- \t\r\n\x1a\xff\x00"
         "0123456789abcdefxyzABC";

@@ -11,14 +11,6 @@
 namespace fwforge::script_test {
 namespace {
 
-const std::string kTopLevel =
-    "Expected one of the following keywords: [INIT], [BIOS], or [MODULE]. ";
-const std::string kModuleKeys =
-    "Expected one of the following keywords: File, ModuleId, or Destn. ";
-const std::string kBiosKeys =
-    "Expected one of the following keywords: File, Size, BBSize, NVRAMSize, or Tag. ";
-const std::string kNoTail;  // marks a message without the "Refer to" tail
-
 struct ReaderFatalCase {
     std::string name;
     std::string text;  // the whole script file
@@ -29,7 +21,6 @@ struct ReaderFatalCase {
 using ScriptReaderTest = ScriptTest;
 
 TEST_F(ScriptReaderTest, GrammarErrorsNameTheirLine) {
-    const std::string valid = CrLf(Join({kBios, kModule}));
     const std::string long_value(261, 'a');
     const ReaderFatalCase cases[] = {
         {"empty file", "", kTopLevel, 0},
@@ -116,12 +107,6 @@ TEST_F(ScriptReaderTest, ShortReadOfTheScript) {
         return;
     }
     GTEST_SKIP() << "no file with a short read on this host";
-}
-
-TEST_F(ScriptReaderTest, AnnouncesTheScriptWithThePathAsGiven) {
-    const ParseResult r = ParseLines(Join({kBios, kModule}));
-    ASSERT_FALSE(r.fatal) << r.console;
-    EXPECT_EQ(r.console, "Parsing " + script_path_ + "...\n");
 }
 
 struct AcceptedCase {
