@@ -5,10 +5,7 @@
 
 #include <cstdlib>
 #include <set>
-#include <sstream>
 
-#include "inspect/image_model.h"
-#include "inspect/inspect_cli.h"
 #include "inspect/map.h"
 #include "inspect/test_image.h"
 #include "support/test_files.h"
@@ -17,17 +14,8 @@ namespace fwforge::inspect {
 namespace {
 
 using testing::BuildTestImage;
-using testing::Pattern;
+using testing::Mod;
 using testing::TestLayout;
-using testing::TestModule;
-
-TestModule Mod(std::uint8_t id, std::size_t size, std::uint8_t seed, int pieces = 1) {
-    TestModule m;
-    m.id = id;
-    m.data = Pattern(size, seed);
-    m.pieces = pieces;
-    return m;
-}
 
 // An image with a module of every kind, for the map tests and the browser check.
 TestLayout MapLayout() {
@@ -93,10 +81,9 @@ TEST(InspectMap, WritesTheImageForTheBrowserCheck) {
     const std::string rom = wanted ? wanted : dir.File("map.rom");
     fwforge::testing::WriteBytes(rom, BuildTestImage(MapLayout()).bytes);
     const std::string html = dir.File("map.html");
-    const char* argv[] = {"fwforge-inspect", "map", rom.c_str(), "--html", html.c_str(), nullptr};
-    std::ostringstream out;
-    EXPECT_EQ(RunInspect(5, argv, out), 0) << out.str();
-    EXPECT_EQ(out.str(), "map: " + html + " written\n");
+    std::string out;
+    EXPECT_EQ(testing::Inspect({"map", rom.c_str(), "--html", html.c_str()}, out), 0) << out;
+    EXPECT_EQ(out, "map: " + html + " written\n");
 }
 
 }  // namespace

@@ -17,7 +17,7 @@ namespace fwforge::inspect {
 namespace {
 
 using testing::BuildTestImage;
-using testing::Pattern;
+using testing::Mod;
 using testing::TestLayout;
 using testing::TestModule;
 
@@ -55,14 +55,8 @@ TEST(InspectRobustness, RandomMutationsOfValidImages) {
     l.ebb_size = 0x400;
     l.flags = 0x02;
     l.region_from_zero = true;
-    TestModule a, b, c, e;
-    a.data = Pattern(0x300, 1);
-    b.data = Pattern(0x500, 2);
-    b.pieces = 3;
-    c.id = 0x20;
-    c.data = Pattern(0x80, 3);
-    e.data = Pattern(0x40, 4);
-    l.modules = {a, b, c};
+    const TestModule a = Mod(0x10, 0x300, 1), e = Mod(0x10, 0x40, 4);
+    l.modules = {a, Mod(0x10, 0x500, 2, 3), Mod(0x20, 0x80, 3)};
     l.ebb_modules = {e, e};
     l.ncbs = {{0x2000, 0x400, {e, a}}};
     const std::vector<std::uint8_t> clean = BuildTestImage(l).bytes;

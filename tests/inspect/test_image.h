@@ -3,13 +3,21 @@
 // block, an Extended Boot Block, an NVRAM area, a main BIOS header with a module chain
 // stacked downwards (split modules as chained pieces), an image information module
 // and non-critical blocks, byte by byte, with every link and checksum, so that the
-// reader is tested against the formats themselves and not against the writer.
+// reader is tested against the formats themselves and not against the writer. Below
+// it, helpers that run the inspector on images.
+
+#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstdint>
+#include <sstream>
 #include <string>
 #include <vector>
 
+#include "inspect/image_model.h"
+#include "inspect/inspect_cli.h"
+#include "inspect/report.h"
+#include "inspect/verify.h"
 #include "layout/checksum.h"
 #include "platform/byte_order.h"
 
@@ -277,6 +285,36 @@ inline std::vector<std::uint8_t> Pattern(std::size_t n, std::uint8_t seed) {
     std::vector<std::uint8_t> v(n);
     for (std::size_t i = 0; i < n; ++i) v[i] = static_cast<std::uint8_t>(seed + i * 13 + (i >> 7));
     return v;
+}
+
+// A module of `size` pattern bytes, loaded at f000:(id * 10).
+inline TestModule Mod(std::uint8_t id, std::size_t size, std::uint8_t seed, int pieces = 1) {
+    TestModule m;
+    m.id = id;
+    m.data = Pattern(size, seed);
+    m.pieces = pieces;
+    m.dest_offset = static_cast<std::uint16_t>(id * 0x10);
+    return m;
+}
+
+// Runs fwforge-inspect with `args`; returns its exit status and leaves its output in
+// `console`.
+inline int Inspect(std::vector<const char*> args, std::string& console) {
+    std::ostringstream out;
+    args.insert(args.begin(), "fwforge-inspect");
+    const int status = RunInspect(static_cast<int>(args.size()), args.data(), out);
+    console = out.str();
+    return status;
+}
+
+// Verifies `image` with the byte at `offset` flipped: some problem is named `named`.
+inline void ExpectFlipFound(std::vector<std::uint8_t> image, std::uint32_t offset,
+                            const std::string& named, std::uint8_t mask = 0x20) {
+    image[offset] ^= mask;
+    const VerifyReport report = Verify(image, ReadImage(image, {}));
+    bool found = false;
+    for (const Finding& p : report.problems) found |= p.where.starts_with(named);
+    EXPECT_TRUE(found) << "flip at " << offset << ": " << named << "\n" << VerifyText(report);
 }
 
 }  // namespace fwforge::inspect::testing
