@@ -122,7 +122,7 @@ TEST(InspectVerify, FindsAndNamesEveryFlippedByte) {
         {0x10800u, "non-critical block 1"},                          // block filler
         {static_cast<std::uint32_t>(i.bytes.size() - 0x100), "boot block"},
     };
-    for (const auto& [offset, named] : flips) testing::ExpectFlipFound(i.bytes, offset, named, 0x04);
+    for (const auto& [at, named] : flips) testing::ExpectFlipFound(i.bytes, at, named, 0x04);
 }
 
 TEST(InspectVerify, OverlapsAndBadLengthsAreProblems) {
@@ -146,6 +146,7 @@ TEST(InspectRobustness, MalformedImagesEndWithAReport) {
     using Bytes = std::vector<std::uint8_t>;
     const TestImage clean = BuildTestImage(FullLayout());
     const Bytes& b = clean.bytes;
+    const std::uint32_t main_signature = clean.main_signature;
     auto with32 = [&](std::uint32_t at, std::uint32_t value) {
         Bytes v = b;
         store_le32(&v[at], value);
@@ -162,7 +163,7 @@ TEST(InspectRobustness, MalformedImagesEndWithAReport) {
         {"garbage", fwforge::testing::RandomBytes(0x20000, 7)},
         {"all 0xFF", Bytes(0x10000, 0xFF)},
         {"signature only", signature_only},
-        {"truncated below the main header", Bytes(b.begin(), b.begin() + clean.main_signature + 12)},
+        {"truncated below the main header", Bytes(b.begin(), b.begin() + main_signature + 12)},
         {"truncated in the middle", Bytes(b.begin() + 0x30000, b.end())},
         {"looping link", looping},
         {"link out of range", with32(clean.module_headers[1] + 8, 0x0001FFF0)},
@@ -179,7 +180,7 @@ TEST(InspectRobustness, MalformedImagesEndWithAReport) {
             std::string out;
             const int status = testing::Inspect({command, path.c_str()}, out);
             EXPECT_TRUE(status == 1 || status == 2) << name << " " << command << ": " << status;
-            EXPECT_NE(out.find("PROBLEM: "), std::string::npos) << name << " " << command << "\n" << out;
+            EXPECT_NE(out.find("PROBLEM: "), std::string::npos) << name << " " << command << out;
         }
     }
 }
@@ -223,7 +224,7 @@ TEST(InspectCli, CommandLineErrorsAndJson) {
     };
     for (const Case& c : cases) {
         std::string out;
-        EXPECT_EQ(testing::Inspect(c.args, out), c.status) << (c.args.empty() ? "" : c.args[0]) << out;
+        EXPECT_EQ(testing::Inspect(c.args, out), c.status) << out;
         EXPECT_NE(out.find(c.contains), std::string::npos) << out;
     }
 }
