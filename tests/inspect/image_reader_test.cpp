@@ -11,28 +11,10 @@ namespace fwforge::inspect {
 namespace {
 
 using testing::BuildTestImage;
+using testing::FullLayout;
 using testing::Mod;
 using testing::TestImage;
 using testing::TestLayout;
-
-// Every kind of item: modules, an add-on ROM with a linked one, a split module, the
-// EBB with two modules and a non-critical block with one.
-TestLayout FullLayout() {
-    TestLayout l;
-    l.ebb_size = 0x800;
-    l.flags = 0x06;
-    l.region_from_zero = true;
-    l.modules = {Mod(0x11, 0x300, 1), Mod(0x12, 0x1001, 2), Mod(0x20, 0x200, 3),
-                 Mod(0x20, 0, 4), Mod(0x13, 0x900, 5, 3)};
-    l.modules[2].dest_offset = 0x8086;
-    l.modules[2].dest_segment = 0x1234;
-    l.modules[3].attributes = 0x40;  // linked add-on ROM: no data, parent's size
-    l.modules[3].dest_offset = 0x8086;
-    l.modules[3].dest_segment = 0x5678;
-    l.ebb_modules = {Mod(0x30, 0x40, 6), Mod(0x31, 0x84, 7)};
-    l.ncbs = {{0x10000, 0x1000, {Mod(0x40, 0x100, 8)}}};
-    return l;
-}
 
 TEST(InspectReader, ReadsEveryRegionAndModuleOfACleanImage) {
     const TestImage img = BuildTestImage(FullLayout());
@@ -65,7 +47,7 @@ TEST(InspectReader, ReadsEveryRegionAndModuleOfACleanImage) {
     EXPECT_EQ(model.ModulesIn(ModuleArea::Ebb).size(), 2u);
     ASSERT_EQ(model.ncbs.size(), 1u);
     const auto block = model.ModulesIn(ModuleArea::Ncb, 0);
-    ASSERT_EQ(block.size(), 1u);
+    ASSERT_EQ(block.size(), 2u);
     EXPECT_EQ(block[0]->index, 6);  // numbered on from the main chain
     EXPECT_EQ(model.info.tool_version, "3.33");
     ASSERT_EQ(model.info.holes.size(), 1u);

@@ -297,6 +297,25 @@ inline TestModule Mod(std::uint8_t id, std::size_t size, std::uint8_t seed, int 
     return m;
 }
 
+// Every kind of item: modules, an add-on ROM with a linked one, a split module, the
+// EBB with two modules and a non-critical block with two.
+inline TestLayout FullLayout() {
+    TestLayout l;
+    l.ebb_size = 0x800;
+    l.flags = 0x06;
+    l.region_from_zero = true;
+    l.modules = {Mod(0x11, 0x300, 1), Mod(0x12, 0x1001, 2), Mod(0x20, 0x200, 3),
+                 Mod(0x20, 0, 4), Mod(0x13, 0x900, 5, 3)};
+    l.modules[2].dest_offset = 0x8086;
+    l.modules[2].dest_segment = 0x1234;
+    l.modules[3].attributes = 0x40;  // linked add-on ROM: no data, parent's size
+    l.modules[3].dest_offset = 0x8086;
+    l.modules[3].dest_segment = 0x5678;
+    l.ebb_modules = {Mod(0x30, 0x40, 6), Mod(0x31, 0x84, 7)};
+    l.ncbs = {{0x10000, 0x1000, {Mod(0x40, 0x100, 8), Mod(0x41, 0x80, 9)}}};
+    return l;
+}
+
 // Runs fwforge-inspect with `args`; returns its exit status and leaves its output in
 // `console`.
 inline int Inspect(std::vector<const char*> args, std::string& console) {
