@@ -107,6 +107,7 @@ TEST_F(ScriptReaderTest, ShortReadOfTheScript) {
 }
 
 TEST_F(ScriptReaderTest, AcceptedForms) {
+    const std::string valid = CrLf(Join({kBios, kModule}));
     const std::pair<std::string, std::string> cases[] = {
         {"upper and mixed case",
          CrLf({"[BIOS]", "FILE = ROM.BIN", "Size = 00080000", "BBSize = 00010000",
@@ -125,11 +126,11 @@ TEST_F(ScriptReaderTest, AcceptedForms) {
          CrLf({"[bios]", "", "file = rom.bin", "", "size = 00080000", "bbsize = 00010000",
                "nvramsize = 00004000", "tag = bios1", "", "[module]", "file = post.bin", "",
                "moduleid = 08", "destn = f000:8000"})},
-        {"last line without line end", CrLf(Join({kBios, kModule})) + "// end"},
+        {"last line without line end", valid + "// end"},
         {"last value without line end", CrLf(kBios) + "[module]\r\nfile = post.bin\r\n"
                                                       "moduleid = 08\r\ndestn = f000:8000"},
-        {"end mark ends the script", CrLf(Join({kBios, kModule})) + "\x1a garbage\r\n[x"},
-        {"end mark at the start of a section line", CrLf(Join({kBios, kModule})) + "\x1a" "file = x"},
+        {"end mark ends the script", valid + "\x1a garbage\r\n[x"},
+        {"end mark at the start of a section line", valid + "\x1a" "file = x"},
         {"two keys on one line",
          CrLf(Join({{"[bios]", "file = rom.bin size = 00080000", "bbsize = 00010000",
                      "nvramsize = 00004000", "tag = bios1"},
