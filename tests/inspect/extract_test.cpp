@@ -17,6 +17,7 @@ namespace {
 using testing::BuildTestImage;
 using testing::Mod;
 using testing::TestLayout;
+using testing::TestModule;
 
 const ExtractedFile* Find(const ExtractPlan& plan, const std::string& name) {
     for (const ExtractedFile& f : plan.files) {
@@ -36,24 +37,17 @@ TEST(InspectExtract, EveryModuleComesBackWithItsStoredBytes) {
     const ExtractPlan plan = PlanExtract(img.bytes, model);
     EXPECT_TRUE(plan.problems.empty());
 
-    struct Expect {
-        ModuleArea area;
-        int index;
-        std::vector<std::uint8_t> data;
+    const auto main = model.ModulesIn(ModuleArea::Main);
+    const std::pair<const Module*, const TestModule*> expected[] = {
+        {main[0], &l.modules[0]}, {main[1], &l.modules[1]},  // three pieces joined
+        {main[2], &l.modules[2]}, {model.ModulesIn(ModuleArea::Ebb)[0], &l.ebb_modules[0]},
     };
-    const std::vector<Expect> expected = {
-        {ModuleArea::Main, 0, l.modules[0].data},
-        {ModuleArea::Main, 1, l.modules[1].data},  // three pieces joined
-        {ModuleArea::Main, 2, l.modules[2].data},
-        {ModuleArea::Ebb, 0, l.ebb_modules[0].data},
-    };
-    for (const Expect& e : expected) {
-        const Module* m = model.ModulesIn(e.area)[e.index];
+    for (const auto& [m, source] : expected) {
         const ExtractedFile* f = Find(plan, ModuleFileName(model, *m, ".bin"));
-        ASSERT_NE(f, nullptr) << e.index;
-        EXPECT_EQ(f->bytes, e.data) << ModuleFileName(model, *m, ".bin");
+        ASSERT_NE(f, nullptr) << ModuleFileName(model, *m, ".bin");
+        EXPECT_EQ(f->bytes, source->data) << ModuleFileName(model, *m, ".bin");
     }
-    EXPECT_EQ(ModuleFileName(model, *model.ModulesIn(ModuleArea::Main)[0], ".bin"),
+    EXPECT_EQ(ModuleFileName(model, *main[0], ".bin"),
               StrFormat("m00_id11_%x.bin", 0xC0000 + img.module_headers[0] + 20));
 
     const ExtractedFile* info = Find(plan, "imageinfo.inf");
