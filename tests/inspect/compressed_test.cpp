@@ -18,12 +18,8 @@ using testing::BuildTestImage;
 using testing::TestLayout;
 using testing::TestModule;
 
-std::vector<std::uint8_t> Text(std::size_t n) {
-    const std::string words = "the boot block hands over to the main BIOS, which decompresses ";
-    std::vector<std::uint8_t> v;
-    while (v.size() < n) v.push_back(static_cast<std::uint8_t>(words[v.size() % words.size()] + (v.size() / 997) % 3));
-    return v;
-}
+// Text-like data that compresses well.
+std::vector<std::uint8_t> Text(std::size_t n) { return lzh::testing::SyntheticText(n, n); }
 
 TestModule Compressed(std::uint8_t id, const std::vector<std::uint8_t>& original) {
     TestModule m;

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include "compress/compress_test_support.h"
 #include "inspect/diff.h"
 #include "inspect/extract.h"
 #include "inspect/image_model.h"
@@ -20,17 +21,6 @@ using testing::BuildTestImage;
 using testing::Mod;
 using testing::TestLayout;
 using testing::TestModule;
-
-struct Rng {
-    std::uint32_t state;
-    std::uint32_t Next() {
-        state ^= state << 13;
-        state ^= state >> 17;
-        state ^= state << 5;
-        return state;
-    }
-    std::uint32_t Below(std::uint32_t n) { return n ? Next() % n : 0; }
-};
 
 // Runs everything a command would run on the image; returns whether verify was clean.
 bool Exercise(const std::vector<std::uint8_t>& image, const std::vector<std::uint8_t>& other) {
@@ -62,7 +52,7 @@ TEST(InspectRobustness, RandomMutationsOfValidImages) {
     const std::vector<std::uint8_t> clean = BuildTestImage(l).bytes;
     ASSERT_TRUE(Exercise(clean, clean));
 
-    Rng rng{0x2545F491};
+    lzh::testing::Rng rng(0x2545F491);
     int found = 0;
     const int rounds = 120;
     for (int round = 0; round < rounds; ++round) {
