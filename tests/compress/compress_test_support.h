@@ -3,17 +3,14 @@
 // files read from the system at test time, and a one-call compression.
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <ostream>
 #include <span>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -21,6 +18,7 @@
 #include "compress/block_coder.h"
 #include "compress/lzh_decoder.h"
 #include "compress/module_compressor.h"
+#include "support/test_files.h"
 
 namespace fwforge::lzh {
 // Readable token lists in test failures.
@@ -36,6 +34,9 @@ inline void PrintTo(const Lh5Token& t, std::ostream* os) {
 namespace fwforge::lzh::testing {
 
 using Bytes = std::vector<std::uint8_t>;
+using fwforge::testing::ReadBytes;
+using fwforge::testing::TempDir;
+using fwforge::testing::WriteBytes;
 
 // A small fixed-seed generator, so that "random" inputs are the same everywhere.
 class Rng {
@@ -51,19 +52,6 @@ public:
 
 private:
     std::uint64_t state_;
-};
-
-// A fresh temporary folder, removed by the destructor.
-class TempDir {
-public:
-    TempDir();
-    ~TempDir();
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
-    const std::filesystem::path& path() const { return path_; }
-
-private:
-    std::filesystem::path path_;
 };
 
 inline Bytes RandomBytes(std::size_t size, std::uint64_t seed) {
@@ -225,29 +213,6 @@ inline std::uint32_t Fnv1a(std::span<const std::uint8_t> data) {
     return hash;
 }
 
-inline TempDir::TempDir() {
-    std::string templ = (std::filesystem::temp_directory_path() / "fwforge-lzh-XXXXXX").string();
-    if (::mkdtemp(templ.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
-    path_ = templ;
-}
-
-inline TempDir::~TempDir() {
-    std::error_code ec;
-    std::filesystem::remove_all(path_, ec);
-}
-
-inline void WriteFile(const std::filesystem::path& path, std::span<const std::uint8_t> data) {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out.write(reinterpret_cast<const char*>(data.data()), static_cast<std::streamsize>(data.size()));
-    if (!out) throw std::runtime_error("cannot write " + path.string());
-}
-
-inline Bytes ReadFile(const std::filesystem::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) return {};
-    return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
 inline Lh5Token Lit(std::uint8_t byte) { return {0, 0, byte}; }
 inline Lh5Token Match(unsigned length, unsigned distance) {
     return {static_cast<std::uint16_t>(length), static_cast<std::uint16_t>(distance), 0};
@@ -297,7 +262,6 @@ inline Coded CodeBlocks(const std::vector<std::vector<Lh5Token>>& blocks, std::u
     sink.resize(coder.Written());
     return {sink, coder.Stopped()};
 }
-
 
 // 19 letters with Fibonacci counts (10945 bytes, one block of literals) in shuffled
 // order: their Huffman tree is 18 deep, so the code must be flattened to 16 bits.

@@ -117,14 +117,14 @@ TEST(LhaCrossCheck, IndependentDecoderExtractsEveryUncutStream) {
     ASSERT_GE(members.size(), 10u);
 
     TempDir dir;
-    WriteFile(dir.path() / "check.lzh", archive);
+    WriteBytes(dir.File("check.lzh"), archive);
     const std::string command = "cd '" + dir.path().string() +
                                 "' && mkdir out && lha xqfw=out check.lzh >lha.log 2>&1";
     const int status = std::system(command.c_str());
-    const Bytes log = ReadFile(dir.path() / "lha.log");
+    const Bytes log = ReadBytes(dir.File("lha.log"));
     EXPECT_EQ(status, 0) << std::string(log.begin(), log.end());
     for (const auto& [member, data] : members) {
-        EXPECT_TRUE(ReadFile(dir.path() / "out" / member) == *data) << member << " differs";
+        EXPECT_TRUE(ReadBytes(dir.File("out/" + member)) == *data) << member << " differs";
     }
 }
 

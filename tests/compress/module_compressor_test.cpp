@@ -29,36 +29,19 @@ Bytes Decode(const Bytes& data, Lh5Trace* trace = nullptr) {
     return decoded ? *decoded : Bytes{};
 }
 
-TEST(CompressModule, EmptyInputIsTheFrameAlone) {
-    CompressResult r;
-    const Bytes out = CompressFresh({}, &r);
-    EXPECT_EQ(r.total, 9u);
-    EXPECT_EQ(r.consumed, 0u);
-    EXPECT_TRUE(r.stopped);
-    EXPECT_EQ(out, (Bytes{9, 0, 0, 0, 0, 0, 0, 0, 0}));
-    EXPECT_EQ(Decode(out), Bytes{});
-}
-
-// One byte: the first byte of the block header (the token count's high byte) meets
-// the bound of one consumed byte, the second one is dropped.
-TEST(CompressModule, OneByteStopsAfterOneStreamByte) {
+// Input that does not compress runs into the bound: the total is exactly size + 9 as
+// long as the first fill (8448 bytes) holds the whole input. Nothing gives the frame
+// alone; one byte gives the first byte of the block header (the token count's high
+// byte), which meets the bound of one consumed byte, and the second is dropped.
+TEST(CompressModule, IncompressibleInputStopsAtSizePlus9) {
+    EXPECT_EQ(CompressFresh({}), (Bytes{9, 0, 0, 0, 0, 0, 0, 0, 0}));
+    EXPECT_EQ(Decode(CompressFresh({})), Bytes{});
     for (std::uint8_t value : {0x00, 0x41, 0xFF}) {
-        CompressResult r;
-        const Bytes out = CompressFresh(Bytes{value}, &r);
-        EXPECT_EQ(r.total, 10u);
-        EXPECT_EQ(r.consumed, 1u);
-        EXPECT_TRUE(r.stopped);
-        EXPECT_EQ(out, (Bytes{10, 0, 0, 0, 1, 0, 0, 0, 0x00, 0x00}));
+        EXPECT_EQ(CompressFresh(Bytes{value}), (Bytes{10, 0, 0, 0, 1, 0, 0, 0, 0x00, 0x00}));
     }
-}
-
-// Random bytes do not compress: the stream runs into the bound and the total is
-// exactly size + 9 as long as the first fill (8448 bytes) holds the whole input.
-TEST(CompressModule, RandomInputUpTo8448BytesStopsAtSizePlus9) {
-    for (std::size_t size : {2u, 3u, 17u, 100u, 1000u, 4096u, 8191u, 8192u, 8447u, 8448u}) {
+    for (std::size_t size : {0u, 1u, 2u, 3u, 17u, 100u, 1000u, 4096u, 8191u, 8192u, 8447u, 8448u}) {
         CompressResult r;
-        const Bytes input = RandomBytes(size, size);
-        const Bytes out = CompressFresh(input, &r);
+        const Bytes out = CompressFresh(RandomBytes(size, size), &r);
         EXPECT_TRUE(r.stopped) << size;
         EXPECT_EQ(r.total, size + 9) << size;
         EXPECT_EQ(r.consumed, size);
@@ -68,44 +51,38 @@ TEST(CompressModule, RandomInputUpTo8448BytesStopsAtSizePlus9) {
     }
 }
 
-TEST(CompressModule, EqualBytesCompressToAFewBytes) {
-    CompressResult r;
-    const Bytes input = Filled(4096, 0x5A);
-    const Bytes out = CompressFresh(input, &r);
-    EXPECT_FALSE(r.stopped);
-    EXPECT_LT(r.total, 64u);
-    EXPECT_EQ(TotalField(out), r.total);
-    EXPECT_EQ(OriginalField(out), 4096u);
-    EXPECT_EQ(out.size(), r.total);
-    EXPECT_EQ(out.back(), 0x00);
-    EXPECT_EQ(Decode(out), input);
-}
-
-// The destination is written up to the total and not one byte further.
-TEST(CompressModule, WritesNothingBeyondTheTotal) {
+// The frame holds the total and the original size and ends in a zero byte; the
+// destination is written up to the total and not one byte further, and must have room
+// for size + 9 bytes.
+TEST(CompressModule, FrameAndDestination) {
     Encoder encoder;
-    for (const Bytes& input : {SyntheticText(5000, 1), RandomBytes(300, 2), Bytes{}}) {
+    const struct {
+        Bytes input;
+        bool stopped;
+    } cases[] = {{Filled(4096, 0x5A), false}, {SyntheticText(5000, 1), false},
+                 {RandomBytes(300, 2), true}};
+    for (const auto& [input, stopped] : cases) {
         Bytes out(input.size() + 9 + 16, 0xEE);
         const CompressResult r = encoder.CompressModule(input, out);
+        EXPECT_EQ(TotalField(out), r.total);
+        EXPECT_EQ(OriginalField(out), input.size());
+        EXPECT_EQ(out[r.total - 1], 0x00);
         for (std::size_t i = r.total; i < out.size(); ++i) ASSERT_EQ(out[i], 0xEE) << i;
+        EXPECT_EQ(r.stopped, stopped);
+        if (!r.stopped) {
+            EXPECT_EQ(Decode(Bytes(out.begin(), out.begin() + r.total)), input);
+        }
     }
-}
-
-TEST(CompressModule, RejectsADestinationWithoutRoomForSizePlus9) {
-    Encoder encoder;
-    const Bytes input = SyntheticText(100, 1);
     Bytes out(108);
-    EXPECT_THROW(encoder.CompressModule(input, out), std::invalid_argument);
+    EXPECT_THROW(encoder.CompressModule(SyntheticText(100, 1), out), std::invalid_argument);
 }
 
 // Tokens of the stream, as our decoder reads them back: lazy matching, the newest of
 // equally long matches, 256-byte matches, and the cut to the remaining input.
 TEST(LzhEncoder, ChoosesTokensByTheMatchRules) {
-    const Lh5Token lit_a{0, 0, 'a'};
-    auto lit = [](char c) { return Lh5Token{0, 0, static_cast<std::uint8_t>(c)}; };
-    auto match = [](unsigned length, unsigned distance) {
-        return Lh5Token{static_cast<std::uint16_t>(length), static_cast<std::uint16_t>(distance), 0};
-    };
+    auto lit = [](char c) { return Lit(static_cast<std::uint8_t>(c)); };
+    const Lh5Token lit_a = lit('a');
+    const auto match = Match;
     struct Case {
         const char* name;
         Bytes input;
@@ -232,9 +209,7 @@ TEST(LzhEncoder, TokenBufferShrinksInFixedStepsThenOutOfMemory) {
         EXPECT_EQ(Decode(Compress(encoder, input)), input);
         EXPECT_EQ(encoder.TokenBufferSize(), c.size) << c.limit;
     }
-}
-
-TEST(LzhEncoder, WorkingStorageFailureIsOutOfMemory) {
+    // Working storage that cannot be had is out of memory too.
     Encoder encoder(EncoderLimits{std::size_t(-1), true});
     Bytes out(20);
     try {

@@ -8,14 +8,9 @@
 #include <sstream>
 
 #include "driver/main_flow.h"
-#include "inspect/diff.h"
 #include "inspect/extract.h"
-#include "inspect/image_model.h"
-#include "inspect/inspect_cli.h"
-#include "inspect/report.h"
-#include "inspect/verify.h"
+#include "inspect/test_image.h"
 #include "platform/byte_order.h"
-#include "platform/text_format.h"
 #include "support/test_files.h"
 
 namespace fwforge::inspect {
@@ -27,6 +22,8 @@ using fwforge::testing::TempDir;
 using fwforge::testing::WriteBytes;
 using fwforge::testing::WriteText;
 using fwforge::testing::WithCrLf;
+using testing::ExpectFlipFound;
+using testing::Inspect;
 
 // Runs fwforge in `folder`, where build scripts find their files.
 int Build(const fs::path& folder, std::vector<const char*> args, std::string& console) {
@@ -36,14 +33,6 @@ int Build(const fs::path& folder, std::vector<const char*> args, std::string& co
     args.insert(args.begin(), "fwforge");
     const int status = RunMainFlow(static_cast<int>(args.size()), args.data(), out);
     fs::current_path(before);
-    console = out.str();
-    return status;
-}
-
-int Inspect(std::vector<const char*> args, std::string& console) {
-    std::ostringstream out;
-    args.insert(args.begin(), "fwforge-inspect");
-    const int status = RunInspect(static_cast<int>(args.size()), args.data(), out);
     console = out.str();
     return status;
 }
@@ -279,11 +268,7 @@ TEST(InspectBuiltImages, BundledExample) {
     // Flipped bytes: in a module, in a header, in the main BIOS region, in the EBB.
     const auto main = model.ModulesIn(ModuleArea::Main);
     const auto ebb = model.ModulesIn(ModuleArea::Ebb);
-    struct Flip {
-        std::uint32_t offset;
-        std::string named;
-    };
-    const std::vector<Flip> flips = {
+    const std::pair<std::uint32_t, const char*> flips[] = {
         {main[1]->pieces[0].offset + 40, "module #1 (id 02)"},
         {main[2]->header.offset + 17, "module #2 (id 03)"},
         {main[5]->header.offset + 12, "module #5 (id 20)"},
@@ -293,14 +278,7 @@ TEST(InspectBuiltImages, BundledExample) {
         {model.ebb->offset + model.ebb->length - 8, "EBB at"},
         {model.size - 0x100, "boot block"},
     };
-    for (const Flip& f : flips) {
-        auto damaged = image;
-        damaged[f.offset] ^= 0x20;
-        const VerifyReport report = Verify(damaged, ReadImage(damaged, {}));
-        bool named = false;
-        for (const Finding& p : report.problems) named |= p.where.starts_with(f.named);
-        EXPECT_TRUE(named) << f.named << "\n" << VerifyText(report);
-    }
+    for (const auto& [offset, named] : flips) ExpectFlipFound(image, offset, named);
 }
 
 // The second example: gap placement around ROM holes, a non-critical block, a fixed
@@ -318,21 +296,14 @@ TEST(InspectBuiltImages, BundledGapExample) {
     ASSERT_TRUE(split->Split());
     EXPECT_EQ(ReadBytes(dir.File("x") + "/" + ModuleFileName(model, *split, ".bin")),
               ReadBytes(dir.File("firmware_volume.bin")));
-    const std::vector<std::pair<std::uint32_t, std::string>> flips = {
+    const std::pair<std::uint32_t, const char*> flips[] = {
         {split->pieces[0].offset + 3, "module #6 (id 0A)"},
         {split->piece_headers[0].offset + 17, "module #6 (id 0A)"},
         {block[1]->pieces[0].offset + 9, "non-critical block 1 module #9 (id 41)"},
         {model.ncbs[0].offset + 13, "non-critical block 1"},
         {model.ncbs[0].offset + model.ncbs[0].length - 4, "non-critical block 1"},
     };
-    for (const auto& [offset, named] : flips) {
-        auto damaged = image;
-        damaged[offset] ^= 0x20;
-        const VerifyReport report = Verify(damaged, ReadImage(damaged, {}));
-        bool found = false;
-        for (const Finding& p : report.problems) found |= p.where.starts_with(named);
-        EXPECT_TRUE(found) << named << "\n" << VerifyText(report);
-    }
+    for (const auto& [offset, named] : flips) ExpectFlipFound(image, offset, named);
 }
 
 TEST(InspectBuiltImages, DiffOfTwoBuildsNamesTheOneModule) {

@@ -3,43 +3,29 @@
 
 #include <gtest/gtest.h>
 
-#include "compress/module_compressor.h"
+#include "compress/compress_test_support.h"
 #include "inspect/extract.h"
-#include "inspect/image_model.h"
 #include "inspect/module_data.h"
-#include "inspect/report.h"
 #include "inspect/test_image.h"
-#include "inspect/verify.h"
 #include "platform/text_format.h"
 #include "support/test_files.h"
 
 namespace fwforge::inspect {
 namespace {
 
+using lzh::testing::CompressFresh;
 using testing::BuildTestImage;
 using testing::TestLayout;
 using testing::TestModule;
 
-std::vector<std::uint8_t> Compress(const std::vector<std::uint8_t>& original) {
-    lzh::Encoder encoder;
-    std::vector<std::uint8_t> out(original.size() + 9);
-    const auto r = encoder.CompressModule(original, out);
-    out.resize(r.total);
-    return out;
-}
-
-std::vector<std::uint8_t> Text(std::size_t n) {
-    const std::string words = "the boot block hands over to the main BIOS, which decompresses ";
-    std::vector<std::uint8_t> v;
-    while (v.size() < n) v.push_back(static_cast<std::uint8_t>(words[v.size() % words.size()] + (v.size() / 997) % 3));
-    return v;
-}
+// Text-like data that compresses well.
+std::vector<std::uint8_t> Text(std::size_t n) { return lzh::testing::SyntheticText(n, n); }
 
 TestModule Compressed(std::uint8_t id, const std::vector<std::uint8_t>& original) {
     TestModule m;
     m.id = id;
     m.attributes = 0x00;
-    m.data = Compress(original);
+    m.data = CompressFresh(original);
     return m;
 }
 
@@ -98,7 +84,7 @@ TEST(InspectCompressed, CutOffAndDamagedStreamsAreNotDecodable) {
 }
 
 TEST(InspectCompressed, StoredDataHeadersThatCannotHold) {
-    const auto good = Compress(Text(0x400));
+    const auto good = CompressFresh(Text(0x400));
     auto with = [&](std::size_t at, std::uint32_t v) {
         auto bytes = good;
         store_le32(&bytes[at], v);

@@ -3,11 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <functional>
-#include <sstream>
 
 #include "inspect/diff.h"
-#include "inspect/image_model.h"
-#include "inspect/inspect_cli.h"
 #include "inspect/test_image.h"
 #include "support/test_files.h"
 
@@ -15,17 +12,8 @@ namespace fwforge::inspect {
 namespace {
 
 using testing::BuildTestImage;
-using testing::Pattern;
+using testing::Mod;
 using testing::TestLayout;
-using testing::TestModule;
-
-TestModule Mod(std::uint8_t id, std::size_t size, std::uint8_t seed) {
-    TestModule m;
-    m.id = id;
-    m.data = Pattern(size, seed);
-    m.dest_offset = static_cast<std::uint16_t>(id * 0x10);
-    return m;
-}
 
 TestLayout Base() {
     TestLayout l;
@@ -106,10 +94,9 @@ TEST(InspectDiff, CommandExitStatus) {
     for (const Case& c : {Case{a, 0, "diff: no differences\n"},
                           Case{b, 1, "image    boot block stamp 12345678 -> 1b1b1b1b\n"},
                           Case{bad, 2, "no main BIOS header"}}) {
-        const char* argv[] = {"fwforge-inspect", "diff", a.c_str(), c.second.c_str(), nullptr};
-        std::ostringstream out;
-        EXPECT_EQ(RunInspect(4, argv, out), c.status) << out.str();
-        EXPECT_NE(out.str().find(c.contains), std::string::npos) << out.str();
+        std::string out;
+        EXPECT_EQ(testing::Inspect({"diff", a.c_str(), c.second.c_str()}, out), c.status) << out;
+        EXPECT_NE(out.find(c.contains), std::string::npos) << out;
     }
 }
 

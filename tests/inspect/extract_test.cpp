@@ -5,11 +5,8 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <sstream>
 
 #include "inspect/extract.h"
-#include "inspect/image_model.h"
-#include "inspect/inspect_cli.h"
 #include "inspect/test_image.h"
 #include "platform/text_format.h"
 #include "support/test_files.h"
@@ -18,29 +15,15 @@ namespace fwforge::inspect {
 namespace {
 
 using testing::BuildTestImage;
-using testing::Pattern;
+using testing::Mod;
 using testing::TestLayout;
 using testing::TestModule;
-
-TestModule Mod(std::uint8_t id, std::size_t size, std::uint8_t seed, int pieces = 1) {
-    TestModule m;
-    m.id = id;
-    m.data = Pattern(size, seed);
-    m.pieces = pieces;
-    m.dest_offset = static_cast<std::uint16_t>(0x100 * id);
-    return m;
-}
 
 const ExtractedFile* Find(const ExtractPlan& plan, const std::string& name) {
     for (const ExtractedFile& f : plan.files) {
         if (f.name == name) return &f;
     }
     return nullptr;
-}
-
-std::string ScriptOf(const ExtractPlan& plan) {
-    const ExtractedFile* f = Find(plan, "rebuild.scr");
-    return f ? std::string(f->bytes.begin(), f->bytes.end()) : std::string();
 }
 
 TEST(InspectExtract, EveryModuleComesBackWithItsStoredBytes) {
@@ -54,24 +37,17 @@ TEST(InspectExtract, EveryModuleComesBackWithItsStoredBytes) {
     const ExtractPlan plan = PlanExtract(img.bytes, model);
     EXPECT_TRUE(plan.problems.empty());
 
-    struct Expect {
-        ModuleArea area;
-        int index;
-        std::vector<std::uint8_t> data;
+    const auto main = model.ModulesIn(ModuleArea::Main);
+    const std::pair<const Module*, const TestModule*> expected[] = {
+        {main[0], &l.modules[0]}, {main[1], &l.modules[1]},  // three pieces joined
+        {main[2], &l.modules[2]}, {model.ModulesIn(ModuleArea::Ebb)[0], &l.ebb_modules[0]},
     };
-    const std::vector<Expect> expected = {
-        {ModuleArea::Main, 0, l.modules[0].data},
-        {ModuleArea::Main, 1, l.modules[1].data},  // three pieces joined
-        {ModuleArea::Main, 2, l.modules[2].data},
-        {ModuleArea::Ebb, 0, l.ebb_modules[0].data},
-    };
-    for (const Expect& e : expected) {
-        const Module* m = model.ModulesIn(e.area)[e.index];
+    for (const auto& [m, source] : expected) {
         const ExtractedFile* f = Find(plan, ModuleFileName(model, *m, ".bin"));
-        ASSERT_NE(f, nullptr) << e.index;
-        EXPECT_EQ(f->bytes, e.data) << ModuleFileName(model, *m, ".bin");
+        ASSERT_NE(f, nullptr) << ModuleFileName(model, *m, ".bin");
+        EXPECT_EQ(f->bytes, source->data) << ModuleFileName(model, *m, ".bin");
     }
-    EXPECT_EQ(ModuleFileName(model, *model.ModulesIn(ModuleArea::Main)[0], ".bin"),
+    EXPECT_EQ(ModuleFileName(model, *main[0], ".bin"),
               StrFormat("m00_id11_%x.bin", 0xC0000 + img.module_headers[0] + 20));
 
     const ExtractedFile* info = Find(plan, "imageinfo.inf");
@@ -83,7 +59,9 @@ TEST(InspectExtract, EveryModuleComesBackWithItsStoredBytes) {
     EXPECT_TRUE(std::equal(boot->bytes.end() - l.bbsize, boot->bytes.end(),
                            img.bytes.end() - l.bbsize));
 
-    const std::string script = ScriptOf(plan);
+    const ExtractedFile* rebuild = Find(plan, "rebuild.scr");
+    ASSERT_NE(rebuild, nullptr);
+    const std::string script(rebuild->bytes.begin(), rebuild->bytes.end());
     for (const char* line : {"[init]\r\nfile = bootblock.bin\r\n", "size = 00040000\r\n",
                              "bbsize = 00002000\r\n", "nvramsize = 00001000\r\n",
                              "maxebbsize = 00000400\r\n", "tag = testtag\r\n",
@@ -107,9 +85,8 @@ TEST(InspectExtract, CommandWritesTheFilesAndSaysWhatIsLost) {
     const std::string rom = dir.File("t.rom");
     fwforge::testing::WriteBytes(rom, BuildTestImage(l).bytes);
     const std::string out_dir = dir.File("out/sub");
-    const char* argv[] = {"fwforge-inspect", "extract", rom.c_str(), out_dir.c_str(), nullptr};
-    std::ostringstream out;
-    EXPECT_EQ(RunInspect(4, argv, out), 0) << out.str();
+    std::string out;
+    EXPECT_EQ(testing::Inspect({"extract", rom.c_str(), out_dir.c_str()}, out), 0) << out;
     const auto script_bytes = fwforge::testing::ReadBytes(out_dir + "/rebuild.scr");
     const std::string script(script_bytes.begin(), script_bytes.end());
     EXPECT_NE(script.find("[noncriticalrom]\r\nname = ncb1\r\nstartaddress = 000d0000\r\n"
@@ -119,7 +96,7 @@ TEST(InspectExtract, CommandWritesTheFilesAndSaysWhatIsLost) {
     EXPECT_NE(script.find("romregion = ncb1\r\n"), std::string::npos);
     for (const char* text : {"rebuild.scr", "the names of non-critical blocks",
                              "the order of the [module] sections", "extract: 6 files written"}) {
-        EXPECT_NE(out.str().find(text), std::string::npos) << text << "\n" << out.str();
+        EXPECT_NE(out.find(text), std::string::npos) << text << "\n" << out;
     }
     int module_files = 0;
     for (const auto& entry : std::filesystem::directory_iterator(out_dir)) {

@@ -4,13 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
-#include <sstream>
-
-#include "inspect/image_model.h"
-#include "inspect/inspect_cli.h"
-#include "inspect/report.h"
-#include "inspect/verify.h"
 #include "inspect/test_image.h"
 #include "support/test_files.h"
 
@@ -18,53 +11,13 @@ namespace fwforge::inspect {
 namespace {
 
 using testing::BuildTestImage;
-using testing::Pattern;
+using testing::FullLayout;
+using testing::Mod;
 using testing::TestImage;
 using testing::TestLayout;
-using testing::TestModule;
-
-TestModule Mod(std::uint8_t id, std::size_t size, std::uint8_t seed, int pieces = 1) {
-    TestModule m;
-    m.id = id;
-    m.data = Pattern(size, seed);
-    m.pieces = pieces;
-    m.dest_offset = static_cast<std::uint16_t>(id * 0x10);
-    return m;
-}
-
-// Every kind of item: modules, an add-on ROM with a linked one, a split module, the
-// EBB with two modules and a non-critical block with one.
-TestLayout FullLayout() {
-    TestLayout l;
-    l.ebb_size = 0x800;
-    l.flags = 0x06;
-    l.region_from_zero = true;
-    l.modules = {Mod(0x11, 0x300, 1), Mod(0x12, 0x1001, 2), Mod(0x20, 0x200, 3),
-                 Mod(0x20, 0, 4), Mod(0x13, 0x900, 5, 3)};
-    l.modules[2].dest_offset = 0x8086;
-    l.modules[2].dest_segment = 0x1234;
-    l.modules[3].attributes = 0x40;  // linked add-on ROM: no data, parent's size
-    l.modules[3].dest_offset = 0x8086;
-    l.modules[3].dest_segment = 0x5678;
-    l.ebb_modules = {Mod(0x30, 0x40, 6), Mod(0x31, 0x84, 7)};
-    TestModule in_block = Mod(0x40, 0x100, 8);
-    l.ncbs = {{0x10000, 0x1000, {in_block}}};
-    return l;
-}
-
-TestImage BuildFullWithLink() { return BuildTestImage(FullLayout()); }
-
-bool HasProblem(const VerifyReport& r, const std::string& where_part) {
-    for (const Finding& f : r.problems) {
-        if (f.where.find(where_part) != std::string::npos) return true;
-    }
-    return false;
-}
-
-std::string Problems(const VerifyReport& r) { return VerifyText(r); }
 
 TEST(InspectReader, ReadsEveryRegionAndModuleOfACleanImage) {
-    const TestImage img = BuildFullWithLink();
+    const TestImage img = BuildTestImage(FullLayout());
     const ImageModel model = ReadImage(img.bytes, {});
     ASSERT_TRUE(model.main);
     EXPECT_EQ(model.main->signature, img.main_signature);
@@ -94,14 +47,14 @@ TEST(InspectReader, ReadsEveryRegionAndModuleOfACleanImage) {
     EXPECT_EQ(model.ModulesIn(ModuleArea::Ebb).size(), 2u);
     ASSERT_EQ(model.ncbs.size(), 1u);
     const auto block = model.ModulesIn(ModuleArea::Ncb, 0);
-    ASSERT_EQ(block.size(), 1u);
+    ASSERT_EQ(block.size(), 2u);
     EXPECT_EQ(block[0]->index, 6);  // numbered on from the main chain
     EXPECT_EQ(model.info.tool_version, "3.33");
     ASSERT_EQ(model.info.holes.size(), 1u);
     EXPECT_EQ(model.info.holes[0].kind, 2);
 
     const VerifyReport report = Verify(img.bytes, model);
-    EXPECT_TRUE(report.Clean()) << Problems(report);
+    EXPECT_TRUE(report.Clean()) << VerifyText(report);
     EXPECT_GT(report.checks, 20);
 }
 
@@ -124,7 +77,7 @@ TEST(InspectReader, ThirtyTwoBitLinksAndForcedForms) {
     const TestImage c = BuildTestImage(compat);
     const ImageModel cm = ReadImage(c.bytes, {});
     EXPECT_TRUE(cm.links32);
-    EXPECT_TRUE(Verify(c.bytes, cm).Clean()) << Problems(Verify(c.bytes, cm));
+    EXPECT_TRUE(Verify(c.bytes, cm).Clean()) << VerifyText(Verify(c.bytes, cm));
 
     // Forcing the wrong form is reported, not followed blindly.
     InspectOptions forced;
@@ -134,48 +87,24 @@ TEST(InspectReader, ThirtyTwoBitLinksAndForcedForms) {
     EXPECT_FALSE(Verify(img.bytes, wrong).Clean());
 }
 
-struct FlipCase {
-    const char* name;
-    std::function<std::uint32_t(const TestImage&)> offset;
-    const char* named;  // part of the problem's "where"
-};
-
 TEST(InspectVerify, FindsAndNamesEveryFlippedByte) {
-    const TestImage clean = BuildFullWithLink();
-    const FlipCase cases[] = {
-        {"module data", [](const TestImage& i) { return i.module_headers[1] + 20 + 0x80; },
-         "module #1 (id 12)"},
-        {"module header destination", [](const TestImage& i) { return i.module_headers[0] + 16; },
-         "module #0 (id 11)"},
-        {"linked add-on ROM header", [](const TestImage& i) { return i.module_headers[3] + 18; },
-         "module #3 (id 20)"},
-        {"split piece data", [](const TestImage& i) { return i.module_headers[4] + 20 + 4; },
-         "module #4 (id 13)"},
-        {"image information data", [](const TestImage& i) { return i.module_headers[5] + 20 + 6; },
-         "module #5 (id 80)"},
-        {"main BIOS header stamp", [](const TestImage& i) { return i.main_signature + 9; },
-         "main BIOS header"},
-        {"main BIOS region padding",
-         [](const TestImage& i) { return i.main_signature - 7; }, "main BIOS header"},
-        {"EBB module data", [](const TestImage& i) { return i.ebb_headers[1] + 20 + 3; },
-         "EBB module #1 (id 31)"},
-        {"EBB free space", [](const TestImage& i) { return i.ebb_offset + 0x700; }, "EBB at"},
-        {"EBB header length", [](const TestImage& i) { return i.ebb_offset + 13; }, "EBB at"},
-        {"non-critical block module", [](const TestImage&) { return 0x10000u + 24 + 20 + 5; },
-         "non-critical block 1 module #6"},
-        {"non-critical block filler", [](const TestImage&) { return 0x10800u; },
-         "non-critical block 1"},
-        {"boot block", [](const TestImage& i) { return static_cast<std::uint32_t>(i.bytes.size() - 0x100); },
-         "boot block"},
+    const TestImage i = BuildTestImage(FullLayout());
+    const std::pair<std::uint32_t, const char*> flips[] = {
+        {i.module_headers[1] + 20 + 0x80, "module #1 (id 12)"},      // module data
+        {i.module_headers[0] + 16, "module #0 (id 11)"},             // header destination
+        {i.module_headers[3] + 18, "module #3 (id 20)"},             // linked add-on ROM header
+        {i.module_headers[4] + 20 + 4, "module #4 (id 13)"},         // split piece data
+        {i.module_headers[5] + 20 + 6, "module #5 (id 80)"},         // image information
+        {i.main_signature + 9, "main BIOS header"},                  // stamp
+        {i.main_signature - 7, "main BIOS header"},                  // region padding
+        {i.ebb_headers[1] + 20 + 3, "EBB module #1 (id 31)"},        // EBB module data
+        {i.ebb_offset + 0x700, "EBB at"},                            // EBB free space
+        {i.ebb_offset + 13, "EBB at"},                               // EBB header length
+        {0x10000u + 24 + 20 + 5, "non-critical block 1 module #6"},  // block module
+        {0x10800u, "non-critical block 1"},                          // block filler
+        {static_cast<std::uint32_t>(i.bytes.size() - 0x100), "boot block"},
     };
-    for (const FlipCase& c : cases) {
-        TestImage img = clean;
-        img.bytes[c.offset(img)] ^= 0x04;
-        const ImageModel model = ReadImage(img.bytes, {});
-        const VerifyReport report = Verify(img.bytes, model);
-        EXPECT_FALSE(report.Clean()) << c.name;
-        EXPECT_TRUE(HasProblem(report, c.named)) << c.name << "\n" << Problems(report);
-    }
+    for (const auto& [at, named] : flips) testing::ExpectFlipFound(i.bytes, at, named, 0x04);
 }
 
 TEST(InspectVerify, OverlapsAndBadLengthsAreProblems) {
@@ -186,76 +115,54 @@ TEST(InspectVerify, OverlapsAndBadLengthsAreProblems) {
     const std::uint32_t h = img.module_headers[1];
     store_le32(&img.bytes[h], 0x200);
     const VerifyReport report = Verify(img.bytes, ReadImage(img.bytes, {}));
-    EXPECT_TRUE(HasProblem(report, "module #1 (id 12)")) << Problems(report);
-    bool overlap = false;
-    for (const Finding& f : report.problems) overlap |= f.what.find("overlaps") != std::string::npos;
-    EXPECT_TRUE(overlap) << Problems(report);
+    bool named = false, overlap = false;
+    for (const Finding& f : report.problems) {
+        named |= f.where.starts_with("module #1 (id 12)");
+        overlap |= f.what.find("overlaps") != std::string::npos;
+    }
+    EXPECT_TRUE(named && overlap) << VerifyText(report);
 }
 
 // Malformed images of every kind: the tool reports and ends with 1 or 2.
 TEST(InspectRobustness, MalformedImagesEndWithAReport) {
-    const TestImage clean = BuildFullWithLink();
-    struct Case {
-        const char* name;
-        std::function<std::vector<std::uint8_t>()> make;
+    using Bytes = std::vector<std::uint8_t>;
+    const TestImage clean = BuildTestImage(FullLayout());
+    const Bytes& b = clean.bytes;
+    const std::uint32_t main_signature = clean.main_signature;
+    auto with32 = [&](std::uint32_t at, std::uint32_t value) {
+        Bytes v = b;
+        store_le32(&v[at], value);
+        return v;
     };
-    const std::vector<Case> cases = {
-        {"empty", [] { return std::vector<std::uint8_t>{}; }},
-        {"garbage", [] { return fwforge::testing::RandomBytes(0x20000, 7); }},
-        {"all 0xFF", [] { return std::vector<std::uint8_t>(0x10000, 0xFF); }},
-        {"signature only", [] {
-             std::vector<std::uint8_t> v(64, 0);
-             std::copy_n("ZELBIOSC", 8, v.begin() + 60 - 8);
-             return v;
-         }},
-        {"truncated below the main header",
-         [&] { return std::vector<std::uint8_t>(clean.bytes.begin(), clean.bytes.begin() + clean.main_signature + 12); }},
-        {"truncated in the middle", [&] {
-             return std::vector<std::uint8_t>(clean.bytes.begin() + 0x30000, clean.bytes.end());
-         }},
-        {"looping link", [&] {
-             auto v = clean.bytes;
-             // The last module links back to the first.
-             std::copy_n(&v[clean.main_signature + 18], 4, &v[clean.module_headers.back() + 8]);
-             return v;
-         }},
-        {"link out of range", [&] {
-             auto v = clean.bytes;
-             store_le32(&v[clean.module_headers[1] + 8], 0x0001FFF0);
-             return v;
-         }},
-        {"data size past the end", [&] {
-             auto v = clean.bytes;
-             store_le32(&v[clean.module_headers[0]], 0x7FFFFFFF);
-             return v;
-         }},
-        {"EBB length past the end", [&] {
-             auto v = clean.bytes;
-             store_le32(&v[clean.ebb_offset + 12], 0xFFFFFFF0);
-             return v;
-         }},
-        {"EBB link loop", [&] {
-             auto v = clean.bytes;
-             store_le32(&v[clean.ebb_headers[1] + 8], 0x20);
-             return v;
-         }},
-        {"image info records loop", [&] {
-             auto v = clean.bytes;
-             store_le16(&v[clean.module_headers[5] + 20 + 9], 0);
-             return v;
-         }},
+    Bytes looping = b;  // the last module links back to the first
+    std::copy_n(&looping[clean.main_signature + 18], 4, &looping[clean.module_headers.back() + 8]);
+    Bytes info_loop = b;
+    store_le16(&info_loop[clean.module_headers[5] + 20 + 9], 0);
+    Bytes signature_only(64, 0);
+    std::copy_n("ZELBIOSC", 8, signature_only.begin() + 52);
+    const std::pair<const char*, Bytes> cases[] = {
+        {"empty", {}},
+        {"garbage", fwforge::testing::RandomBytes(0x20000, 7)},
+        {"all 0xFF", Bytes(0x10000, 0xFF)},
+        {"signature only", signature_only},
+        {"truncated below the main header", Bytes(b.begin(), b.begin() + main_signature + 12)},
+        {"truncated in the middle", Bytes(b.begin() + 0x30000, b.end())},
+        {"looping link", looping},
+        {"link out of range", with32(clean.module_headers[1] + 8, 0x0001FFF0)},
+        {"data size past the end", with32(clean.module_headers[0], 0x7FFFFFFF)},
+        {"EBB length past the end", with32(clean.ebb_offset + 12, 0xFFFFFFF0)},
+        {"EBB link loop", with32(clean.ebb_headers[1] + 8, 0x20)},
+        {"image info records loop", info_loop},
     };
     fwforge::testing::TempDir dir;
-    for (const Case& c : cases) {
-        const std::string path = dir.File("bad.rom");
-        fwforge::testing::WriteBytes(path, c.make());
+    const std::string path = dir.File("bad.rom");
+    for (const auto& [name, image] : cases) {
+        fwforge::testing::WriteBytes(path, image);
         for (const char* command : {"list", "verify", "map"}) {
-            const char* argv[] = {"fwforge-inspect", command, path.c_str(), nullptr};
-            std::ostringstream out;
-            const int status = RunInspect(3, argv, out);
-            EXPECT_TRUE(status == 1 || status == 2) << c.name << " " << command << ": " << status;
-            EXPECT_NE(out.str().find("PROBLEM: "), std::string::npos)
-                << c.name << " " << command << "\n" << out.str();
+            std::string out;
+            const int status = testing::Inspect({command, path.c_str()}, out);
+            EXPECT_TRUE(status == 1 || status == 2) << name << " " << command << ": " << status;
+            EXPECT_NE(out.find("PROBLEM: "), std::string::npos) << name << " " << command << out;
         }
     }
 }
@@ -263,7 +170,7 @@ TEST(InspectRobustness, MalformedImagesEndWithAReport) {
 TEST(InspectCli, CommandLineErrorsAndJson) {
     fwforge::testing::TempDir dir;
     const std::string path = dir.File("clean.rom");
-    fwforge::testing::WriteBytes(path, BuildFullWithLink().bytes);
+    fwforge::testing::WriteBytes(path, BuildTestImage(FullLayout()).bytes);
     // Texts from the image are escaped so that the JSON stays valid.
     TestLayout odd = FullLayout();
     odd.tool_version = "3\"\x01\xff";
@@ -298,13 +205,9 @@ TEST(InspectCli, CommandLineErrorsAndJson) {
         {{"verify", path.c_str(), "--32"}, 1, "PROBLEM: main BIOS header"},
     };
     for (const Case& c : cases) {
-        std::vector<const char*> argv = {"fwforge-inspect"};
-        argv.insert(argv.end(), c.args.begin(), c.args.end());
-        argv.push_back(nullptr);
-        std::ostringstream out;
-        EXPECT_EQ(RunInspect(static_cast<int>(argv.size() - 1), argv.data(), out), c.status)
-            << (c.args.empty() ? "" : c.args[0]) << "\n" << out.str();
-        EXPECT_NE(out.str().find(c.contains), std::string::npos) << out.str();
+        std::string out;
+        EXPECT_EQ(testing::Inspect(c.args, out), c.status) << out;
+        EXPECT_NE(out.find(c.contains), std::string::npos) << out;
     }
 }
 

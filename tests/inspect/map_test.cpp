@@ -5,10 +5,7 @@
 
 #include <cstdlib>
 #include <set>
-#include <sstream>
 
-#include "inspect/image_model.h"
-#include "inspect/inspect_cli.h"
 #include "inspect/map.h"
 #include "inspect/test_image.h"
 #include "support/test_files.h"
@@ -17,33 +14,10 @@ namespace fwforge::inspect {
 namespace {
 
 using testing::BuildTestImage;
-using testing::Pattern;
-using testing::TestLayout;
-using testing::TestModule;
+using testing::FullLayout;
 
-TestModule Mod(std::uint8_t id, std::size_t size, std::uint8_t seed, int pieces = 1) {
-    TestModule m;
-    m.id = id;
-    m.data = Pattern(size, seed);
-    m.pieces = pieces;
-    return m;
-}
-
-// An image with a module of every kind, for the map tests and the browser check.
-TestLayout MapLayout() {
-    TestLayout l;
-    l.ebb_size = 0x800;
-    l.flags = 0x06;
-    l.region_from_zero = true;
-    l.modules = {Mod(0x11, 0x3000, 1), Mod(0x12, 0x1001, 2), Mod(0x13, 0x900, 5, 3),
-                 Mod(0x14, 0x40, 6)};
-    l.ebb_modules = {Mod(0x30, 0x40, 6), Mod(0x31, 0x84, 7)};
-    l.ncbs = {{0x10000, 0x1000, {Mod(0x40, 0x100, 8), Mod(0x41, 0x80, 9)}}};
-    return l;
-}
-
-TEST(InspectMap, EntriesCoverTheImageInAddressOrder) {
-    const auto img = BuildTestImage(MapLayout());
+TEST(InspectMap, EntriesCoverTheImageInAddressOrderAsTextAndHtml) {
+    const auto img = BuildTestImage(FullLayout());
     const ImageModel model = ReadImage(img.bytes, {});
     const std::vector<MapEntry> map = BuildMap(img.bytes, model);
     // Top-level entries tile the image without gaps or overlaps.
@@ -60,15 +34,12 @@ TEST(InspectMap, EntriesCoverTheImageInAddressOrder) {
 
     const std::string text = MapText(img.bytes, model);
     for (const char* line : {"boot block", "Extended Boot Block", "NVRAM area", "main BIOS header",
-                             "module #2 (id 13) piece 1", "module #2 (id 13) last piece",
-                             "    d0018-d012b", "non-critical block 1 module #6 (id 41)", "free: 0xFF"}) {
+                             "module #4 (id 13) piece 1", "module #4 (id 13) last piece",
+                             "    d0018-d012b", "non-critical block 1 module #7 (id 41)", "free: 0xFF"}) {
         EXPECT_NE(text.find(line), std::string::npos) << line << "\n" << text;
     }
-}
 
-TEST(InspectMap, HtmlPageIsSelfContainedWithABoxPerModule) {
-    const auto img = BuildTestImage(MapLayout());
-    const ImageModel model = ReadImage(img.bytes, {});
+    // The HTML page is self-contained, with a box for every module.
     const std::string html = MapHtml(img.bytes, model, "map <test>");
     EXPECT_TRUE(html.starts_with("<!DOCTYPE html>"));
     EXPECT_NE(html.find("<title>map &lt;test&gt;</title>"), std::string::npos);
@@ -91,12 +62,11 @@ TEST(InspectMap, WritesTheImageForTheBrowserCheck) {
     fwforge::testing::TempDir dir;
     const char* wanted = std::getenv("FWFORGE_INSPECT_MAP_FIXTURE");
     const std::string rom = wanted ? wanted : dir.File("map.rom");
-    fwforge::testing::WriteBytes(rom, BuildTestImage(MapLayout()).bytes);
+    fwforge::testing::WriteBytes(rom, BuildTestImage(FullLayout()).bytes);
     const std::string html = dir.File("map.html");
-    const char* argv[] = {"fwforge-inspect", "map", rom.c_str(), "--html", html.c_str(), nullptr};
-    std::ostringstream out;
-    EXPECT_EQ(RunInspect(5, argv, out), 0) << out.str();
-    EXPECT_EQ(out.str(), "map: " + html + " written\n");
+    std::string out;
+    EXPECT_EQ(testing::Inspect({"map", rom.c_str(), "--html", html.c_str()}, out), 0) << out;
+    EXPECT_EQ(out, "map: " + html + " written\n");
 }
 
 }  // namespace

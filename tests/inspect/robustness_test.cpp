@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include "compress/compress_test_support.h"
 #include "inspect/diff.h"
 #include "inspect/extract.h"
 #include "inspect/image_model.h"
@@ -17,20 +18,9 @@ namespace fwforge::inspect {
 namespace {
 
 using testing::BuildTestImage;
-using testing::Pattern;
+using testing::Mod;
 using testing::TestLayout;
 using testing::TestModule;
-
-struct Rng {
-    std::uint32_t state;
-    std::uint32_t Next() {
-        state ^= state << 13;
-        state ^= state >> 17;
-        state ^= state << 5;
-        return state;
-    }
-    std::uint32_t Below(std::uint32_t n) { return n ? Next() % n : 0; }
-};
 
 // Runs everything a command would run on the image; returns whether verify was clean.
 bool Exercise(const std::vector<std::uint8_t>& image, const std::vector<std::uint8_t>& other) {
@@ -55,20 +45,14 @@ TEST(InspectRobustness, RandomMutationsOfValidImages) {
     l.ebb_size = 0x400;
     l.flags = 0x02;
     l.region_from_zero = true;
-    TestModule a, b, c, e;
-    a.data = Pattern(0x300, 1);
-    b.data = Pattern(0x500, 2);
-    b.pieces = 3;
-    c.id = 0x20;
-    c.data = Pattern(0x80, 3);
-    e.data = Pattern(0x40, 4);
-    l.modules = {a, b, c};
+    const TestModule a = Mod(0x10, 0x300, 1), e = Mod(0x10, 0x40, 4);
+    l.modules = {a, Mod(0x10, 0x500, 2, 3), Mod(0x20, 0x80, 3)};
     l.ebb_modules = {e, e};
     l.ncbs = {{0x2000, 0x400, {e, a}}};
     const std::vector<std::uint8_t> clean = BuildTestImage(l).bytes;
     ASSERT_TRUE(Exercise(clean, clean));
 
-    Rng rng{0x2545F491};
+    lzh::testing::Rng rng(0x2545F491);
     int found = 0;
     const int rounds = 120;
     for (int round = 0; round < rounds; ++round) {

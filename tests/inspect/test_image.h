@@ -3,13 +3,21 @@
 // block, an Extended Boot Block, an NVRAM area, a main BIOS header with a module chain
 // stacked downwards (split modules as chained pieces), an image information module
 // and non-critical blocks, byte by byte, with every link and checksum, so that the
-// reader is tested against the formats themselves and not against the writer.
+// reader is tested against the formats themselves and not against the writer. Below
+// it, helpers that run the inspector on images.
+
+#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstdint>
+#include <sstream>
 #include <string>
 #include <vector>
 
+#include "inspect/image_model.h"
+#include "inspect/inspect_cli.h"
+#include "inspect/report.h"
+#include "inspect/verify.h"
 #include "layout/checksum.h"
 #include "platform/byte_order.h"
 
@@ -277,6 +285,55 @@ inline std::vector<std::uint8_t> Pattern(std::size_t n, std::uint8_t seed) {
     std::vector<std::uint8_t> v(n);
     for (std::size_t i = 0; i < n; ++i) v[i] = static_cast<std::uint8_t>(seed + i * 13 + (i >> 7));
     return v;
+}
+
+// A module of `size` pattern bytes, loaded at f000:(id * 10).
+inline TestModule Mod(std::uint8_t id, std::size_t size, std::uint8_t seed, int pieces = 1) {
+    TestModule m;
+    m.id = id;
+    m.data = Pattern(size, seed);
+    m.pieces = pieces;
+    m.dest_offset = static_cast<std::uint16_t>(id * 0x10);
+    return m;
+}
+
+// Every kind of item: modules, an add-on ROM with a linked one, a split module, the
+// EBB with two modules and a non-critical block with two.
+inline TestLayout FullLayout() {
+    TestLayout l;
+    l.ebb_size = 0x800;
+    l.flags = 0x06;
+    l.region_from_zero = true;
+    l.modules = {Mod(0x11, 0x300, 1), Mod(0x12, 0x1001, 2), Mod(0x20, 0x200, 3),
+                 Mod(0x20, 0, 4), Mod(0x13, 0x900, 5, 3)};
+    l.modules[2].dest_offset = 0x8086;
+    l.modules[2].dest_segment = 0x1234;
+    l.modules[3].attributes = 0x40;  // linked add-on ROM: no data, parent's size
+    l.modules[3].dest_offset = 0x8086;
+    l.modules[3].dest_segment = 0x5678;
+    l.ebb_modules = {Mod(0x30, 0x40, 6), Mod(0x31, 0x84, 7)};
+    l.ncbs = {{0x10000, 0x1000, {Mod(0x40, 0x100, 8), Mod(0x41, 0x80, 9)}}};
+    return l;
+}
+
+// Runs fwforge-inspect with `args`; returns its exit status and leaves its output in
+// `console`.
+inline int Inspect(std::vector<const char*> args, std::string& console) {
+    std::ostringstream out;
+    args.insert(args.begin(), "fwforge-inspect");
+    const int status = RunInspect(static_cast<int>(args.size()), args.data(), out);
+    console = out.str();
+    return status;
+}
+
+// Verifies `image` with the byte at `offset` flipped: some problem is named `named`.
+inline void ExpectFlipFound(std::vector<std::uint8_t> image, std::uint32_t offset,
+                            const std::string& named, std::uint8_t mask = 0x20) {
+    image[offset] ^= mask;
+    const VerifyReport report = Verify(image, ReadImage(image, {}));
+    bool found = false;
+    for (const Finding& p : report.problems) found |= p.where.starts_with(named);
+    EXPECT_TRUE(found) << "flip at " << offset << ": " << named << "\n" << VerifyText(report);
 }
 
 }  // namespace fwforge::inspect::testing

@@ -4,6 +4,8 @@
 #include <sys/stat.h>
 
 #include <filesystem>
+#include <span>
+#include <string_view>
 
 #include "script/script_fixture.h"
 
@@ -22,7 +24,14 @@ std::string ReadAll(const std::string& name) {
     return std::string(bytes.begin(), bytes.end());
 }
 
-TEST(FileLayer, ComposeOutputName) {
+// Creates `name` and writes `bytes` to it.
+bool WriteAll(const std::string& name, std::string_view bytes) {
+    auto file = OutputFile::Create(name);
+    return file && file->Write(std::span(reinterpret_cast<const std::uint8_t*>(bytes.data()),
+                                         bytes.size()));
+}
+
+TEST(FileLayer, ComposedNamesAndHostSeparators) {
     struct Case {
         std::string output_path, rest, expected;
     } cases[] = {
@@ -37,9 +46,6 @@ TEST(FileLayer, ComposeOutputName) {
     for (const Case& c : cases) {
         EXPECT_EQ(ComposeOutputName(c.output_path, c.rest), c.expected) << c.output_path;
     }
-}
-
-TEST(FileLayer, BackslashesBecomeHostSeparators) {
     EXPECT_EQ(ToHostSeparators("a\\b\\c.bin"), "a/b/c.bin");
     EXPECT_EQ(ToHostSeparators("\\\\x"), "//x");
     EXPECT_EQ(ToHostSeparators("plain"), "plain");
@@ -79,52 +85,31 @@ TEST(FileLayer, InputNamesAreFoundWhateverTheirCase) {
     }
 }
 
-TEST(FileLayer, OutputFilesKeepTheirComposedName) {
+// Output files keep their composed name, replace what was there, and have no path
+// limit; reading refuses to come up short.
+TEST(FileLayer, OutputFilesAndExactReads) {
     ScratchDir dir;
     std::filesystem::create_directories(dir.path() / "Out");
     dir.WriteBytes("Out/OLD.BIN", "old contents");
-    {
-        auto file = OutputFile::Create(dir.Path("out") + "\\BIOS1.int");
-        ASSERT_TRUE(file);
-        const std::uint8_t bytes[] = {1, 2, 3};
-        EXPECT_TRUE(file->Write(bytes));
-    }
+    EXPECT_TRUE(WriteAll(dir.Path("out") + "\\BIOS1.int", "\x01\x02\x03"));
     EXPECT_TRUE(std::filesystem::exists(dir.path() / "Out" / "BIOS1.int"));
     EXPECT_EQ(ReadAll(dir.Path("Out/BIOS1.int")), "\x01\x02\x03");
-    {
-        // An existing file is replaced, not appended to.
-        auto file = OutputFile::Create(dir.Path("Out/OLD.BIN"));
-        ASSERT_TRUE(file);
-        const std::uint8_t bytes[] = {'n', 'e', 'w'};
-        EXPECT_TRUE(file->Write(bytes));
-    }
+    EXPECT_TRUE(WriteAll(dir.Path("Out/OLD.BIN"), "new"));
     EXPECT_EQ(ReadAll(dir.Path("Out/OLD.BIN")), "new");
     EXPECT_FALSE(OutputFile::Create(dir.Path("nowhere/x.bin")));
     EXPECT_FALSE(OutputFile::Create(""));
-}
 
-TEST(FileLayer, LongPathsHaveNoLimit) {
-    ScratchDir dir;
     std::filesystem::path deep = dir.path();
     for (int i = 0; i < 6; ++i) deep /= std::string(60, static_cast<char>('a' + i));
     std::filesystem::create_directories(deep);
     const std::string name = (deep / "Long.Bin").string();
     ASSERT_GT(name.size(), 360u);
-    {
-        auto file = OutputFile::Create(name);
-        ASSERT_TRUE(file);
-        const std::uint8_t byte[] = {0x5A};
-        EXPECT_TRUE(file->Write(byte));
-    }
+    EXPECT_TRUE(WriteAll(name, "Z"));
     std::string lower = name;
     for (char& c : lower) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
     EXPECT_EQ(ReadAll(lower), "Z");
-}
 
-TEST(FileLayer, ReadExactlyRefusesShortReads) {
-    ScratchDir dir;
-    const std::string name = dir.WriteBytes("four.bin", "1234");
-    auto file = InputFile::Open(name);
+    auto file = InputFile::Open(dir.WriteBytes("four.bin", "1234"));
     ASSERT_TRUE(file);
     EXPECT_EQ(file->Size(), 4u);
     std::vector<std::uint8_t> five(5);

@@ -3,6 +3,7 @@
 
 #include <string>
 
+#include "platform/byte_order.h"
 #include "script/script_fixture.h"
 
 // Case tables leave the fields that keep their default value out.
@@ -15,9 +16,6 @@ const std::string kTwoDigit = "Expected two digit hex number (i.e. 00 - FF).  ";
 const std::string kFourDigit = "Expected four digit hex number (i.e. 0000 - FFFF).  ";
 const std::string kSegOff = "Expected segment:offset (i.e. xxxx:yyyy).  ";
 const std::string kYesNo = "Expected 'yes' or 'no'.  ";
-const std::string kEightDigit = "Expected eight digit hex number (i.e. 00000000 - FFFFFFFF).  ";
-const std::string kAddress = "Expected 8 digit hex number (i.e. 00000000 - FFFFFFFF).  ";
-const std::string kPlainKeys = "Expected one of the following keywords: File, ModuleId, or Destn. ";
 const std::string kAddOnKeys =
     "Expected one of the following keywords: File, ModuleId, VendorId, or DeviceId. ";
 const std::string kLinkKeys =
@@ -49,23 +47,10 @@ std::vector<std::string> Link(const std::string& vendor, const std::string& devi
 std::vector<std::string> Plain(const std::string& file) {
     return {"[module]", "file = " + file, "moduleid = 08", "destn = f000:0000"};
 }
-std::vector<std::string> Repeat(const std::vector<std::string>& section, int times) {
-    std::vector<std::string> lines;
-    for (int i = 0; i < times; ++i) lines.insert(lines.end(), section.begin(), section.end());
-    return lines;
-}
-
-struct ModuleFatalCase {
-    std::string name;
-    std::vector<std::string> lines;
-    std::string message;
-    int line;  // 0: no "Refer to" tail
-};
-
 using ModuleSectionTest = ScriptTest;
 
 TEST_F(ModuleSectionTest, KeyValueErrors) {
-    const ModuleFatalCase cases[] = {
+    const FatalCase cases[] = {
         {"moduleid 100", Module({"moduleid = 100"}), kTwoDigit, 8},
         {"moduleid -1", Module({"moduleid = -1"}), kTwoDigit, 8},
         {"moduleid zz", Module({"file = a", "moduleid = zz"}), kTwoDigit, 9},
@@ -98,16 +83,13 @@ TEST_F(ModuleSectionTest, KeyValueErrors) {
          "StartAddress - 20 wraps below 0.  ",
          11},
     };
-    for (const ModuleFatalCase& c : cases) {
-        SCOPED_TRACE(c.name);
-        ExpectFatal(ParseLines(c.lines), AtLine(c.message, c.line));
-    }
+    ExpectFatalCases(cases);
 }
 
 TEST_F(ModuleSectionTest, EndOfSectionErrors) {
     const std::vector<std::string> fixed = {"file = post.bin", "moduleid = 08", "destn = f000:8000",
                                             "startaddress = 000f0000"};
-    const ModuleFatalCase cases[] = {
+    const FatalCase cases[] = {
         {"alignment with startaddress", Module(Join({fixed, {"alignment = 10"}})),
          "Alignment tag and StartAddress tag not mutually supported. ", 13},
         {"alignment 4 still conflicts", Module(Join({fixed, {"alignment = 4", "", "//"}})),
@@ -118,12 +100,12 @@ TEST_F(ModuleSectionTest, EndOfSectionErrors) {
          "StartAddress tag not supported for Option Rom Link.  ", 13},
         {"alignment with romregion", PlainWith("alignment = 2 romregion = setup"),
          "Alignment tag not supported for Non-Critical Block modules. ", 12},
-        {"plain module without destn", Module({"file = a", "moduleid = 08"}), kPlainKeys, 10},
-        {"plain module without moduleid", Module({"file = a", "destn = f000:0000"}), kPlainKeys,
+        {"plain module without destn", Module({"file = a", "moduleid = 08"}), kModuleKeys, 10},
+        {"plain module without moduleid", Module({"file = a", "destn = f000:0000"}), kModuleKeys,
          10},
-        {"plain module without file", Module({"moduleid = 08", "destn = f000:0000"}), kPlainKeys,
+        {"plain module without file", Module({"moduleid = 08", "destn = f000:0000"}), kModuleKeys,
          10},
-        {"empty module section", Join({kBios, {"[module]", "[module]"}}), kPlainKeys, 8},
+        {"empty module section", Join({kBios, {"[module]", "[module]"}}), kModuleKeys, 8},
         {"add-on ROM without file",
          Join({kBios, {"[module]", "moduleid = 20", "vendorid = 1000", "deviceid = 0001"}}),
          kAddOnKeys, 11},
@@ -163,38 +145,12 @@ TEST_F(ModuleSectionTest, EndOfSectionErrors) {
                       Repeat({"startaddress = 000f0000"}, 17)})),
          "Maximum number of ROMHOLEs, NCBs or MODULEs with StartAddress exceeded", 0},
     };
-    for (const ModuleFatalCase& c : cases) {
-        SCOPED_TRACE(c.name);
-        ExpectFatal(ParseLines(c.lines), c.line == 0 ? c.message : AtLine(c.message, c.line));
-    }
+    ExpectFatalCases(cases);
 }
 
-TEST_F(ModuleSectionTest, DefaultsOfAPlainModule) {
-    const ParseResult r =
-        ParseLines(Module({"file = Post.bin", "moduleid = 08", "destn = f000:8000"}));
-    ASSERT_FALSE(r.fatal) << r.console;
-    ASSERT_EQ(r.description.ModuleCount, 1u);
-    const ModuleEntry& m = r.description.ModuleTable[0];
-    EXPECT_EQ(m.FileName, "post.bin");
-    // The header image is byte for byte what goes into the image.
-    const std::array<std::uint8_t, 20> header = {0, 0, 0, 0, 0,    0, 0,    0,    0,    0,
-                                                 0, 0, 0, 0, 0x08, 0, 0x00, 0x80, 0x00, 0xF0};
-    EXPECT_EQ(m.Header.bytes, header);
-    EXPECT_EQ(m.LinkVendorId, 0xFFFF);
-    EXPECT_EQ(m.LinkDeviceId, 0xFFFF);
-    EXPECT_EQ(m.MaxModuleSize, 0u);
-    EXPECT_EQ(m.Alignment, 0);
-    EXPECT_EQ(m.Contiguous, 0);
-    EXPECT_EQ(m.CompressionFlags, 0);
-    EXPECT_EQ(m.RomRegion, "");
-    EXPECT_EQ(m.StartAddress, 0xFFFFFFFFu);
-    EXPECT_EQ(m.RomHoleIndex, 0xFF);
-    EXPECT_EQ(r.description.RomHoleCount, 0u);
-    EXPECT_EQ(r.description.ConstrainedModuleCount, 0);
-}
-
+// The header image is byte for byte what goes into the image. Expected values default
+// to those of the plain module the keys are added to.
 TEST_F(ModuleSectionTest, KeyEffects) {
-    // Expected values default to those of the plain module the keys are added to.
     struct Case {
         std::string name;
         std::vector<std::string> keys;
@@ -204,6 +160,7 @@ TEST_F(ModuleSectionTest, KeyEffects) {
         std::uint32_t max_size = 0;
         std::string region;
     } cases[] = {
+        {.name = "no more keys", .keys = {}},
         {.name = "moduleid 1", .keys = {"moduleid = 1"}, .id = 1},
         {.name = "moduleid 0001", .keys = {"moduleid = 0001"}, .id = 1},
         {.name = "moduleid ff", .keys = {"moduleid = 0xff"}, .id = 0xFF},
@@ -246,20 +203,28 @@ TEST_F(ModuleSectionTest, KeyEffects) {
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         const ParseResult r = ParseLines(
-            Module(Join({{"file = post.bin", "moduleid = 08", "destn = f000:8000"}, c.keys})));
+            Module(Join({{"file = Post.bin", "moduleid = 08", "destn = f000:8000"}, c.keys})));
         ASSERT_FALSE(r.fatal) << r.console;
         ASSERT_EQ(r.description.ModuleCount, 1u);
         const ModuleEntry& m = r.description.ModuleTable[0];
-        EXPECT_EQ(m.Header.ModuleId(), c.id);
-        EXPECT_EQ(m.Header.ModuleAttributes(), c.attributes);
+        EXPECT_EQ(m.FileName, "post.bin");
+        std::array<std::uint8_t, 20> header{};
+        header[14] = c.id;
+        header[15] = c.attributes;
+        store_le16(&header[16], c.dest_offset);
+        store_le16(&header[18], c.dest_segment);
+        EXPECT_EQ(m.Header.bytes, header);
         EXPECT_EQ(m.Contiguous, c.contiguous);
         EXPECT_EQ(m.Alignment, c.alignment);
         EXPECT_EQ(m.CompressionFlags, c.compression);
         EXPECT_EQ(r.description.ConstrainedModuleCount, c.constrained);
-        EXPECT_EQ(m.Header.DestSegment(), c.dest_segment);
-        EXPECT_EQ(m.Header.DestOffset(), c.dest_offset);
         EXPECT_EQ(m.MaxModuleSize, c.max_size);
         EXPECT_EQ(m.RomRegion, c.region);
+        EXPECT_EQ(m.LinkVendorId, 0xFFFF);
+        EXPECT_EQ(m.LinkDeviceId, 0xFFFF);
+        EXPECT_EQ(m.StartAddress, 0xFFFFFFFFu);
+        EXPECT_EQ(m.RomHoleIndex, 0xFF);
+        EXPECT_EQ(r.description.RomHoleCount, 0u);
     }
 }
 

@@ -22,12 +22,7 @@ TEST_F(ScriptRobustnessTest, HandWrittenMonsters) {
     const std::string valid = CrLf(Join({kBios, kModule}));
     const std::string huge(100000, 'a');
     const std::string inputs[] = {
-        std::string(1, '\0'),
-        std::string(5000, '\0'),
-        "\x1a",
-        "\r",
-        "\n",
-        "\r\n\r\n\r",
+        std::string(1, '\0'), std::string(5000, '\0'), "\x1a", "\r", "\n", "\r\n\r\n\r",
         std::string(100000, '\n'),
         std::string(1000, '\r') + std::string(1000, '\n'),
         huge,
@@ -44,13 +39,7 @@ TEST_F(ScriptRobustnessTest, HandWrittenMonsters) {
         valid + "[module]\r\nfile = x\r\nmoduleid = 1b\r\ndestn = 0000:0000\r\n",
         valid + "[module]\r\nmoduleid=1b\r\nfile=" + std::string(5000, 'x') + "\r\n",
         std::string("[bios]\r\nfile = a\0b\r\n", 19),
-        "[bios]\r\nfile =",
-        "[bios]\r\nfile = ",
-        "[bios]\r\nfile = a\r",
-        "[bios]\r\n=",
-        "//",
-        "/",
-        "[",
+        "[bios]\r\nfile =", "[bios]\r\nfile = ", "[bios]\r\nfile = a\r", "[bios]\r\n=", "//", "/", "[",
         "[romimage]\r\nversion = -" + huge,
     };
     for (const std::string& text : inputs) {
@@ -61,34 +50,14 @@ TEST_F(ScriptRobustnessTest, HandWrittenMonsters) {
 
 TEST_F(ScriptRobustnessTest, RandomBytesAndMutatedScripts) {
     std::mt19937 random(20240611);
-    const std::string valid = CrLf(Join({{"[init]", "file = bb.bin", "[romimage]", "version = 1"},
-                                         kBios,
-                                         kModule,
-                                         {"[module]",
-                                          "file = r.bin",
-                                          "moduleid = 20",
-                                          "vendorid = 1000",
-                                          "deviceid = 0001",
-                                          "[module]",
-                                          "moduleid = 20",
-                                          "vendorid = 1000",
-                                          "deviceid = 0002",
-                                          "linkvenid = 1000",
-                                          "linkdevid = 0001",
-                                          "link = yes",
-                                          "[romhole]",
-                                          "startaddress = 000e0000",
-                                          "size = 100",
-                                          "filler = 0",
-                                          "[noncriticalrom]",
-                                          "name = setup",
-                                          "startaddress = 000d0000",
-                                          "size = 1000",
-                                          "[module]",
-                                          "file = e.bin",
-                                          "moduleid = 09",
-                                          "destn = f000:0000",
-                                          "romregion = ebb"}}));
+    const std::string valid = CrLf(Join(
+        {{"[init]", "file = bb.bin", "[romimage]", "version = 1"}, kBios, kModule,
+         {"[module]", "file = r.bin", "moduleid = 20", "vendorid = 1000", "deviceid = 0001",
+          "[module]", "moduleid = 20", "vendorid = 1000", "deviceid = 0002", "linkvenid = 1000",
+          "linkdevid = 0001", "link = yes",
+          "[romhole]", "startaddress = 000e0000", "size = 100", "filler = 0",
+          "[noncriticalrom]", "name = setup", "startaddress = 000d0000", "size = 1000",
+          "[module]", "file = e.bin", "moduleid = 09", "destn = f000:0000", "romregion = ebb"}}));
     static const char kAlphabet[] =
         "[]=/\\:- \t\r\n\x1a\xff\x00"
         "0123456789abcdefxyzABC";

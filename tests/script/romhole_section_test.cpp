@@ -10,7 +10,6 @@
 namespace fwforge::script_test {
 namespace {
 
-const std::string kAddress = "Expected 8 digit hex number (i.e. 00000000 - FFFFFFFF).  ";
 const std::string kMissing = "Expected one of the following keywords: StartAddres or Size. ";
 
 // kBios and kModule (lines 1-10), then the section header (line 11) and `keys`.
@@ -18,19 +17,6 @@ std::vector<std::string> Hole(const std::vector<std::string>& keys,
                               const std::string& header = "[romhole]") {
     return Join({kBios, kModule, {header}, keys});
 }
-std::vector<std::string> Repeat(const std::vector<std::string>& section, int times) {
-    std::vector<std::string> lines;
-    for (int i = 0; i < times; ++i) lines.insert(lines.end(), section.begin(), section.end());
-    return lines;
-}
-
-struct RomHoleFatalCase {
-    std::string name;
-    std::vector<std::string> lines;
-    std::string message;
-    int line;  // 0: no "Refer to" tail
-};
-
 using RomHoleSectionTest = ScriptTest;
 
 TEST_F(RomHoleSectionTest, Errors) {
@@ -38,7 +24,7 @@ TEST_F(RomHoleSectionTest, Errors) {
                                                "destn = f000:0000", "startaddress = 000f0000"};
     const std::vector<std::string> hole = {"[romhole]", "startaddress = 000e0000",
                                            "size = 00001000"};
-    const RomHoleFatalCase cases[] = {
+    const FatalCase cases[] = {
         {"filler 100", Hole({"filler = 100"}), "Expected 2 digit hex number (i.e. 00 - FF).  ", 12},
         {"filler -1", Hole({"filler = -1"}), "Expected 2 digit hex number (i.e. 00 - FF).  ", 12},
         {"filler x", Hole({"filler = x"}), "Expected 2 digit hex number (i.e. 00 - FF).  ", 12},
@@ -73,10 +59,7 @@ TEST_F(RomHoleSectionTest, Errors) {
         {"own checks come before the limit",
          Join({kBios, Repeat(reserved, 16), {"[romhole]", "size = 10"}}), kMissing, 89},
     };
-    for (const RomHoleFatalCase& c : cases) {
-        SCOPED_TRACE(c.name);
-        ExpectFatal(ParseLines(c.lines), c.line == 0 ? c.message : AtLine(c.message, c.line));
-    }
+    ExpectFatalCases(cases);
 }
 
 TEST_F(RomHoleSectionTest, Records) {

@@ -7,6 +7,7 @@
 
 #include <filesystem>
 #include <initializer_list>
+#include <span>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -72,6 +73,41 @@ inline const std::vector<std::string> kBios = {
 inline const std::vector<std::string> kModule = {"[module]", "file = post.bin", "moduleid = 08",
                                                  "destn = f000:8000"};
 
+inline std::vector<std::string> Repeat(const std::vector<std::string>& section, int times) {
+    std::vector<std::string> lines;
+    for (int i = 0; i < times; ++i) lines.insert(lines.end(), section.begin(), section.end());
+    return lines;
+}
+
+// Messages that several sections give.
+inline const std::string kTopLevel =
+    "Expected one of the following keywords: [INIT], [BIOS], or [MODULE]. ";
+inline const std::string kBiosKeys =
+    "Expected one of the following keywords: File, Size, BBSize, NVRAMSize, or Tag. ";
+inline const std::string kModuleKeys =
+    "Expected one of the following keywords: File, ModuleId, or Destn. ";
+inline const std::string kEightDigit =
+    "Expected eight digit hex number (i.e. 00000000 - FFFFFFFF).  ";
+inline const std::string kAddress = "Expected 8 digit hex number (i.e. 00000000 - FFFFFFFF).  ";
+
+// A script that must end in a fatal report with `message` for line `line`.
+struct FatalCase {
+    std::string name;
+    std::vector<std::string> lines;
+    std::string message;
+    int line;  // 0: the message has no "Refer to" tail
+};
+
+// Asserts a fatal parse whose report is exactly `message`, printed after an empty line
+// as the last console line.
+inline void ExpectFatal(const ParseResult& r, const std::string& message) {
+    EXPECT_TRUE(r.fatal);
+    EXPECT_EQ(r.message, message);
+    const std::string tail = "\nFATAL ERROR: " + message + "\n";
+    ASSERT_GE(r.console.size(), tail.size()) << r.console;
+    EXPECT_EQ(r.console.substr(r.console.size() - tail.size()), tail) << r.console;
+}
+
 class ScriptTest : public ::testing::Test {
   protected:
     ScriptTest() : script_path_(dir_.Path("build.scr")) {}
@@ -87,18 +123,14 @@ class ScriptTest : public ::testing::Test {
     std::string AtLine(const std::string& text, int line) const {
         return text + "Refer to " + script_path_ + ", line " + std::to_string(line) + ".";
     }
+    void ExpectFatalCases(std::span<const FatalCase> cases) {
+        for (const FatalCase& c : cases) {
+            SCOPED_TRACE(c.name);
+            ExpectFatal(ParseLines(c.lines), c.line == 0 ? c.message : AtLine(c.message, c.line));
+        }
+    }
     ScratchDir dir_;
     const std::string script_path_;
 };
-
-// Asserts a fatal parse whose report is exactly `message`, printed after an empty line
-// as the last console line.
-inline void ExpectFatal(const ParseResult& r, const std::string& message) {
-    EXPECT_TRUE(r.fatal);
-    EXPECT_EQ(r.message, message);
-    const std::string tail = "\nFATAL ERROR: " + message + "\n";
-    ASSERT_GE(r.console.size(), tail.size()) << r.console;
-    EXPECT_EQ(r.console.substr(r.console.size() - tail.size()), tail) << r.console;
-}
 
 }  // namespace fwforge::script_test

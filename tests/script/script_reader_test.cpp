@@ -11,14 +11,6 @@
 namespace fwforge::script_test {
 namespace {
 
-const std::string kTopLevel =
-    "Expected one of the following keywords: [INIT], [BIOS], or [MODULE]. ";
-const std::string kModuleKeys =
-    "Expected one of the following keywords: File, ModuleId, or Destn. ";
-const std::string kBiosKeys =
-    "Expected one of the following keywords: File, Size, BBSize, NVRAMSize, or Tag. ";
-const std::string kNoTail;  // marks a message without the "Refer to" tail
-
 struct ReaderFatalCase {
     std::string name;
     std::string text;  // the whole script file
@@ -29,7 +21,6 @@ struct ReaderFatalCase {
 using ScriptReaderTest = ScriptTest;
 
 TEST_F(ScriptReaderTest, GrammarErrorsNameTheirLine) {
-    const std::string valid = CrLf(Join({kBios, kModule}));
     const std::string long_value(261, 'a');
     const ReaderFatalCase cases[] = {
         {"empty file", "", kTopLevel, 0},
@@ -67,11 +58,8 @@ TEST_F(ScriptReaderTest, GrammarErrorsNameTheirLine) {
         {"value cut after 260 characters", CrLf(Join({{"[init]", "file = " + long_value}})),
          kTopLevel, 2},
         {"end mark inside a section runs its end checks",
-         CrLf(Join({kBios,
-                    {"[module]", "file = post.bin",
-                     "\x1a"
-                     "moduleid = 08"}})),
-         kModuleKeys, 9},
+         CrLf(Join({kBios, {"[module]", "file = post.bin", "\x1a" "moduleid = 08"}})), kModuleKeys,
+         9},
         {"upper case after a zero byte stays upper case",
          CrLf(Join({{"[bios]", "file = rom.bin", "size = 00080000", "bbsize = 00010000",
                      "nvramsize = 00004000", std::string("tag = ab\0cd", 11), "[MODULE]"}})),
@@ -118,19 +106,9 @@ TEST_F(ScriptReaderTest, ShortReadOfTheScript) {
     GTEST_SKIP() << "no file with a short read on this host";
 }
 
-TEST_F(ScriptReaderTest, AnnouncesTheScriptWithThePathAsGiven) {
-    const ParseResult r = ParseLines(Join({kBios, kModule}));
-    ASSERT_FALSE(r.fatal) << r.console;
-    EXPECT_EQ(r.console, "Parsing " + script_path_ + "...\n");
-}
-
-struct AcceptedCase {
-    std::string name;
-    std::string text;
-};
-
 TEST_F(ScriptReaderTest, AcceptedForms) {
-    const AcceptedCase cases[] = {
+    const std::string valid = CrLf(Join({kBios, kModule}));
+    const std::pair<std::string, std::string> cases[] = {
         {"upper and mixed case",
          CrLf({"[BIOS]", "FILE = ROM.BIN", "Size = 00080000", "BBSize = 00010000",
                "NVRAMSize = 00004000", "Tag = Bios1", "[Module]", "File = Post.Bin",
@@ -148,26 +126,21 @@ TEST_F(ScriptReaderTest, AcceptedForms) {
          CrLf({"[bios]", "", "file = rom.bin", "", "size = 00080000", "bbsize = 00010000",
                "nvramsize = 00004000", "tag = bios1", "", "[module]", "file = post.bin", "",
                "moduleid = 08", "destn = f000:8000"})},
-        {"last line without line end", CrLf(Join({kBios, kModule})) + "// end"},
+        {"last line without line end", valid + "// end"},
         {"last value without line end", CrLf(kBios) + "[module]\r\nfile = post.bin\r\n"
                                                       "moduleid = 08\r\ndestn = f000:8000"},
-        {"end mark ends the script", CrLf(Join({kBios, kModule})) + "\x1a garbage\r\n[x"},
-        {"end mark at the start of a section line", CrLf(Join({kBios, kModule})) + "\x1a"
-                                                                                   "file = x"},
+        {"end mark ends the script", valid + "\x1a garbage\r\n[x"},
+        {"end mark at the start of a section line", valid + "\x1a" "file = x"},
         {"two keys on one line",
          CrLf(Join({{"[bios]", "file = rom.bin size = 00080000", "bbsize = 00010000",
                      "nvramsize = 00004000", "tag = bios1"},
                     kModule}))},
-        {"sections repeated", CrLf(Join({kBios,
-                                         kModule,
-                                         kBios,
-                                         kModule,
-                                         {"[init]", "file = bb.bin"},
-                                         {"[init]", "file = bb.bin"}}))},
+        {"sections repeated", CrLf(Join({kBios, kModule, kBios, kModule,
+                                         Repeat({"[init]", "file = bb.bin"}, 2)}))},
     };
-    for (const AcceptedCase& c : cases) {
-        SCOPED_TRACE(c.name);
-        const ParseResult r = ParseText(c.text);
+    for (const auto& [name, text] : cases) {
+        SCOPED_TRACE(name);
+        const ParseResult r = ParseText(text);
         EXPECT_FALSE(r.fatal) << r.console;
         EXPECT_EQ(r.description.Bios.RomFile, "rom.bin");
         EXPECT_EQ(r.description.Bios.BiosSize, 0x80000u);
@@ -183,10 +156,7 @@ TEST_F(ScriptReaderTest, ValuesKeepTheirBytes) {
     } cases[] = {
         {"file = a\rb", "a\rb"},
         {"file = a\nb", "a\nb"},
-        {"file = a\xff"
-         "b",
-         "a\xff"
-         "b"},
+        {"file = a\xff" "b", "a\xff" "b"},
         {"file = dir\\Rom.Bin", "dir\\rom.bin"},
         {"file = " + long_name, long_name},
         {std::string("file = ab\0cd", 12), "ab"},
