@@ -74,12 +74,15 @@ void AddTree(Corpus& corpus, const fs::path& root, bool recursive, std::size_t m
         paths.push_back(entry.path());
     };
     if (recursive) {
-        for (fs::recursive_directory_iterator it(root, fs::directory_options::skip_permission_denied, ec), end;
+        for (fs::recursive_directory_iterator
+                 it(root, fs::directory_options::skip_permission_denied, ec),
+             end;
              !ec && it != end; it.increment(ec)) {
             consider(*it);
         }
     } else {
-        for (fs::directory_iterator it(root, ec), end; !ec && it != end; it.increment(ec)) consider(*it);
+        for (fs::directory_iterator it(root, ec), end; !ec && it != end; it.increment(ec))
+            consider(*it);
     }
     std::sort(paths.begin(), paths.end());
     for (const auto& path : paths) {
@@ -96,15 +99,16 @@ void AddSynthetic(Corpus& corpus, std::size_t size) {
         state ^= state << 17;
         return static_cast<std::uint32_t>(state >> 16);
     };
-    static constexpr std::string_view kWords[] = {"option", "rom", "module", "pci", "setup",
-                                                  "boot", "table", "the", "of", "memory",
-                                                  "device", "init", "0x", "status", "error"};
+    static constexpr std::string_view kWords[] = {"option", "rom",   "module", "pci",    "setup",
+                                                  "boot",   "table", "the",    "of",     "memory",
+                                                  "device", "init",  "0x",     "status", "error"};
     for (std::size_t done = 0; done < size; done += kModuleLimit / 2) {
         Bytes module;
         while (module.size() < kModuleLimit / 2) {
             if (next() % 3 == 0) {
                 const std::uint32_t v = next();
-                for (int i = 0; i < 8; ++i) module.push_back(static_cast<std::uint8_t>(i < 4 ? v >> (8 * i) : 0));
+                for (int i = 0; i < 8; ++i)
+                    module.push_back(static_cast<std::uint8_t>(i < 4 ? v >> (8 * i) : 0));
             } else {
                 const auto word = kWords[next() % std::size(kWords)];
                 module.insert(module.end(), word.begin(), word.end());
@@ -129,7 +133,9 @@ std::uint32_t Fnv1a(std::uint32_t hash, std::span<const std::uint8_t> data) {
     return hash;
 }
 
-double Seconds(Clock::duration d) { return std::chrono::duration<double>(d).count(); }
+double Seconds(Clock::duration d) {
+    return std::chrono::duration<double>(d).count();
+}
 
 // CPU seconds (user + system) of this process or of its finished children. The
 // machine may be shared, so CPU time is the fairer measure of "one core".
@@ -169,8 +175,9 @@ int main(int argc, char** argv) {
     AddTree(corpus, "/usr/share/doc", true, 2048, 8 << 20, total * 80 / 100);
     AddTree(corpus, "/usr/share", true, 2048, 8 << 20, total * 85 / 100);
     AddSynthetic(corpus, total - std::min(total, corpus.bytes));
-    std::printf("corpus: %.1f MB in %zu modules (of at most 1 MB) from %zu files and synthetic data\n",
-                corpus.bytes / 1048576.0, corpus.modules.size(), corpus.files);
+    std::printf(
+        "corpus: %.1f MB in %zu modules (of at most 1 MB) from %zu files and synthetic data\n",
+        corpus.bytes / 1048576.0, corpus.modules.size(), corpus.files);
 
     // CompressModule, one encoder for all modules as in a build.
     std::size_t compressed = 0;
@@ -205,7 +212,8 @@ int main(int argc, char** argv) {
             std::string error;
             const auto decoded = fwforge::lzh::DecodeCompressedData(out, &error);
             if (!decoded || *decoded != module) {
-                std::fprintf(stderr, "verify: module %zu does not decode: %s\n", checked, error.c_str());
+                std::fprintf(stderr, "verify: module %zu does not decode: %s\n", checked,
+                             error.c_str());
                 return 1;
             }
             ++checked;
@@ -214,16 +222,18 @@ int main(int argc, char** argv) {
     }
 
     // gzip -6 on the same bytes, one file, one process.
-    const fs::path dir = fs::temp_directory_path() / ("compress_bench." + std::to_string(::getpid()));
+    const fs::path dir =
+        fs::temp_directory_path() / ("compress_bench." + std::to_string(::getpid()));
     fs::create_directories(dir);
     {
         std::ofstream raw(dir / "corpus.bin", std::ios::binary);
         for (const auto& module : corpus.modules) {
-            raw.write(reinterpret_cast<const char*>(module.data()), static_cast<std::streamsize>(module.size()));
+            raw.write(reinterpret_cast<const char*>(module.data()),
+                      static_cast<std::streamsize>(module.size()));
         }
     }
-    const std::string command =
-        "gzip -6 -c '" + (dir / "corpus.bin").string() + "' > '" + (dir / "corpus.gz").string() + "'";
+    const std::string command = "gzip -6 -c '" + (dir / "corpus.bin").string() + "' > '" +
+                                (dir / "corpus.gz").string() + "'";
     Timing gzip;
     for (int round = 0; round < kRepeats; ++round) {
         const auto start = Clock::now();
@@ -240,7 +250,8 @@ int main(int argc, char** argv) {
     fs::remove_all(dir);
 
     const double mb = corpus.bytes / 1048576.0;
-    std::printf("best of %d runs         CPU s    MB/s (CPU)   wall s   MB/s (wall)   ratio\n", kRepeats);
+    std::printf("best of %d runs         CPU s    MB/s (CPU)   wall s   MB/s (wall)   ratio\n",
+                kRepeats);
     std::printf("CompressModule  %12.2f %11.2f %10.2f %12.2f   %.3f\n", lzh.cpu, mb / lzh.cpu,
                 lzh.wall, mb / lzh.wall, static_cast<double>(compressed) / corpus.bytes);
     std::printf("gzip -6         %12.2f %11.2f %10.2f %12.2f   %.3f\n", gzip.cpu, mb / gzip.cpu,

@@ -29,10 +29,11 @@ constexpr std::size_t kModules = 200;
 // Regular files of at least 1 KB under the usual system folders, in a stable order.
 std::vector<fs::path> GatherSources() {
     std::vector<fs::path> found;
-    for (const char* root : {"/usr/bin", "/usr/lib", "/usr/share/doc", "/usr/share/common-licenses",
-                             "/usr/include"}) {
+    for (const char* root :
+         {"/usr/bin", "/usr/lib", "/usr/share/doc", "/usr/share/common-licenses", "/usr/include"}) {
         std::error_code ec;
-        fs::recursive_directory_iterator it(root, fs::directory_options::skip_permission_denied, ec);
+        fs::recursive_directory_iterator it(root, fs::directory_options::skip_permission_denied,
+                                            ec);
         for (; !ec && it != fs::recursive_directory_iterator(); it.increment(ec)) {
             std::error_code sec;
             if (!it->is_regular_file(sec) || it->is_symlink(sec)) continue;
@@ -61,7 +62,8 @@ std::size_t FillFrom(const std::vector<fs::path>& sources, std::size_t& next, co
         in.read(chunk.data(), static_cast<std::streamsize>(chunk.size()));
         bytes.insert(bytes.end(), chunk.begin(), chunk.begin() + in.gcount());
     }
-    std::ofstream(to, std::ios::binary).write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    std::ofstream(to, std::ios::binary)
+        .write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
     return bytes.size();
 }
 
@@ -128,17 +130,19 @@ int main() {
         std::cerr << console.str() << "\nbuild failed: " << e.what() << "\n";
         status = 1;
     }
-    const double wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    const double wall =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     const double compress = std::chrono::duration<double>(ctx.layout.CompressionTime).count();
     const long peak_kb = PeakKilobytes();
     const double other_share = wall > 0 ? (wall - compress) / wall * 100.0 : 0.0;
     const double peak_limit_mb = 3.0 * kBiosSize / 1048576.0 + 16.0;
 
-    std::printf("modules:              %u (%.1f MB of input)\n", d.ModuleCount, input_bytes / 1048576.0);
+    std::printf("modules:              %u (%.1f MB of input)\n", d.ModuleCount,
+                input_bytes / 1048576.0);
     std::printf("wall time:            %.3f s\n", wall);
     std::printf("time compressing:     %.3f s\n", compress);
-    std::printf("layout and I/O:       %.3f s (%.1f%% of the build, target < 10%%)\n", wall - compress,
-                other_share);
+    std::printf("layout and I/O:       %.3f s (%.1f%% of the build, target < 10%%)\n",
+                wall - compress, other_share);
     std::printf("peak memory:          %.1f MB (target < %.0f MB; %.1f MB before the build)\n",
                 peak_kb / 1024.0, peak_limit_mb, setup_kb / 1024.0);
     fs::remove_all(dir);

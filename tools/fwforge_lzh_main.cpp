@@ -23,7 +23,9 @@ constexpr const char* kUsage =
     "Usage - fwforge-lzh c INPUT OUTPUT   compress INPUT as a module\n"
     "        fwforge-lzh d INPUT OUTPUT   decode compressed module data\n";
 
-void Fail(const std::string& message) { std::fprintf(stderr, "fwforge-lzh: %s\n", message.c_str()); }
+void Fail(const std::string& message) {
+    std::fprintf(stderr, "fwforge-lzh: %s\n", message.c_str());
+}
 
 std::optional<std::vector<std::uint8_t>> ReadWholeFile(const std::string& name) {
     auto file = fwforge::platform::InputFile::Open(name);

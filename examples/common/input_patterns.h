@@ -17,7 +17,7 @@ namespace example_inputs {
 using Bytes = std::vector<std::uint8_t>;
 
 class Generator {
-public:
+  public:
     explicit Generator(std::uint32_t seed) : state_(seed) {}
     std::uint32_t Next() {
         state_ ^= state_ << 13;
@@ -27,7 +27,7 @@ public:
     }
     std::uint8_t Byte() { return static_cast<std::uint8_t>(Next() >> 24); }
 
-private:
+  private:
     std::uint32_t state_;
 };
 
@@ -35,18 +35,31 @@ private:
 // with varying immediates, so it compresses the way code does.
 inline Bytes Code(std::size_t size, std::uint32_t seed) {
     static const std::vector<Bytes> kSnippets = {
-        {0x55, 0x8B, 0xEC},       {0x5D, 0xC3},           {0xB8, 0, 0},
-        {0x89, 0x46, 0},          {0xE8, 0, 0},           {0x74, 0},
-        {0x75, 0},                {0x3C, 0},              {0xBA, 0xF8, 0x0C},
-        {0xEF},                   {0xED},                 {0x66, 0x0F, 0xB6, 0xC0},
-        {0xE4, 0x61},             {0xE6, 0x80},           {0x50, 0x53, 0x51, 0x52},
-        {0x5A, 0x59, 0x5B, 0x58}, {0xCD, 0x15},           {0x26, 0x8A, 0x07},
+        {0x55, 0x8B, 0xEC},
+        {0x5D, 0xC3},
+        {0xB8, 0, 0},
+        {0x89, 0x46, 0},
+        {0xE8, 0, 0},
+        {0x74, 0},
+        {0x75, 0},
+        {0x3C, 0},
+        {0xBA, 0xF8, 0x0C},
+        {0xEF},
+        {0xED},
+        {0x66, 0x0F, 0xB6, 0xC0},
+        {0xE4, 0x61},
+        {0xE6, 0x80},
+        {0x50, 0x53, 0x51, 0x52},
+        {0x5A, 0x59, 0x5B, 0x58},
+        {0xCD, 0x15},
+        {0x26, 0x8A, 0x07},
     };
     Generator g(seed);
     Bytes out;
     while (out.size() < size) {
         const Bytes& s = kSnippets[g.Next() % kSnippets.size()];
-        for (std::uint8_t b : s) out.push_back(b == 0 ? static_cast<std::uint8_t>(g.Next() % 16) : b);
+        for (std::uint8_t b : s)
+            out.push_back(b == 0 ? static_cast<std::uint8_t>(g.Next() % 16) : b);
     }
     out.resize(size);
     return out;
@@ -55,10 +68,11 @@ inline Bytes Code(std::size_t size, std::uint32_t seed) {
 // Menu and message text, as a setup or string module holds it.
 inline Bytes Text(std::size_t size, std::uint32_t seed) {
     static const char* const kWords[] = {
-        "System", "Date", "Time", "Boot", "Device", "Priority", "Memory", "Frequency",
-        "Enabled", "Disabled", "Auto", "Keyboard", "Storage", "Controller", "Power",
-        "Management", "Fan", "Speed", "Temperature", "Save", "Exit", "Changes", "Security",
-        "Password", "Virtualization", "Support", "Network", "Stack", "Legacy", "Option",
+        "System",         "Date",       "Time",    "Boot",       "Device",   "Priority",
+        "Memory",         "Frequency",  "Enabled", "Disabled",   "Auto",     "Keyboard",
+        "Storage",        "Controller", "Power",   "Management", "Fan",      "Speed",
+        "Temperature",    "Save",       "Exit",    "Changes",    "Security", "Password",
+        "Virtualization", "Support",    "Network", "Stack",      "Legacy",   "Option",
     };
     Generator g(seed);
     std::string text;
@@ -111,7 +125,8 @@ inline Bytes BootBlock() {
 
 inline bool Write(const std::filesystem::path& path, const Bytes& bytes) {
     std::ofstream file(path, std::ios::binary | std::ios::trunc);
-    file.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    file.write(reinterpret_cast<const char*>(bytes.data()),
+               static_cast<std::streamsize>(bytes.size()));
     return static_cast<bool>(file);
 }
 

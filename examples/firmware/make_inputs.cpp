@@ -25,21 +25,17 @@ Bytes ProtectedModeEntry() {
 
 InputFiles Files() {
     return {
-        {"bootblk.bin", BootBlock()},
-        {"early_init.bin", Code(0x1800, 2)},
-        {"recovery.bin", Code(0x900, 3)},
-        {"post.bin", Code(0x9000, 4)},
-        {"setup.bin", Text(0x6000, 5)},
-        {"strings.bin", Text(0x1234, 6)},
-        {"microcode.bin", Noise(0x2400, 7)},
-        {"video.rom", OptionRom(0x8000, 8)},
-        {"pmode.bin", ProtectedModeEntry()},
-        {"acpi.bin", Text(0x1100, 9)},
-        {"logo.bin", Picture(160, 100, 10)},
-        {"smm.bin", Code(0x4000, 11)},
+        {"bootblk.bin", BootBlock()},        {"early_init.bin", Code(0x1800, 2)},
+        {"recovery.bin", Code(0x900, 3)},    {"post.bin", Code(0x9000, 4)},
+        {"setup.bin", Text(0x6000, 5)},      {"strings.bin", Text(0x1234, 6)},
+        {"microcode.bin", Noise(0x2400, 7)}, {"video.rom", OptionRom(0x8000, 8)},
+        {"pmode.bin", ProtectedModeEntry()}, {"acpi.bin", Text(0x1100, 9)},
+        {"logo.bin", Picture(160, 100, 10)}, {"smm.bin", Code(0x4000, 11)},
     };
 }
 
 }  // namespace
 
-int main(int argc, char** argv) { return WriteInputs(argc, argv, "make_inputs", Files); }
+int main(int argc, char** argv) {
+    return WriteInputs(argc, argv, "make_inputs", Files);
+}

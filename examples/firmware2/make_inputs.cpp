@@ -25,4 +25,6 @@ InputFiles Files() {
 
 }  // namespace
 
-int main(int argc, char** argv) { return WriteInputs(argc, argv, "make_inputs2", Files); }
+int main(int argc, char** argv) {
+    return WriteInputs(argc, argv, "make_inputs2", Files);
+}

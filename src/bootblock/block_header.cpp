@@ -7,9 +7,8 @@
 
 namespace fwforge {
 
-void WriteBlockHeader(std::span<std::uint8_t> image, std::size_t block,
-                      std::string_view signature, std::uint32_t block_length,
-                      bool holds_module, HeaderChecksumRule rule) {
+void WriteBlockHeader(std::span<std::uint8_t> image, std::size_t block, std::string_view signature,
+                      std::uint32_t block_length, bool holds_module, HeaderChecksumRule rule) {
     using namespace block_header;
     std::uint8_t* header = image.data() + block;
     std::fill_n(header + Signature.offset, Signature.width, std::uint8_t(' '));

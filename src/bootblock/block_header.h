@@ -45,8 +45,7 @@ enum class HeaderChecksumRule {
 // seals it: BlockChecksum first, over the whole block with both checksum fields 0,
 // then HeaderChecksum by `rule`. Neither is recomputed after the other. The caller has
 // checked that the block lies inside `image`.
-void WriteBlockHeader(std::span<std::uint8_t> image, std::size_t block,
-                      std::string_view signature, std::uint32_t block_length,
-                      bool holds_module, HeaderChecksumRule rule);
+void WriteBlockHeader(std::span<std::uint8_t> image, std::size_t block, std::string_view signature,
+                      std::uint32_t block_length, bool holds_module, HeaderChecksumRule rule);
 
 }  // namespace fwforge

@@ -35,10 +35,10 @@ void CheckBootBlockLimits(BuildContext& ctx) {
     }
     const std::uint32_t cursor = ctx.image.PlacementCursor;
     if (cursor > ctx.image.ImageBuffer.size() || cursor < size) {
-        ctx.diag.Fatal(StrFormat(
-            "Boot block does not fit in the ROM image: bbsize 0x%08X is larger than "
-            "the 0x%08X bytes left of size 0x%08X",
-            size, cursor, bios.BiosSize));
+        ctx.diag.Fatal(
+            StrFormat("Boot block does not fit in the ROM image: bbsize 0x%08X is larger than "
+                      "the 0x%08X bytes left of size 0x%08X",
+                      size, cursor, bios.BiosSize));
     }
 }
 
@@ -89,7 +89,8 @@ void BuildBootBlock(BuildContext& ctx) {
     store_le32(checksum, 0);
     store_le32(checksum, DwordChecksum(boot_block, 0, size));
 
-    const std::string name = platform::ComposeOutputName(ctx.options.OutputPath, bios.BiosTag + ".int");
+    const std::string name =
+        platform::ComposeOutputName(ctx.options.OutputPath, bios.BiosTag + ".int");
     auto out = platform::OutputFile::Create(name);
     if (!out) ctx.diag.Fatal("Cannot create boot block file");
     if (!out->Write(boot_block)) ctx.diag.Fatal("Cannot write to boot block file");

@@ -50,9 +50,10 @@ ModuleBuffer ReadModuleFile(BuildContext& ctx, const EbbModuleRecord& record) {
     if (!size) ctx.diag.Fatal("Cannot read module file");
     ModuleBuffer buffer;
     buffer.file_size = *size;
-    const std::uint64_t capacity = record.MaxModuleSize != 0
-                                       ? std::max<std::uint64_t>(*size, record.MaxModuleSize) + kSlackWithMaxSize
-                                       : *size + kSlackWithoutMaxSize;
+    const std::uint64_t capacity =
+        record.MaxModuleSize != 0
+            ? std::max<std::uint64_t>(*size, record.MaxModuleSize) + kSlackWithMaxSize
+            : *size + kSlackWithoutMaxSize;
     buffer.bytes = AllocateFilled(ctx, capacity, 0xFF);
     if (!file->ReadExactly(std::span(buffer.bytes).first(*size))) {
         ctx.diag.Fatal("Cannot read module file");
@@ -73,7 +74,8 @@ std::uint64_t CompressInPlace(BuildContext& ctx, EbbModuleRecord& record, Module
     if (result.stopped && result.consumed < buffer.file_size) {
         std::fill(buffer.bytes.begin(), buffer.bytes.end(), std::uint8_t(0xFF));
         std::copy(source.begin(), source.end(), buffer.bytes.begin());
-        record.Header.SetModuleAttributes(record.Header.ModuleAttributes() | module_attr::NotCompressed);
+        record.Header.SetModuleAttributes(record.Header.ModuleAttributes() |
+                                          module_attr::NotCompressed);
         return buffer.file_size;
     }
     return result.total;
@@ -87,7 +89,8 @@ void SetModuleLink(std::span<std::uint8_t> image, std::size_t header, std::uint3
 void SealModule(std::span<std::uint8_t> image, std::size_t header) {
     std::uint8_t* checksum = image.data() + header + module_header::Checksum.offset;
     store_le32(checksum, 0);
-    const std::uint32_t data_size = load_le32(image.data() + header + module_header::DataSize.offset);
+    const std::uint32_t data_size =
+        load_le32(image.data() + header + module_header::DataSize.offset);
     store_le32(checksum, DwordChecksum(image, header, std::size_t(data_size) + kSize));
 }
 
@@ -144,7 +147,8 @@ void BuildExtendedBootBlock(BuildContext& ctx) {
             size = CompressInPlace(ctx, record, buffer);
         }
         if (record.MaxModuleSize != 0) {
-            if (record.MaxModuleSize < size) ctx.diag.Fatal("MaxModuleSize is too small for this module");
+            if (record.MaxModuleSize < size)
+                ctx.diag.Fatal("MaxModuleSize is too small for this module");
             size = record.MaxModuleSize;
         }
         // Bytes copied after the header; the padding to a multiple of 4 is not written.

@@ -94,8 +94,7 @@ void BlockCoder::WriteCodeLengthCode() {
             ++code_len_counts_[2];
         }
     }
-    const unsigned root =
-        BuildHuffmanCode(code_len_counts_, code_len_lengths_, code_len_codes_);
+    const unsigned root = BuildHuffmanCode(code_len_counts_, code_len_lengths_, code_len_codes_);
     if (root >= kNumCodeLen) {
         WriteShortLengths(code_len_lengths_, kCodeLenCountBits, true);
     } else {
@@ -107,7 +106,9 @@ void BlockCoder::WriteLitLenLengths() {
     const std::span<const std::uint8_t> lengths(lit_lengths_);
     const unsigned n = SentLength(lengths);
     WriteBits(kLitLenCountBits, n);
-    auto put = [this](unsigned symbol) { WriteBits(code_len_lengths_[symbol], code_len_codes_[symbol]); };
+    auto put = [this](unsigned symbol) {
+        WriteBits(code_len_lengths_[symbol], code_len_codes_[symbol]);
+    };
     unsigned i = 0;
     while (i < n) {
         const unsigned k = lengths[i++];

@@ -22,7 +22,7 @@ inline constexpr unsigned kMatchTokenBytes = 3;
 inline constexpr unsigned kGroupMargin = kTokensPerGroup * kMatchTokenBytes;
 
 class BlockCoder {
-public:
+  public:
     // Binds the run's byte sink and output bound and clears the written-byte counter
     // and the stop flag. `sink` must have room for as many bytes as `*consumed` can
     // reach; a byte is stored only while fewer than `*consumed` have been written.
@@ -51,7 +51,7 @@ public:
         return static_cast<unsigned>(std::bit_width(distance_code));
     }
 
-private:
+  private:
     void WriteBits(unsigned n, unsigned x) {
         bit_buffer_ = (bit_buffer_ << n) | (x & ((1u << n) - 1));
         bit_count_ += n;

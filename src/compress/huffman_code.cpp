@@ -8,7 +8,7 @@ namespace {
 
 // 1-based binary min-heap of symbols and inner nodes, ordered by count.
 class CountHeap {
-public:
+  public:
     explicit CountHeap(std::span<const std::uint32_t> counts) : counts_(counts) {}
 
     void Push(unsigned node) { heap_[++size_] = static_cast<std::uint16_t>(node); }
@@ -28,7 +28,7 @@ public:
         SiftDown(1);
     }
 
-private:
+  private:
     // The right child wins only when the left one is strictly larger, and the entry
     // stops at the first child that is not smaller than it: among equal counts the
     // earlier entries stay on top, which fixes the order of extraction.
@@ -124,7 +124,8 @@ unsigned BuildHuffmanCode(std::span<std::uint32_t> counts, std::span<std::uint8_
     // The first symbols extracted (the rarest) take the longest codes.
     unsigned next = 0;
     for (unsigned d = kMaxCodeBits; d > 0; --d) {
-        for (unsigned c = leaves_at[d]; c > 0; --c) lengths[extracted[next++]] = static_cast<std::uint8_t>(d);
+        for (unsigned c = leaves_at[d]; c > 0; --c)
+            lengths[extracted[next++]] = static_cast<std::uint8_t>(d);
     }
 
     // Canonical codes: symbols of one length take consecutive codes in symbol order.

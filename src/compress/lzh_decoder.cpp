@@ -20,7 +20,7 @@ struct DecodeError {
 };
 
 class BitReader {
-public:
+  public:
     explicit BitReader(std::span<const std::uint8_t> stream) : stream_(stream) {}
 
     // n <= 16 bits, most significant first.
@@ -42,7 +42,7 @@ public:
     std::size_t BitPosition() const { return bit_pos_; }
     std::size_t Size() const { return stream_.size(); }
 
-private:
+  private:
     std::span<const std::uint8_t> stream_;
     std::size_t bit_pos_ = 0;
 };
@@ -50,7 +50,7 @@ private:
 // A canonical Huffman code as the decoder walks it: codes of one length are
 // consecutive and ordered by symbol.
 class DecodeTable {
-public:
+  public:
     void SetSingle(unsigned symbol) { single_ = static_cast<int>(symbol); }
 
     // Every code the encoder sends with two or more symbols is complete, so anything
@@ -63,8 +63,10 @@ public:
         std::uint32_t kraft = 0;
         for (unsigned d = 1; d <= kMaxCodeBits; ++d) kraft += counts_[d] << (kMaxCodeBits - d);
         if (kraft != (1u << kMaxCodeBits)) {
-            throw DecodeError{StrFormat("the %s code lengths do not form a complete code "
-                                        "(Kraft sum %u/65536)", name, kraft)};
+            throw DecodeError{
+                StrFormat("the %s code lengths do not form a complete code "
+                          "(Kraft sum %u/65536)",
+                          name, kraft)};
         }
         std::array<unsigned, kMaxCodeBits + 1> offset{};
         for (unsigned d = 1; d < kMaxCodeBits; ++d) offset[d + 1] = offset[d] + counts_[d];
@@ -91,14 +93,14 @@ public:
         throw DecodeError{StrFormat("no code matches while reading %s", what)};
     }
 
-private:
+  private:
     int single_ = -1;
     std::array<unsigned, kMaxCodeBits + 1> counts_{};
     std::vector<std::uint16_t> symbols_;
 };
 
 class Lh5Decoder {
-public:
+  public:
     Lh5Decoder(std::span<const std::uint8_t> stream, std::size_t original_size, Lh5Trace* trace)
         : in_(stream), original_size_(original_size), trace_(trace) {}
 
@@ -115,9 +117,10 @@ public:
             ReadShortLengths(kDistCountBits, kNumDistBits, false, dist_, "distance");
             for (unsigned t = 0; t < tokens; ++t) {
                 if (out.size() >= original_size_) {
-                    throw DecodeError{StrFormat("block %u holds %u tokens, but the original "
-                                                "size of %zu bytes is reached after %u",
-                                                block_, tokens, original_size_, t)};
+                    throw DecodeError{
+                        StrFormat("block %u holds %u tokens, but the original "
+                                  "size of %zu bytes is reached after %u",
+                                  block_, tokens, original_size_, t)};
                 }
                 DecodeToken(out);
             }
@@ -125,31 +128,35 @@ public:
         // What follows the last token is the padding of the last byte, all zeros.
         const std::size_t used = (in_.BitPosition() + 7) / 8;
         if (used != in_.Size()) {
-            throw DecodeError{StrFormat("the bit stream has %zu bytes after its end (%zu of %zu used)",
-                                        in_.Size() - used, used, in_.Size())};
+            throw DecodeError{
+                StrFormat("the bit stream has %zu bytes after its end (%zu of %zu used)",
+                          in_.Size() - used, used, in_.Size())};
         }
-        if (in_.BitsLeft() != 0 && in_.Read(static_cast<unsigned>(in_.BitsLeft()), "padding") != 0) {
+        if (in_.BitsLeft() != 0 &&
+            in_.Read(static_cast<unsigned>(in_.BitsLeft()), "padding") != 0) {
             throw DecodeError{"the padding bits of the last byte are not zero"};
         }
         return out;
     }
 
-private:
+  private:
     void ReadShortLengths(int count_bits, unsigned alphabet, bool with_skip, DecodeTable& table,
                           const char* name) {
         const unsigned n = in_.Read(count_bits, "a code table size");
         if (n == 0) {
             const unsigned symbol = in_.Read(count_bits, "a single-symbol code");
             if (symbol >= alphabet) {
-                throw DecodeError{StrFormat("block %u: single %s symbol %u is outside the "
-                                            "alphabet of %u", block_, name, symbol, alphabet)};
+                throw DecodeError{
+                    StrFormat("block %u: single %s symbol %u is outside the "
+                              "alphabet of %u",
+                              block_, name, symbol, alphabet)};
             }
             table.SetSingle(symbol);
             return;
         }
         if (n > alphabet) {
-            throw DecodeError{StrFormat("block %u: %u %s lengths for an alphabet of %u", block_,
-                                        n, name, alphabet)};
+            throw DecodeError{StrFormat("block %u: %u %s lengths for an alphabet of %u", block_, n,
+                                        name, alphabet)};
         }
         std::array<std::uint8_t, kNumCodeLen> lengths{};
         unsigned i = 0;
@@ -158,8 +165,8 @@ private:
             if (k == 7) {
                 while (in_.Read(1, "a code length") == 1) {
                     if (++k > kMaxCodeBits) {
-                        throw DecodeError{StrFormat("block %u: a %s length exceeds 16 bits",
-                                                    block_, name)};
+                        throw DecodeError{
+                            StrFormat("block %u: a %s length exceeds 16 bits", block_, name)};
                     }
                 }
             }
@@ -174,15 +181,19 @@ private:
         if (n == 0) {
             const unsigned symbol = in_.Read(kLitLenCountBits, "a single literal/length symbol");
             if (symbol >= kNumLitLen) {
-                throw DecodeError{StrFormat("block %u: single literal/length symbol %u is "
-                                            "outside the alphabet of %u", block_, symbol, kNumLitLen)};
+                throw DecodeError{
+                    StrFormat("block %u: single literal/length symbol %u is "
+                              "outside the alphabet of %u",
+                              block_, symbol, kNumLitLen)};
             }
             lit_len_.SetSingle(symbol);
             return;
         }
         if (n > kNumLitLen) {
-            throw DecodeError{StrFormat("block %u: %u literal/length lengths for an alphabet "
-                                        "of %u", block_, n, kNumLitLen)};
+            throw DecodeError{
+                StrFormat("block %u: %u literal/length lengths for an alphabet "
+                          "of %u",
+                          block_, n, kNumLitLen)};
         }
         std::array<std::uint8_t, kNumLitLen> lengths{};
         unsigned i = 0;
@@ -196,8 +207,10 @@ private:
             if (c == 1) run = in_.Read(4, "a zero run") + 3;
             if (c == 2) run = in_.Read(kLitLenCountBits, "a zero run") + 20;
             if (run > n - i) {
-                throw DecodeError{StrFormat("block %u: a run of %u zero lengths passes the "
-                                            "%u lengths of the table", block_, run, n)};
+                throw DecodeError{
+                    StrFormat("block %u: a run of %u zero lengths passes the "
+                              "%u lengths of the table",
+                              block_, run, n)};
             }
             i += run;  // the lengths are zero already
         }
@@ -208,7 +221,8 @@ private:
         const unsigned symbol = lit_len_.Decode(in_, "a literal/length code");
         if (symbol < 256) {
             out.push_back(static_cast<std::uint8_t>(symbol));
-            if (trace_ != nullptr) trace_->tokens.push_back({0, 0, static_cast<std::uint8_t>(symbol)});
+            if (trace_ != nullptr)
+                trace_->tokens.push_back({0, 0, static_cast<std::uint8_t>(symbol)});
             return;
         }
         const std::size_t length = symbol - kLengthSymbolBias;
@@ -217,16 +231,20 @@ private:
         if (bits > 1) distance = (1u << (bits - 1)) | in_.Read(bits - 1, "distance bits");
         ++distance;
         if (distance > out.size()) {
-            throw DecodeError{StrFormat("a match at output byte %zu reaches %zu bytes back, "
-                                        "before the start", out.size(), distance)};
+            throw DecodeError{
+                StrFormat("a match at output byte %zu reaches %zu bytes back, "
+                          "before the start",
+                          out.size(), distance)};
         }
         if (length > original_size_ - out.size()) {
-            throw DecodeError{StrFormat("a match of %zu bytes at output byte %zu passes the "
-                                        "original size of %zu", length, out.size(), original_size_)};
+            throw DecodeError{
+                StrFormat("a match of %zu bytes at output byte %zu passes the "
+                          "original size of %zu",
+                          length, out.size(), original_size_)};
         }
         if (trace_ != nullptr) {
-            trace_->tokens.push_back({static_cast<std::uint16_t>(length),
-                                      static_cast<std::uint16_t>(distance), 0});
+            trace_->tokens.push_back(
+                {static_cast<std::uint16_t>(length), static_cast<std::uint16_t>(distance), 0});
         }
         const std::size_t from = out.size() - distance;
         for (std::size_t k = 0; k < length; ++k) out.push_back(out[from + k]);
@@ -274,12 +292,12 @@ std::optional<std::vector<std::uint8_t>> DecodeCompressedData(std::span<const st
     const std::uint32_t original =
         load_le32(data.data() + compressed_data_header::OriginalSize.offset);
     if (total < kCompressedOverhead || total > data.size()) {
-        return fail(StrFormat("total size %u is outside 9..%zu, the size of the data", total,
-                              data.size()));
+        return fail(
+            StrFormat("total size %u is outside 9..%zu, the size of the data", total, data.size()));
     }
     if (data[total - 1] != 0x00) {
-        return fail(StrFormat("the closing byte at offset %u is %02x, not 00", total - 1,
-                              data[total - 1]));
+        return fail(
+            StrFormat("the closing byte at offset %u is %02x, not 00", total - 1, data[total - 1]));
     }
     return DecodeLh5(data.subspan(compressed_data_header::kSize, total - kCompressedOverhead),
                      original, error, trace);

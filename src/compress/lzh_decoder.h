@@ -31,8 +31,7 @@ struct Lh5Trace {
 // and, when `error` is given, says what was wrong and where. The stream must end
 // exactly with its last token (padded with zero bits to a whole byte).
 std::optional<std::vector<std::uint8_t>> DecodeLh5(std::span<const std::uint8_t> stream,
-                                                   std::size_t original_size,
-                                                   std::string* error,
+                                                   std::size_t original_size, std::string* error,
                                                    Lh5Trace* trace = nullptr);
 
 // Decodes compressed module data as CompressModule writes it: CompressedDataHeader,

@@ -22,7 +22,8 @@ void LzhEncoder::AllocateStorage() {
         }
     }
     if (tokens_.empty()) {
-        for (std::size_t size = kTokenBufferSize; size >= kTokenBufferMinimum; size = size / 10 * 9) {
+        for (std::size_t size = kTokenBufferSize; size >= kTokenBufferMinimum;
+             size = size / 10 * 9) {
             if (size > limits_.token_buffer_limit) continue;
             try {
                 tokens_.assign(size, 0);

@@ -16,7 +16,7 @@ namespace fwforge::lzh {
 
 // Where the encoder reads its input.
 class ByteSource {
-public:
+  public:
     virtual ~ByteSource() = default;
     // Reads up to `count` bytes to `place`; fewer than `count` means the input ended.
     virtual std::uint32_t ReadBytes(std::uint8_t* place, std::uint32_t count) = 0;
@@ -28,7 +28,7 @@ inline constexpr std::size_t kTokenBufferSize = 16384;
 inline constexpr std::size_t kTokenBufferMinimum = 4096;
 
 class LzhEncoder {
-public:
+  public:
     explicit LzhEncoder(EncoderLimits limits = {}) : limits_(limits) {}
 
     // Compresses the whole input into `sink`, which must have room for as many bytes
@@ -43,7 +43,7 @@ public:
     // 0 until the first run has allocated the token buffer.
     std::size_t TokenBufferSize() const { return tokens_.size(); }
 
-private:
+  private:
     void AllocateStorage();
     std::uint32_t Read(std::uint8_t* place, std::uint32_t count);
     void Advance();

@@ -80,7 +80,8 @@ void MatchFinder::ResetTree() {
     }
     std::fill(parent_.begin() + kWindowSize, parent_.end(), std::uint16_t{kNone});
     free_node_ = 1;
-    for (unsigned node = 1; node < kWindowSize - 1; ++node) next_[node] = static_cast<std::uint16_t>(node + 1);
+    for (unsigned node = 1; node < kWindowSize - 1; ++node)
+        next_[node] = static_cast<std::uint16_t>(node + 1);
     next_[kWindowSize - 1] = kNone;
     std::fill(next_.begin() + kChainBase, next_.end(), std::uint16_t{kNone});
 }

@@ -21,7 +21,7 @@ inline constexpr unsigned kFirstPosition = kWindowSize;
 inline constexpr unsigned kPositionLimit = 2 * kWindowSize;
 
 class MatchFinder {
-public:
+  public:
     // Allocates the window (zero-filled) and the tree; throws std::bad_alloc.
     MatchFinder();
 
@@ -42,7 +42,7 @@ public:
     unsigned MatchPosition() const { return match_position_; }
     void SetMatchLength(unsigned length) { match_length_ = length; }
 
-private:
+  private:
     unsigned Child(unsigned node, std::uint8_t byte);
     void MakeChild(unsigned node, std::uint8_t byte, unsigned child);
     void Split(unsigned old_node, unsigned pos);

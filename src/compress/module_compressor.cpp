@@ -14,7 +14,7 @@ namespace {
 
 // The module's bytes as the encoder's byte source.
 class MemoryInputStream : public ByteSource {
-public:
+  public:
     explicit MemoryInputStream(std::span<const std::uint8_t> buffer) : buffer_(buffer) {}
 
     std::uint32_t ReadBytes(std::uint8_t* place, std::uint32_t count) override {
@@ -25,7 +25,7 @@ public:
         return static_cast<std::uint32_t>(n);
     }
 
-private:
+  private:
     std::span<const std::uint8_t> buffer_;
     std::size_t position_ = 0;
 };
@@ -54,7 +54,9 @@ Encoder::Encoder(EncoderLimits limits) {
 }
 Encoder::~Encoder() = default;
 
-std::size_t Encoder::TokenBufferSize() const { return state_->encoder.TokenBufferSize(); }
+std::size_t Encoder::TokenBufferSize() const {
+    return state_->encoder.TokenBufferSize();
+}
 
 CompressResult Encoder::CompressModule(std::span<const std::uint8_t> source,
                                        std::span<std::uint8_t> destination) {

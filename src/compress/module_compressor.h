@@ -20,7 +20,7 @@ struct CompressResult {
 // The encoder ran out of memory: the program prints "Out of memory." to standard
 // error and exits with status 1, bypassing the diagnostics.
 class OutOfMemory : public std::exception {
-public:
+  public:
     const char* what() const noexcept override { return "Out of memory."; }
 };
 
@@ -36,7 +36,7 @@ struct EncoderLimits {
 // One encoder lives as long as a build. Its window is zero when created and is not
 // cleared between runs, which decides exact bytes of later results.
 class Encoder {
-public:
+  public:
     Encoder();
     explicit Encoder(EncoderLimits limits);
     ~Encoder();
@@ -52,7 +52,7 @@ public:
     // The token buffer size the first run settled on; 0 before it.
     std::size_t TokenBufferSize() const;
 
-private:
+  private:
     struct State;
     std::unique_ptr<State> state_;
 };

@@ -31,7 +31,7 @@ struct ImageState {
 };
 
 class BuildContext {
-public:
+  public:
     explicit BuildContext(std::ostream& console) : diag(console) {}
 
     // The build's encoder, created on first use and kept for the rest of the build.
@@ -46,7 +46,7 @@ public:
     ImageState image;
     LayoutState layout;
 
-private:
+  private:
     std::unique_ptr<lzh::Encoder> encoder_;
 };
 

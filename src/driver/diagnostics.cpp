@@ -32,7 +32,9 @@ void Diagnostics::PrintRunSummary() {
     out_.flush();
 }
 
-void Diagnostics::Print(std::string_view text) { out_ << text; }
+void Diagnostics::Print(std::string_view text) {
+    out_ << text;
+}
 
 void Diagnostics::Printf(const char* format, ...) {
     va_list args;

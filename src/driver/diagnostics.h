@@ -16,16 +16,16 @@ enum class Severity : std::uint8_t { Fatal = 0, Error = 1, Warning = 2 };
 // Thrown by a fatal report after its line has been printed; the program's entry point
 // turns it into exit status 1. Nothing between the report and the entry point prints.
 class FatalError : public std::exception {
-public:
+  public:
     explicit FatalError(std::string message) : message_(std::move(message)) {}
     const char* what() const noexcept override { return message_.c_str(); }
 
-private:
+  private:
     std::string message_;
 };
 
 class Diagnostics {
-public:
+  public:
     explicit Diagnostics(std::ostream& out) : out_(out) {}
 
     // Prints an empty line and the message with its severity's prefix. A fatal report
@@ -44,7 +44,7 @@ public:
     std::uint16_t ErrorCount = 0;
     std::uint16_t WarningCount = 0;
 
-private:
+  private:
     std::ostream& out_;
 };
 

@@ -25,7 +25,8 @@ std::size_t RomHoleLimit(const BuildDescription& d) {
 }
 
 std::size_t CountConstrainedModules(const BuildDescription& d) {
-    return std::count_if(d.ModuleTable.begin(), d.ModuleTable.begin() + ModuleLimit(d), IsConstrained);
+    return std::count_if(d.ModuleTable.begin(), d.ModuleTable.begin() + ModuleLimit(d),
+                         IsConstrained);
 }
 std::size_t CountScriptRomHoles(const BuildDescription& d) {
     return std::count_if(d.RomHoleTable.begin(), d.RomHoleTable.begin() + RomHoleLimit(d),
@@ -34,7 +35,7 @@ std::size_t CountScriptRomHoles(const BuildDescription& d) {
 
 // Appends records, chaining each new one from the one before it.
 class RecordWriter {
-public:
+  public:
     // Returns the offset of the new record's first item.
     std::size_t Append(std::uint8_t type, std::size_t item_size, std::uint8_t item_count) {
         const std::size_t at = data_.size();
@@ -50,7 +51,7 @@ public:
     std::uint8_t* at(std::size_t offset) { return data_.data() + offset; }
     std::vector<std::uint8_t> Take() { return std::move(data_); }
 
-private:
+  private:
     static constexpr std::size_t kNone = ~std::size_t(0);
     std::vector<std::uint8_t> data_;
     std::size_t last_ = kNone;
@@ -118,30 +119,31 @@ void BuildImageInfoModule(BuildContext& ctx) {
     // The script reader keeps these consistent; a description that breaks them would
     // describe items the data has no room for, or leave the module no record.
     if (d.ModuleCount >= d.ModuleTable.size()) {
-        ctx.diag.Fatal(StrFormat(
-            "No module record left for the image information module: ModuleCount %u, "
-            "module table of %zu records",
-            d.ModuleCount, d.ModuleTable.size()));
+        ctx.diag.Fatal(
+            StrFormat("No module record left for the image information module: ModuleCount %u, "
+                      "module table of %zu records",
+                      d.ModuleCount, d.ModuleTable.size()));
     }
     // A count of 0 (also one that 256 keys have wrapped to 0) writes no 0x40 record, so
     // only a non-zero count can be too small for the items.
     if (const std::size_t n = CountConstrainedModules(d);
         d.ConstrainedModuleCount != 0 && n > d.ConstrainedModuleCount) {
-        ctx.diag.Fatal(StrFormat(
-            "Image information: %zu modules with an alignment or start address, but only "
-            "%u counted",
-            n, unsigned(d.ConstrainedModuleCount)));
+        ctx.diag.Fatal(
+            StrFormat("Image information: %zu modules with an alignment or start address, but only "
+                      "%u counted",
+                      n, unsigned(d.ConstrainedModuleCount)));
     }
     if (d.RomHoleCount > d.RomHoleTable.size() || d.FixedModuleCount > d.RomHoleCount ||
         CountScriptRomHoles(d) > d.RomHoleCount - d.FixedModuleCount) {
-        ctx.diag.Fatal(StrFormat(
-            "Image information: %zu ROMHOLE/NCB records do not match RomHoleCount %u and "
-            "FixedModuleCount %u",
-            CountScriptRomHoles(d), d.RomHoleCount, d.FixedModuleCount));
+        ctx.diag.Fatal(
+            StrFormat("Image information: %zu ROMHOLE/NCB records do not match RomHoleCount %u and "
+                      "FixedModuleCount %u",
+                      CountScriptRomHoles(d), d.RomHoleCount, d.FixedModuleCount));
     }
 
     const std::vector<std::uint8_t> data = ImageInformationData(d);
-    const std::string name = platform::ComposeOutputName(ctx.options.OutputPath, d.Bios.BiosTag + ".inf");
+    const std::string name =
+        platform::ComposeOutputName(ctx.options.OutputPath, d.Bios.BiosTag + ".inf");
     auto file = platform::OutputFile::Create(name);
     if (!file) ctx.diag.Fatal("Cannot create image information file");
     if (!file->Write(data)) ctx.diag.Fatal("Cannot write to image information file");

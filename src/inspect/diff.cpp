@@ -19,7 +19,7 @@ std::map<Key, const Module*> Keyed(const ImageModel& model) {
     std::map<Key, int> seen;
     for (const Module& m : model.modules) {
         Key k{static_cast<int>(m.area), m.block, m.header.id, m.header.dest_offset,
-              m.header.dest_segment, 0};
+              m.header.dest_segment,    0};
         std::get<5>(k) = seen[k]++;
         keyed[k] = &m;
     }
@@ -49,17 +49,20 @@ std::vector<Difference> DiffImages(std::span<const std::uint8_t> image_a, const 
     if (a.main && b.main) {
         const MainHeader &ha = *a.main, &hb = *b.main;
         if (ha.version != hb.version) {
-            out.push_back({"image", StrFormat("main BIOS header version %02x -> %02x", ha.version, hb.version)});
+            out.push_back({"image", StrFormat("main BIOS header version %02x -> %02x", ha.version,
+                                              hb.version)});
         }
         if (ha.flags != hb.flags) {
-            out.push_back({"image", StrFormat("main BIOS header flags %02x -> %02x", ha.flags, hb.flags)});
+            out.push_back(
+                {"image", StrFormat("main BIOS header flags %02x -> %02x", ha.flags, hb.flags)});
         }
         if (ha.stamp != hb.stamp) {
-            out.push_back({"image", StrFormat("boot block stamp %08x -> %08x", ha.stamp, hb.stamp)});
+            out.push_back(
+                {"image", StrFormat("boot block stamp %08x -> %08x", ha.stamp, hb.stamp)});
         }
         if (ha.signature != hb.signature) {
-            out.push_back({"image", StrFormat("main BIOS header moved %x -> %x", a.Address(ha.signature),
-                                              b.Address(hb.signature))});
+            out.push_back({"image", StrFormat("main BIOS header moved %x -> %x",
+                                              a.Address(ha.signature), b.Address(hb.signature))});
         }
     }
     if (a.boot_block_size && b.boot_block_size && a.boot_block_size == b.boot_block_size &&
@@ -72,7 +75,8 @@ std::vector<Difference> DiffImages(std::span<const std::uint8_t> image_a, const 
         out.push_back({"image", "boot block size differs"});
     }
     if (a.ncbs.size() != b.ncbs.size()) {
-        out.push_back({"image", StrFormat("%zu -> %zu non-critical blocks", a.ncbs.size(), b.ncbs.size())});
+        out.push_back(
+            {"image", StrFormat("%zu -> %zu non-critical blocks", a.ncbs.size(), b.ncbs.size())});
     }
 
     const auto ka = Keyed(a), kb = Keyed(b);
@@ -80,7 +84,8 @@ std::vector<Difference> DiffImages(std::span<const std::uint8_t> image_a, const 
     for (const auto& [key, ma] : ka) {
         auto it = kb.find(key);
         if (it == kb.end()) {
-            out.push_back({"removed", Name(a, *ma) + StrFormat(" at %x", a.Address(ma->header.offset))});
+            out.push_back(
+                {"removed", Name(a, *ma) + StrFormat(" at %x", a.Address(ma->header.offset))});
             continue;
         }
         const Module* mb = it->second;
@@ -91,21 +96,24 @@ std::vector<Difference> DiffImages(std::span<const std::uint8_t> image_a, const 
                                        DescribeAttributes(*mb).c_str()));
         }
         if (ma->header.data_size != mb->header.data_size) {
-            fields.push_back(StrFormat("data size %x -> %x", ma->header.data_size, mb->header.data_size));
+            fields.push_back(
+                StrFormat("data size %x -> %x", ma->header.data_size, mb->header.data_size));
         }
         if (ma->Split() != mb->Split() || ma->pieces.size() != mb->pieces.size()) {
             fields.push_back(StrFormat("%zu -> %zu pieces", ma->pieces.size(), mb->pieces.size()));
         }
         const std::uint64_t cost = std::uint64_t(ma->StoredLength()) + mb->StoredLength();
         if (cost > budget) {
-            out.push_back({"image", "modules claim far more data than the images hold; "
-                                    "contents not compared further"});
+            out.push_back({"image",
+                           "modules claim far more data than the images hold; "
+                           "contents not compared further"});
             break;
         }
         budget -= cost;
         const auto ca = Content(image_a, *ma), cb = Content(image_b, *mb);
         if (ca != cb) {
-            fields.insert(fields.begin(), StrFormat("content (%zx -> %zx bytes)", ca.size(), cb.size()));
+            fields.insert(fields.begin(),
+                          StrFormat("content (%zx -> %zx bytes)", ca.size(), cb.size()));
         }
         if (!fields.empty()) {
             std::string what = Name(b, *mb) + ":";
@@ -113,13 +121,15 @@ std::vector<Difference> DiffImages(std::span<const std::uint8_t> image_a, const 
             out.push_back({"changed", what});
         }
         if (a.Address(ma->header.offset) != b.Address(mb->header.offset)) {
-            out.push_back({"moved", Name(b, *mb) + StrFormat(": header %x -> %x", a.Address(ma->header.offset),
+            out.push_back({"moved", Name(b, *mb) + StrFormat(": header %x -> %x",
+                                                             a.Address(ma->header.offset),
                                                              b.Address(mb->header.offset))});
         }
     }
     for (const auto& [key, mb] : kb) {
         if (!ka.count(key)) {
-            out.push_back({"added", Name(b, *mb) + StrFormat(" at %x", b.Address(mb->header.offset))});
+            out.push_back(
+                {"added", Name(b, *mb) + StrFormat(" at %x", b.Address(mb->header.offset))});
         }
     }
     return out;
@@ -137,9 +147,9 @@ std::string DiffText(const std::vector<Difference>& differences) {
         }
     }
     if (differences.empty()) return out + "diff: no differences\n";
-    out += StrFormat("diff: %d module%s changed, added or removed; %zu difference%s in all\n",
-                     modules, modules == 1 ? "" : "s", differences.size(),
-                     differences.size() == 1 ? "" : "s");
+    out +=
+        StrFormat("diff: %d module%s changed, added or removed; %zu difference%s in all\n", modules,
+                  modules == 1 ? "" : "s", differences.size(), differences.size() == 1 ? "" : "s");
     return out;
 }
 

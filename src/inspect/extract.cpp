@@ -38,12 +38,12 @@ std::string ReadTag(std::span<const std::uint8_t> image, const ImageModel& model
 }
 
 class ScriptWriter {
-public:
+  public:
     void Line(const std::string& text) { text_ += text + "\r\n"; }
     void Key(const char* key, const std::string& value) { Line(std::string(key) + " = " + value); }
     const std::string& text() const { return text_; }
 
-private:
+  private:
     std::string text_;
 };
 
@@ -78,8 +78,9 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
         const Module& m = model.modules[i];
         if (m.Linked()) continue;
         if (m.StoredLength() > budget) {
-            plan.problems.push_back({"image", "its modules claim far more data than the image "
-                                              "holds; the remaining modules are not extracted"});
+            plan.problems.push_back({"image",
+                                     "its modules claim far more data than the image "
+                                     "holds; the remaining modules are not extracted"});
             break;
         }
         budget -= m.StoredLength();
@@ -113,8 +114,8 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
                 recompress[i] = true;
             }
         } else {
-            plan.problems.push_back({DescribeModule(model, m),
-                                     "not decompressed: " + decoded.message});
+            plan.problems.push_back(
+                {DescribeModule(model, m), "not decompressed: " + decoded.message});
         }
     }
     if (model.info.module >= 0) {
@@ -139,7 +140,8 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
     std::string compat;
     const std::uint8_t version =
         model.info.rom_image_version.value_or(model.main ? model.main->version : 0);
-    const std::uint8_t flags = model.info.rom_image_flags.value_or(model.main ? model.main->flags : 0);
+    const std::uint8_t flags =
+        model.info.rom_image_flags.value_or(model.main ? model.main->flags : 0);
     if (model.main && model.main->version == 0 && model.main->flags == 0 &&
         (version != 0 || flags != 0)) {
         s.Line("// The main BIOS header is in the compatibility form: add -c to the command.");
@@ -169,7 +171,8 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
     if (!model.info.nvram_size && model.main && model.boot_block_size && !model.gap_placement) {
         // In sequential placement the main BIOS header block sits right below it.
         const std::uint64_t top = std::uint64_t(model.size) - *model.boot_block_size - ebb;
-        const std::uint64_t block_end = model.main->BlockStart() + std::uint64_t(main_header::kBlockSize);
+        const std::uint64_t block_end =
+            model.main->BlockStart() + std::uint64_t(main_header::kBlockSize);
         if (top >= block_end) nvram = static_cast<std::uint32_t>(top - block_end);
     } else if (!model.info.nvram_size) {
         lost.push_back("the NVRAM size (0 used)");
@@ -204,7 +207,8 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
     auto fixed = [&](const Module& m) {
         return std::any_of(model.info.constrained.begin(), model.info.constrained.end(),
                            [&](const ImageInfoItemConstrained& c) {
-                               return c.insertion_index == m.index && c.start_address != kEndOfChain;
+                               return c.insertion_index == m.index &&
+                                      c.start_address != kEndOfChain;
                            });
     };
     const auto main_chain = model.ModulesIn(ModuleArea::Main);
@@ -243,14 +247,17 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
             const bool rises = k > 0 && placed_size(whole[k]) > placed_size(whole[k - 1]);
             if (main_chain[whole[k]]->Compressed() || rises) later_pass = k;
         }
-        for (std::size_t k = from; k < later_pass; ++k) unsure |= !main_chain[whole[k]]->Compressed();
+        for (std::size_t k = from; k < later_pass; ++k)
+            unsure |= !main_chain[whole[k]]->Compressed();
     }
     if (unsure) {
-        lost.push_back("whether uncompressed modules placed whole were splittable (not "
-                       "splittable, the default, used where the chain does not tell)");
+        lost.push_back(
+            "whether uncompressed modules placed whole were splittable (not "
+            "splittable, the default, used where the chain does not tell)");
     }
     auto may_split = [&](const Module& m) {
-        if (m.Compressed() || m.Linked() || m.Contiguous() || m.area != ModuleArea::Main) return false;
+        if (m.Compressed() || m.Linked() || m.Contiguous() || m.area != ModuleArea::Main)
+            return false;
         if (m.Split()) return true;
         for (std::size_t k = later_pass; k < whole.size(); ++k) {
             if (main_chain[whole[k]] == &m) return true;
@@ -303,7 +310,8 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
             for (const ImageInfoItemConstrained& c : model.info.constrained) {
                 if (c.insertion_index != m.index) continue;
                 if (c.alignment) s.Key("alignment", StrFormat("%x", c.alignment));
-                if (c.start_address != kEndOfChain) s.Key("startaddress", StrFormat("%08x", c.start_address));
+                if (c.start_address != kEndOfChain)
+                    s.Key("startaddress", StrFormat("%08x", c.start_address));
             }
         }
         // A linked add-on ROM goes wherever its parent goes.
@@ -356,9 +364,8 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
             listed.push_back(groups[g]);
         }
     }
-    std::stable_sort(listed.begin(), listed.end(), [&](const auto& a, const auto& b) {
-        return listed_at(a) < listed_at(b);
-    });
+    std::stable_sort(listed.begin(), listed.end(),
+                     [&](const auto& a, const auto& b) { return listed_at(a) < listed_at(b); });
     for (std::size_t k = 0; k < slots.size(); ++k) groups[slots[k]] = listed[k];
     for (const auto& group : groups) {
         for (std::size_t i : group) write_module(main_modules, i, "");
@@ -389,22 +396,25 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
         s.Key("size", StrFormat("%08x", hole.size));
         s.Line("");
     }
-    if (!model.ncbs.empty()) lost.push_back("the names of non-critical blocks (ncb1, ncb2, ... used)");
+    if (!model.ncbs.empty())
+        lost.push_back("the names of non-critical blocks (ncb1, ncb2, ... used)");
     if (model.gap_placement) {
-        lost.push_back("the order of the [module] sections (gap placement places by size; "
-                       "chain order used, modules with an alignment or start address in the "
-                       "order the image information lists them)");
+        lost.push_back(
+            "the order of the [module] sections (gap placement places by size; "
+            "chain order used, modules with an alignment or start address in the "
+            "order the image information lists them)");
     }
     if (model.main && model.main->stamp != 0 &&
         std::none_of(model.modules.begin(), model.modules.end(),
                      [](const Module& m) { return m.header.id == kStampModuleId; })) {
-        lost.push_back(StrFormat("the boot block stamp %08x: no module 1B supplies it",
-                                 model.main->stamp));
+        lost.push_back(
+            StrFormat("the boot block stamp %08x: no module 1B supplies it", model.main->stamp));
     }
     for (const Module& m : model.modules) {
         if (!m.Linked() && !m.Compressed()) {
-            lost.push_back("the exact file lengths of uncompressed modules (written as stored, "
-                           "padded to 4 bytes)");
+            lost.push_back(
+                "the exact file lengths of uncompressed modules (written as stored, "
+                "padded to 4 bytes)");
             break;
         }
     }

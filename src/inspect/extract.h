@@ -18,9 +18,9 @@ struct ExtractedFile {
 };
 
 struct ExtractPlan {
-    std::vector<ExtractedFile> files;   // rebuild.scr last
-    std::vector<std::string> lost;      // what the image does not tell, for the report
-    std::vector<Finding> problems;      // modules that could not be decoded and the like
+    std::vector<ExtractedFile> files;  // rebuild.scr last
+    std::vector<std::string> lost;     // what the image does not tell, for the report
+    std::vector<Finding> problems;     // modules that could not be decoded and the like
 };
 
 // Everything extract writes, without writing it.

@@ -89,9 +89,9 @@ enum class ModuleArea { Main, Ebb, Ncb };
 // (its SplitPiece headers and the last piece, which carries the module's full header).
 struct Module {
     ModuleArea area = ModuleArea::Main;
-    int block = -1;  // index into ImageModel::ncbs for ModuleArea::Ncb
-    int index = 0;   // position in its chain, counting a split module once
-    HeaderView header;                  // the full header (the last piece's for a split)
+    int block = -1;                         // index into ImageModel::ncbs for ModuleArea::Ncb
+    int index = 0;                          // position in its chain, counting a split module once
+    HeaderView header;                      // the full header (the last piece's for a split)
     std::vector<HeaderView> piece_headers;  // SplitPiece headers, in chain order
     std::vector<Piece> pieces;              // data of the module, in order
     bool truncated = false;                 // data would run past its area; cut
@@ -162,7 +162,7 @@ struct ImageModel {
     std::optional<std::uint32_t> boot_block_size;
     std::optional<std::uint32_t> nvram_offset, nvram_size;
     bool gap_placement = false;
-    std::vector<Finding> problems;  // structural problems met while reading
+    std::vector<Finding> problems;   // structural problems met while reading
     std::vector<std::string> notes;  // how the reader decided what it could not see
 
     std::uint32_t Address(std::uint32_t offset) const { return offset + address_base; }

@@ -153,8 +153,8 @@ void ReadImageInfo(Bytes image, ImageModel& model) {
     std::size_t at = 0;
     for (int guard = 0; guard < 16; ++guard) {
         if (at + 5 > data.size()) {
-            model.problems.push_back({"image information module",
-                                      StrFormat("record at %zx is cut off", at)});
+            model.problems.push_back(
+                {"image information module", StrFormat("record at %zx is cut off", at)});
             return;
         }
         const std::uint16_t next = load_le16(&data[at]);
@@ -204,9 +204,9 @@ void FindBlocks(Bytes image, ImageModel& model) {
         auto block = ReadBlockHeader(image, at);
         if (!block) continue;
         if (!Fits(at, block->length, model.size)) {
-            model.problems.push_back({StrFormat("EBB at %x", at),
-                                      StrFormat("block length %x runs past the end of the image",
-                                                block->length)});
+            model.problems.push_back(
+                {StrFormat("EBB at %x", at),
+                 StrFormat("block length %x runs past the end of the image", block->length)});
             block->length = model.size - at;
         }
         model.ebb = block;  // the highest one wins: the EBB sits right below the boot block
@@ -218,9 +218,9 @@ void FindBlocks(Bytes image, ImageModel& model) {
         auto block = ReadBlockHeader(image, at);
         if (!block) continue;
         if (!Fits(at, block->length, model.size)) {
-            model.problems.push_back({StrFormat("non-critical block at %x", at),
-                                      StrFormat("block length %x runs past the end of the image",
-                                                block->length)});
+            model.problems.push_back(
+                {StrFormat("non-critical block at %x", at),
+                 StrFormat("block length %x runs past the end of the image", block->length)});
             block->length = model.size - at;
         }
         found.push_back(*block);
@@ -251,8 +251,8 @@ void FindBootArea(const InspectOptions& options, ImageModel& model) {
         model.notes.push_back("boot block size from the image information module");
     }
     if (model.boot_block_size && *model.boot_block_size > model.size) {
-        model.problems.push_back({"boot block", StrFormat("size %x is larger than the image",
-                                                          *model.boot_block_size)});
+        model.problems.push_back(
+            {"boot block", StrFormat("size %x is larger than the image", *model.boot_block_size)});
         model.boot_block_size.reset();
     }
     if (model.boot_block_size && model.info.nvram_size && *model.info.nvram_size != 0) {
@@ -278,8 +278,7 @@ ImageModel ReadImage(std::span<const std::uint8_t> image, const InspectOptions& 
         model.problems.push_back({"image", "no main BIOS header (signature \"ZELBIOSC\") found"});
     } else {
         ChooseLinkForm(image, options, model);
-        model.address_base =
-            model.links32 || model.size > 0x100000 ? 0 : 0x100000 - model.size;
+        model.address_base = model.links32 || model.size > 0x100000 ? 0 : 0x100000 - model.size;
         if (model.main->module_extension != module_header::kExtensionSize) {
             model.problems.push_back(
                 {"main BIOS header", StrFormat("module header extension size is %u, expected 8",

@@ -1,11 +1,10 @@
 #include "inspect/inspect_cli.h"
 
+#include <filesystem>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
-
-#include <filesystem>
 
 #include "inspect/diff.h"
 #include "inspect/extract.h"
@@ -47,10 +46,14 @@ std::optional<std::uint32_t> ParseHex(std::string_view text) {
     std::uint32_t value = 0;
     for (char c : text) {
         int digit;
-        if (c >= '0' && c <= '9') digit = c - '0';
-        else if (c >= 'a' && c <= 'f') digit = c - 'a' + 10;
-        else if (c >= 'A' && c <= 'F') digit = c - 'A' + 10;
-        else return std::nullopt;
+        if (c >= '0' && c <= '9')
+            digit = c - '0';
+        else if (c >= 'a' && c <= 'f')
+            digit = c - 'a' + 10;
+        else if (c >= 'A' && c <= 'F')
+            digit = c - 'A' + 10;
+        else
+            return std::nullopt;
         value = value * 16 + static_cast<std::uint32_t>(digit);
     }
     return value;
@@ -90,7 +93,8 @@ std::string Parse(int argc, const char* const* argv, CommandLine& cl) {
         return "unknown command " + cl.command;
     }
     if (needs_argument) {
-        if (positional.size() != 3) return cl.command + " needs " + (cl.command == "diff" ? "IMAGE2" : "DIR");
+        if (positional.size() != 3)
+            return cl.command + " needs " + (cl.command == "diff" ? "IMAGE2" : "DIR");
         cl.argument = positional[2];
     } else if (positional.size() != 2) {
         return "too many arguments";
@@ -121,10 +125,11 @@ std::optional<std::vector<std::uint8_t>> LoadImage(const std::string& name, std:
     return bytes;
 }
 
-int RunExtract(std::span<const std::uint8_t> image, const ImageModel& model,
-               const std::string& dir, std::ostream& out) {
+int RunExtract(std::span<const std::uint8_t> image, const ImageModel& model, const std::string& dir,
+               std::ostream& out) {
     if (!model.main) {
-        for (const Finding& f : model.problems) out << "PROBLEM: " << f.where << ": " << f.what << "\n";
+        for (const Finding& f : model.problems)
+            out << "PROBLEM: " << f.where << ": " << f.what << "\n";
         return kUnusable;
     }
     std::error_code error;
@@ -188,8 +193,10 @@ int RunInspect(int argc, const char* const* argv, std::ostream& out) {
         auto other = LoadImage(cl.argument, out);
         if (!other) return kUnusable;
         const ImageModel model_b = ReadImage(*other, cl.options);
-        for (const Finding& f : model.problems) out << "PROBLEM: " << cl.image << ": " << f.where << ": " << f.what << "\n";
-        for (const Finding& f : model_b.problems) out << "PROBLEM: " << cl.argument << ": " << f.where << ": " << f.what << "\n";
+        for (const Finding& f : model.problems)
+            out << "PROBLEM: " << cl.image << ": " << f.where << ": " << f.what << "\n";
+        for (const Finding& f : model_b.problems)
+            out << "PROBLEM: " << cl.argument << ": " << f.where << ": " << f.what << "\n";
         if (unusable || !model_b.main) return kUnusable;
         const auto differences = DiffImages(*image, model, *other, model_b);
         out << DiffText(differences);

@@ -28,7 +28,8 @@ std::vector<MapEntry> ModuleEntries(const ImageModel& model, const Module& m, in
     const std::string details = ModuleDetails(model, m);
     for (std::size_t i = 0; i < m.piece_headers.size(); ++i) {
         out.push_back({m.piece_headers[i].offset, m.pieces[i].offset + m.pieces[i].length,
-                       MapKind::Module, depth, name + StrFormat(" piece %zu", i + 1), details, index});
+                       MapKind::Module, depth, name + StrFormat(" piece %zu", i + 1), details,
+                       index});
     }
     const std::uint32_t end = m.Linked() || m.pieces.empty()
                                   ? m.header.offset + 20
@@ -42,11 +43,20 @@ std::string HtmlEscape(const std::string& text) {
     std::string out;
     for (char c : text) {
         switch (c) {
-            case '&': out += "&amp;"; break;
-            case '<': out += "&lt;"; break;
-            case '>': out += "&gt;"; break;
-            case '"': out += "&quot;"; break;
-            default: out += c;
+            case '&':
+                out += "&amp;";
+                break;
+            case '<':
+                out += "&lt;";
+                break;
+            case '>':
+                out += "&gt;";
+                break;
+            case '"':
+                out += "&quot;";
+                break;
+            default:
+                out += c;
         }
     }
     return out;
@@ -54,11 +64,16 @@ std::string HtmlEscape(const std::string& text) {
 
 const char* KindClass(MapKind kind) {
     switch (kind) {
-        case MapKind::Region: return "region";
-        case MapKind::Block: return "block";
-        case MapKind::Module: return "module";
-        case MapKind::Free: return "free";
-        case MapKind::Other: return "other";
+        case MapKind::Region:
+            return "region";
+        case MapKind::Block:
+            return "block";
+        case MapKind::Module:
+            return "module";
+        case MapKind::Free:
+            return "free";
+        case MapKind::Other:
+            return "other";
     }
     return "other";
 }
@@ -111,10 +126,11 @@ std::string MapText(std::span<const std::uint8_t> image, const ImageModel& model
     out += "  address range       image range         size      item\n";
     for (const MapEntry& e : BuildMap(image, model)) {
         const std::string indent(e.depth * 2, ' ');
-        out += StrFormat("  %s%-19s %-19s %-9x %s%s%s\n", indent.c_str(),
-                         StrFormat("%x-%x", model.Address(e.begin), model.Address(e.end - 1)).c_str(),
-                         StrFormat("%x-%x", e.begin, e.end - 1).c_str(), e.end - e.begin,
-                         e.name.c_str(), e.details.empty() ? "" : ": ", e.details.c_str());
+        out +=
+            StrFormat("  %s%-19s %-19s %-9x %s%s%s\n", indent.c_str(),
+                      StrFormat("%x-%x", model.Address(e.begin), model.Address(e.end - 1)).c_str(),
+                      StrFormat("%x-%x", e.begin, e.end - 1).c_str(), e.end - e.begin,
+                      e.name.c_str(), e.details.empty() ? "" : ": ", e.details.c_str());
     }
     for (const Finding& f : model.problems) out += "PROBLEM: " + f.where + ": " + f.what + "\n";
     return out;
@@ -127,7 +143,8 @@ std::string MapHtml(std::span<const std::uint8_t> image, const ImageModel& model
     // a browser draws without trouble; every box gets at least 2 pixels.
     std::uint32_t smallest = model.size ? model.size : 1;
     for (const MapEntry& e : map) {
-        if (e.kind != MapKind::Other && e.end > e.begin) smallest = std::min(smallest, e.end - e.begin);
+        if (e.kind != MapKind::Other && e.end > e.begin)
+            smallest = std::min(smallest, e.end - e.begin);
     }
     double scale = std::max(900.0 / std::max<std::uint32_t>(model.size, 1), 4.0 / smallest);
     scale = std::min(scale, 16000.0 / std::max<std::uint32_t>(model.size, 1));
@@ -135,7 +152,8 @@ std::string MapHtml(std::span<const std::uint8_t> image, const ImageModel& model
 
     std::string h;
     h += "<!DOCTYPE html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\">\n";
-    h += "<title>" + HtmlEscape(title) + "</title>\n<style>\n"
+    h += "<title>" + HtmlEscape(title) +
+         "</title>\n<style>\n"
          "body{font-family:sans-serif;margin:16px;color:#222;display:flex;gap:24px;"
          "align-items:flex-start}\n"
          "#picture{position:relative;width:360px;flex:none;border:1px solid #444;"
@@ -163,14 +181,14 @@ std::string MapHtml(std::span<const std::uint8_t> image, const ImageModel& model
         const double box = std::max(2.0, (e.end - e.begin) * scale);
         std::string cls = std::string("box ") + KindClass(e.kind);
         if (e.kind == MapKind::Module && e.depth > 0) cls += " nested";
-        const std::string tip = StrFormat("%s: %x-%x (image %x-%x, %x bytes)", e.name.c_str(),
-                                          model.Address(e.begin), model.Address(e.end - 1), e.begin,
-                                          e.end - 1, e.end - e.begin) +
-                                (e.details.empty() ? "" : "\n" + e.details);
-        h += StrFormat("<div class=\"%s\"%s style=\"top:%.1fpx;height:%.1fpx\" title=\"%s\">%s</div>\n",
-                       cls.c_str(),
-                       e.module >= 0 ? StrFormat(" data-module=\"%d\"", e.module).c_str() : "", top,
-                       box, HtmlEscape(tip).c_str(), box >= 11 ? HtmlEscape(e.name).c_str() : "");
+        const std::string tip =
+            StrFormat("%s: %x-%x (image %x-%x, %x bytes)", e.name.c_str(), model.Address(e.begin),
+                      model.Address(e.end - 1), e.begin, e.end - 1, e.end - e.begin) +
+            (e.details.empty() ? "" : "\n" + e.details);
+        h += StrFormat(
+            "<div class=\"%s\"%s style=\"top:%.1fpx;height:%.1fpx\" title=\"%s\">%s</div>\n",
+            cls.c_str(), e.module >= 0 ? StrFormat(" data-module=\"%d\"", e.module).c_str() : "",
+            top, box, HtmlEscape(tip).c_str(), box >= 11 ? HtmlEscape(e.name).c_str() : "");
     }
     h += "</div>\n<div id=\"details\">\n<h1>" + HtmlEscape(title) + "</h1>\n";
     h += StrFormat("<p>%x bytes, ROM addresses %x-%x, %s links, %s placement.</p>\n", model.size,
@@ -179,13 +197,17 @@ std::string MapHtml(std::span<const std::uint8_t> image, const ImageModel& model
     h += "<table id=\"modules\">\n<tr><th>area</th><th>#</th><th>id</th><th>attributes</th>"
          "<th>destination</th><th>header</th><th>data</th><th>data size</th></tr>\n";
     for (const Module& m : model.modules) {
-        const char* area = m.area == ModuleArea::Main ? "main" : m.area == ModuleArea::Ebb ? "EBB" : "NCB";
-        h += StrFormat("<tr><td>%s</td><td>%d</td><td>%02X</td><td>%s</td><td>%s</td><td>%x</td>"
-                       "<td>%s</td><td>%x</td></tr>\n",
-                       area, m.index, m.header.id, HtmlEscape(DescribeAttributes(m)).c_str(),
-                       HtmlEscape(DescribeDestination(m)).c_str(), model.Address(m.header.offset),
-                       m.pieces.empty() ? "-" : StrFormat("%x", model.Address(m.pieces.front().offset)).c_str(),
-                       m.Linked() ? 0 : m.header.data_size);
+        const char* area = m.area == ModuleArea::Main  ? "main"
+                           : m.area == ModuleArea::Ebb ? "EBB"
+                                                       : "NCB";
+        h += StrFormat(
+            "<tr><td>%s</td><td>%d</td><td>%02X</td><td>%s</td><td>%s</td><td>%x</td>"
+            "<td>%s</td><td>%x</td></tr>\n",
+            area, m.index, m.header.id, HtmlEscape(DescribeAttributes(m)).c_str(),
+            HtmlEscape(DescribeDestination(m)).c_str(), model.Address(m.header.offset),
+            m.pieces.empty() ? "-"
+                             : StrFormat("%x", model.Address(m.pieces.front().offset)).c_str(),
+            m.Linked() ? 0 : m.header.data_size);
     }
     h += "</table>\n";
     for (const Finding& f : model.problems) {

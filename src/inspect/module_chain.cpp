@@ -11,7 +11,9 @@ namespace fwforge::inspect {
 bool Module::Compressed() const {
     return !Linked() && (header.attributes & module_attr::NotCompressed) == 0;
 }
-bool Module::Linked() const { return (header.attributes & module_attr::LinkedRom) != 0; }
+bool Module::Linked() const {
+    return (header.attributes & module_attr::LinkedRom) != 0;
+}
 bool Module::Contiguous() const {
     return (header.attributes & module_attr::ContiguousAttr) != 0;
 }
@@ -79,8 +81,7 @@ HeaderView ReadHeader(Bytes image, std::uint32_t at) {
 // Where a main-chain link leads: the image offset of the module header's first byte.
 // 16-bit links are segment:offset of the base header as a real-mode address of an
 // image that ends at 0xFFFFF; 32-bit links are the base header's image offset.
-std::optional<std::uint32_t> DecodeMainLink(std::uint32_t value, bool links32,
-                                            std::uint32_t size) {
+std::optional<std::uint32_t> DecodeMainLink(std::uint32_t value, bool links32, std::uint32_t size) {
     if (value == kEndOfChain) return std::nullopt;
     std::uint64_t base_header;
     if (links32) {
@@ -118,8 +119,7 @@ void WalkMainChain(Bytes image, ImageModel& model) {
     while (link != kEndOfChain) {
         auto at = DecodeMainLink(link, model.links32, size);
         if (!at) {
-            model.problems.push_back(
-                {from, StrFormat("link %08x points outside the image", link)});
+            model.problems.push_back({from, StrFormat("link %08x points outside the image", link)});
             break;
         }
         if (!visited.insert(*at).second) {
@@ -162,8 +162,8 @@ void WalkMainChain(Bytes image, ImageModel& model) {
         m.index = index++;
         m.header = h;
         if (!m.piece_headers.empty() && m.piece_headers.front().id != h.id) {
-            model.problems.push_back({DescribeModule(model, m),
-                                      "split pieces before it belong to another module id"});
+            model.problems.push_back(
+                {DescribeModule(model, m), "split pieces before it belong to another module id"});
         }
         if (!m.Linked()) {
             std::uint64_t remaining = h.data_size;
@@ -195,8 +195,9 @@ void WalkMainChain(Bytes image, ImageModel& model) {
         model.modules.push_back(std::move(m));
     }
     if (!pending.piece_headers.empty()) {
-        model.problems.push_back({StrFormat("split piece at %x", pending.piece_headers.back().offset),
-                                  "the chain ends before the split module's last piece"});
+        model.problems.push_back(
+            {StrFormat("split piece at %x", pending.piece_headers.back().offset),
+             "the chain ends before the split module's last piece"});
     }
 }
 
@@ -207,8 +208,9 @@ void WalkBlockChain(Bytes image, ImageModel& model, const Block& block, ModuleAr
     std::set<std::uint32_t> visited;
     std::uint32_t link = block.first_module;
     if (link != kEndOfChain && link != block_header::kSize + module_header::kExtensionSize) {
-        model.problems.push_back({name + " header",
-                                  StrFormat("first module offset %08x is neither 20 nor ffffffff", link)});
+        model.problems.push_back(
+            {name + " header",
+             StrFormat("first module offset %08x is neither 20 nor ffffffff", link)});
     }
     std::string from = name + " header";
     const std::uint64_t block_end = std::uint64_t(block.offset) + block.length;
@@ -224,10 +226,12 @@ void WalkBlockChain(Bytes image, ImageModel& model, const Block& block, ModuleAr
     if (link == block_header::kSize + module_header::kExtensionSize && linked_at(first)) {
         std::uint64_t at = first;
         while (linked_at(at)) at += module_header::kSize;
-        if (at + module_header::kSize <= block_end && ReadHeader(image, static_cast<std::uint32_t>(at)).next_link == link) {
+        if (at + module_header::kSize <= block_end &&
+            ReadHeader(image, static_cast<std::uint32_t>(at)).next_link == link) {
             link = static_cast<std::uint32_t>(at - block.offset + module_header::kExtensionSize);
-            model.notes.push_back(name + ": the chain starts at the add-on ROM above the link "
-                                         "headers that its header names");
+            model.notes.push_back(name +
+                                  ": the chain starts at the add-on ROM above the link "
+                                  "headers that its header names");
         }
     }
     while (link != kEndOfChain) {
@@ -258,9 +262,8 @@ void WalkBlockChain(Bytes image, ImageModel& model, const Block& block, ModuleAr
             Piece piece{at + 20, m.header.data_size};
             if (at + 20ull + m.header.data_size > block_end) {
                 model.problems.push_back(
-                    {DescribeModule(model, m),
-                     StrFormat("data of %x bytes runs past the end of %s", m.header.data_size,
-                               name.c_str())});
+                    {DescribeModule(model, m), StrFormat("data of %x bytes runs past the end of %s",
+                                                         m.header.data_size, name.c_str())});
                 piece.length = static_cast<std::uint32_t>(block_end - (at + 20));
                 m.truncated = true;
             }
@@ -271,6 +274,5 @@ void WalkBlockChain(Bytes image, ImageModel& model, const Block& block, ModuleAr
         model.modules.push_back(std::move(m));
     }
 }
-
 
 }  // namespace fwforge::inspect

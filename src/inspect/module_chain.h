@@ -21,8 +21,7 @@ inline bool Fits(std::uint64_t offset, std::uint64_t length, std::uint64_t limit
 
 // Where a main-chain link leads: the image offset of the module header's first byte,
 // or nothing when it leads outside the image or ends the chain.
-std::optional<std::uint32_t> DecodeMainLink(std::uint32_t value, bool links32,
-                                            std::uint32_t size);
+std::optional<std::uint32_t> DecodeMainLink(std::uint32_t value, bool links32, std::uint32_t size);
 
 // Whether the header at `at` (known to fit the image) looks like a module header.
 bool PlausibleHeader(std::span<const std::uint8_t> image, std::uint32_t at);

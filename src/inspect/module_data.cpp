@@ -26,8 +26,8 @@ DecodeResult DecodeStoredData(std::span<const std::uint8_t> stored) {
     r.original = load_le32(stored.data() + header::OriginalSize.offset);
     if (r.total < lzh::kCompressedOverhead || r.total > stored.size()) {
         r.status = DecodeStatus::BadHeader;
-        r.message = StrFormat("total size %x does not fit the %zx stored bytes", r.total,
-                              stored.size());
+        r.message =
+            StrFormat("total size %x does not fit the %zx stored bytes", r.total, stored.size());
         return r;
     }
     if (r.original > kLargestOriginal) {
@@ -40,8 +40,8 @@ DecodeResult DecodeStoredData(std::span<const std::uint8_t> stored) {
     // is then exactly what it read + 9, and the stream ends wherever it was cut.
     const bool stopped_size = r.total == r.original + lzh::kCompressedOverhead;
     std::string error;
-    auto bytes = lzh::DecodeLh5(
-        stored.subspan(header::kSize, r.total - lzh::kCompressedOverhead), r.original, &error);
+    auto bytes = lzh::DecodeLh5(stored.subspan(header::kSize, r.total - lzh::kCompressedOverhead),
+                                r.original, &error);
     if (bytes) {
         r.status = DecodeStatus::Ok;
         r.bytes = std::move(*bytes);

@@ -25,8 +25,10 @@ Sizes SizesOf(std::span<const std::uint8_t> image, const Module& m) {
     const Piece& first = m.pieces.front();
     if (first.length < lzh::compressed_data_header::kSize) return s;
     s.compressed = true;
-    s.total = load_le32(image.data() + first.offset + lzh::compressed_data_header::TotalSize.offset);
-    s.original = load_le32(image.data() + first.offset + lzh::compressed_data_header::OriginalSize.offset);
+    s.total =
+        load_le32(image.data() + first.offset + lzh::compressed_data_header::TotalSize.offset);
+    s.original =
+        load_le32(image.data() + first.offset + lzh::compressed_data_header::OriginalSize.offset);
     return s;
 }
 
@@ -53,21 +55,21 @@ std::string Range(const ImageModel& model, std::uint32_t offset, std::uint32_t l
 
 void ModuleTable(std::string& out, std::span<const std::uint8_t> image, const ImageModel& model,
                  const std::vector<const Module*>& modules) {
-    out += "  #    id  attributes                     destination     header(addr/image)  "
-           "data(addr/image)    stored    original  ratio\n";
+    out +=
+        "  #    id  attributes                     destination     header(addr/image)  "
+        "data(addr/image)    stored    original  ratio\n";
     for (const Module* m : modules) {
         const Sizes s = SizesOf(image, *m);
-        const std::string data =
-            m->pieces.empty() ? std::string("-")
-                              : StrFormat("%x/%x", model.Address(m->pieces.front().offset),
-                                          m->pieces.front().offset);
-        out += StrFormat("  %-4d %02X  %-30s %-15s %-19s %-19s %-9x %-9s %s\n", m->index,
-                         m->header.id, DescribeAttributes(*m).c_str(),
-                         DescribeDestination(*m).c_str(),
-                         StrFormat("%x/%x", model.Address(m->header.offset), m->header.offset).c_str(),
-                         data.c_str(), s.stored,
-                         s.compressed ? StrFormat("%x", s.original).c_str() : "-",
-                         Ratio(s).c_str());
+        const std::string data = m->pieces.empty()
+                                     ? std::string("-")
+                                     : StrFormat("%x/%x", model.Address(m->pieces.front().offset),
+                                                 m->pieces.front().offset);
+        out +=
+            StrFormat("  %-4d %02X  %-30s %-15s %-19s %-19s %-9x %-9s %s\n", m->index, m->header.id,
+                      DescribeAttributes(*m).c_str(), DescribeDestination(*m).c_str(),
+                      StrFormat("%x/%x", model.Address(m->header.offset), m->header.offset).c_str(),
+                      data.c_str(), s.stored,
+                      s.compressed ? StrFormat("%x", s.original).c_str() : "-", Ratio(s).c_str());
         for (std::size_t i = 0; i < m->piece_headers.size(); ++i) {
             out += StrFormat("       piece %zu: header %x/%x, %x data bytes\n", i + 1,
                              model.Address(m->piece_headers[i].offset), m->piece_headers[i].offset,
@@ -86,7 +88,8 @@ void ModuleTable(std::string& out, std::span<const std::uint8_t> image, const Im
 std::vector<FreeRun> FreeSpace(std::span<const std::uint8_t> image, const ImageModel& model) {
     std::vector<FreeRun> runs;
     std::vector<Extent> cover = MergedCover(TopLevelExtents(model));
-    cover.push_back({static_cast<std::uint32_t>(image.size()), static_cast<std::uint32_t>(image.size()), ""});
+    cover.push_back(
+        {static_cast<std::uint32_t>(image.size()), static_cast<std::uint32_t>(image.size()), ""});
     std::uint32_t from = 0;
     for (const Extent& item : cover) {
         // The bytes between the items, scanned for runs of 0xFF.
@@ -143,17 +146,20 @@ std::string ListText(std::span<const std::uint8_t> image, const ImageModel& mode
                StrFormat(", %zu modules\n", model.ModulesIn(ModuleArea::Ebb).size());
     }
     if (model.nvram_offset) {
-        out += "  NVRAM area           " + Range(model, *model.nvram_offset, *model.nvram_size) + "\n";
+        out +=
+            "  NVRAM area           " + Range(model, *model.nvram_offset, *model.nvram_size) + "\n";
     }
     if (model.main) {
         const MainHeader& h = *model.main;
-        out += "  main BIOS header     " + Range(model, h.BlockStart(), main_header::kBlockSize) + "\n";
+        out += "  main BIOS header     " + Range(model, h.BlockStart(), main_header::kBlockSize) +
+               "\n";
         out += StrFormat("    signature at %x, version %02x, flags %02x (%s), stamp %08x\n",
                          model.Address(h.signature), h.version, h.flags, FlagsText(h.flags).c_str(),
                          h.stamp);
         if (h.length == main_header::kCappedLength) {
-            out += StrFormat("    length ffff (capped: checksum over the %x bytes below the header end)\n",
-                             main_header::kCappedRegion);
+            out += StrFormat(
+                "    length ffff (capped: checksum over the %x bytes below the header end)\n",
+                main_header::kCappedRegion);
         } else {
             out += StrFormat("    length %x (%x bytes), checksum %08x\n", h.length, h.length * 8u,
                              h.checksum);
@@ -194,11 +200,13 @@ std::string ListText(std::span<const std::uint8_t> image, const ImageModel& mode
     std::vector<FreeRun> runs = FreeSpace(image, model);
     std::uint64_t total = 0;
     for (const FreeRun& r : runs) total += r.length;
-    out += StrFormat("\nFree space: %llx bytes of 0xFF in %zu %s", static_cast<unsigned long long>(total),
-                     runs.size(), runs.size() == 1 ? "run" : "runs");
+    out += StrFormat("\nFree space: %llx bytes of 0xFF in %zu %s",
+                     static_cast<unsigned long long>(total), runs.size(),
+                     runs.size() == 1 ? "run" : "runs");
     std::stable_sort(runs.begin(), runs.end(),
                      [](const FreeRun& a, const FreeRun& b) { return a.length > b.length; });
-    if (!runs.empty()) out += runs.size() > 5 ? "; the five largest:" : runs.size() > 1 ? ", largest first:" : ":";
+    if (!runs.empty())
+        out += runs.size() > 5 ? "; the five largest:" : runs.size() > 1 ? ", largest first:" : ":";
     out += "\n";
     for (std::size_t i = 0; i < runs.size() && i < 5; ++i) {
         out += "  " + Range(model, runs[i].offset, runs[i].length) + "\n";
@@ -234,7 +242,10 @@ std::string JsonModule(std::span<const std::uint8_t> image, const ImageModel& mo
         "{\"index\": %d, \"area\": %s, \"id\": %u, \"attributes\": %u, \"compressed\": %s, "
         "\"linked\": %s, \"split\": %s, \"contiguous\": %s, ",
         m.index,
-        JsonString(m.area == ModuleArea::Main ? "main" : m.area == ModuleArea::Ebb ? "ebb" : "ncb").c_str(),
+        JsonString(m.area == ModuleArea::Main  ? "main"
+                   : m.area == ModuleArea::Ebb ? "ebb"
+                                               : "ncb")
+            .c_str(),
         m.header.id, m.header.attributes, m.Compressed() ? "true" : "false",
         m.Linked() ? "true" : "false", m.Split() ? "true" : "false",
         m.Contiguous() ? "true" : "false");
@@ -261,9 +272,10 @@ std::string JsonModule(std::span<const std::uint8_t> image, const ImageModel& mo
 }
 
 std::string JsonBlock(const Block& b) {
-    return StrFormat("{\"offset\": %u, \"length\": %u, \"header_checksum\": %u, "
-                     "\"block_checksum\": %u, \"first_module\": %u}",
-                     b.offset, b.length, b.header_checksum, b.block_checksum, b.first_module);
+    return StrFormat(
+        "{\"offset\": %u, \"length\": %u, \"header_checksum\": %u, "
+        "\"block_checksum\": %u, \"first_module\": %u}",
+        b.offset, b.length, b.header_checksum, b.block_checksum, b.first_module);
 }
 
 std::string JsonFindings(const std::vector<Finding>& findings) {
@@ -288,18 +300,20 @@ std::string ListJson(std::span<const std::uint8_t> image, const ImageModel& mode
     out += StrFormat("  \"size\": %u,\n  \"address_base\": %u,\n  \"links\": %d,\n", model.size,
                      model.address_base, model.links32 ? 32 : 16);
     out += StrFormat("  \"placement\": %s,\n", model.gap_placement ? "\"gap\"" : "\"sequential\"");
-    if (model.boot_block_size) out += StrFormat("  \"boot_block_size\": %u,\n", *model.boot_block_size);
+    if (model.boot_block_size)
+        out += StrFormat("  \"boot_block_size\": %u,\n", *model.boot_block_size);
     if (model.nvram_offset) {
         out += StrFormat("  \"nvram\": {\"offset\": %u, \"length\": %u},\n", *model.nvram_offset,
                          *model.nvram_size);
     }
     if (model.main) {
         const MainHeader& h = *model.main;
-        out += StrFormat("  \"main_header\": {\"offset\": %u, \"address\": %u, \"version\": %u, "
-                         "\"flags\": %u, \"stamp\": %u, \"length\": %u, \"checksum\": %u, "
-                         "\"link\": %u},\n",
-                         h.signature, model.Address(h.signature), h.version, h.flags, h.stamp,
-                         h.length, h.checksum, h.link);
+        out += StrFormat(
+            "  \"main_header\": {\"offset\": %u, \"address\": %u, \"version\": %u, "
+            "\"flags\": %u, \"stamp\": %u, \"length\": %u, \"checksum\": %u, "
+            "\"link\": %u},\n",
+            h.signature, model.Address(h.signature), h.version, h.flags, h.stamp, h.length,
+            h.checksum, h.link);
     }
     if (!model.info.tool_version.empty()) {
         out += "  \"image_information\": {\"tool_version\": " + JsonString(model.info.tool_version);
@@ -311,7 +325,8 @@ std::string ListJson(std::span<const std::uint8_t> image, const ImageModel& mode
     }
     if (model.ebb) out += "  \"ebb\": " + JsonBlock(*model.ebb) + ",\n";
     out += "  \"non_critical_blocks\": [";
-    for (std::size_t i = 0; i < model.ncbs.size(); ++i) out += (i ? ", " : "") + JsonBlock(model.ncbs[i]);
+    for (std::size_t i = 0; i < model.ncbs.size(); ++i)
+        out += (i ? ", " : "") + JsonBlock(model.ncbs[i]);
     out += "],\n  \"modules\": [\n";
     for (std::size_t i = 0; i < model.modules.size(); ++i) {
         out += "    " + JsonModule(image, model, model.modules[i]) +
@@ -352,8 +367,8 @@ std::string VerifyText(const VerifyReport& report) {
 std::string VerifyJson(const VerifyReport& report) {
     return StrFormat("{\n  \"ok\": %s,\n  \"checks\": %d,\n", report.Clean() ? "true" : "false",
                      report.checks) +
-           "  \"problems\": " + JsonFindings(report.problems) + ",\n  \"notes\": " +
-           JsonStrings(report.notes) + "\n}\n";
+           "  \"problems\": " + JsonFindings(report.problems) +
+           ",\n  \"notes\": " + JsonStrings(report.notes) + "\n}\n";
 }
 
 }  // namespace fwforge::inspect

@@ -31,7 +31,8 @@ void CheckModule(Bytes image, const ImageModel& model, const Module& m,
         sum = DwordSum(image, m.header.offset, module_header::kSize);
         for (const Piece& p : m.pieces) sum += DwordSum(image, p.offset, p.length);
     } else {
-        sum = DwordSum(image, m.header.offset, module_header::kSize + std::size_t(m.header.data_size));
+        sum = DwordSum(image, m.header.offset,
+                       module_header::kSize + std::size_t(m.header.data_size));
         // The first module of a non-critical block is sealed while the main chain's
         // last split module is still pending; with no module after it in its block it
         // keeps that seal, which counts the split data instead of its own.
@@ -48,12 +49,13 @@ void CheckModule(Bytes image, const ImageModel& model, const Module& m,
             p.dest_segment != m.header.dest_segment ||
             p.attributes != (m.header.attributes | module_attr::SplitPiece)) {
             report.problems.push_back(
-                {name, StrFormat("piece %zu's header at %x (id %02X, attributes %02x, %04x:%04x) "
-                                 "does not repeat the module's (id %02X, attributes %02x, %04x:%04x)",
-                                 i + 1, model.Address(p.offset), p.id, p.attributes,
-                                 p.dest_segment, p.dest_offset, m.header.id,
-                                 m.header.attributes | module_attr::SplitPiece,
-                                 m.header.dest_segment, m.header.dest_offset)});
+                {name,
+                 StrFormat("piece %zu's header at %x (id %02X, attributes %02x, %04x:%04x) "
+                           "does not repeat the module's (id %02X, attributes %02x, %04x:%04x)",
+                           i + 1, model.Address(p.offset), p.id, p.attributes, p.dest_segment,
+                           p.dest_offset, m.header.id,
+                           m.header.attributes | module_attr::SplitPiece, m.header.dest_segment,
+                           m.header.dest_offset)});
         }
     }
     if (sum != 0) {
@@ -136,7 +138,8 @@ void CheckEbb(Bytes image, const ImageModel& model, VerifyReport& report) {
     store_le16(&header[block_header::HeaderChecksum], 0);
     ++report.checks;
     // Taken over the header with BlockChecksum in place, low 16 bits of a dword sum.
-    const std::uint16_t expect = static_cast<std::uint16_t>(DwordChecksum(header, 0, header.size()));
+    const std::uint16_t expect =
+        static_cast<std::uint16_t>(DwordChecksum(header, 0, header.size()));
     if (expect != b.header_checksum) {
         report.problems.push_back({name, StrFormat("header checksum %04x does not match (%04x)",
                                                    b.header_checksum, expect)});
@@ -154,10 +157,9 @@ void CheckEbb(Bytes image, const ImageModel& model, VerifyReport& report) {
         ++report.checks;
         const std::uint64_t end = std::uint64_t(b.offset) + b.length;
         if (end != model.size - *model.boot_block_size) {
-            report.problems.push_back(
-                {name, StrFormat("ends at %llx, not at the boot block (%x)",
-                                 static_cast<unsigned long long>(end),
-                                 model.size - *model.boot_block_size)});
+            report.problems.push_back({name, StrFormat("ends at %llx, not at the boot block (%x)",
+                                                       static_cast<unsigned long long>(end),
+                                                       model.size - *model.boot_block_size)});
         }
     }
 }
@@ -193,8 +195,9 @@ void CheckOverlaps(const ImageModel& model, VerifyReport& report) {
     auto add_block = [&](ModuleArea area, int block) {
         std::vector<Extent> inner;
         for (const Module* m : model.ModulesIn(area, block)) {
-            const std::uint32_t end =
-                m->pieces.empty() ? m->header.offset + 20 : m->pieces.back().offset + m->pieces.back().length;
+            const std::uint32_t end = m->pieces.empty()
+                                          ? m->header.offset + 20
+                                          : m->pieces.back().offset + m->pieces.back().length;
             inner.push_back({m->header.offset, end, DescribeModule(model, *m)});
         }
         std::sort(inner.begin(), inner.end(),
@@ -212,8 +215,9 @@ void CheckOverlaps(const ImageModel& model, VerifyReport& report) {
             const Extent& before = list[reach];
             if (before.end > list[i].begin) {
                 report.problems.push_back(
-                    {list[i].name, StrFormat("overlaps %s (%x-%x)", before.name.c_str(),
-                                             model.Address(before.begin), model.Address(before.end - 1))});
+                    {list[i].name,
+                     StrFormat("overlaps %s (%x-%x)", before.name.c_str(),
+                               model.Address(before.begin), model.Address(before.end - 1))});
             }
             if (list[i].end > before.end) reach = i;
         }
@@ -251,8 +255,8 @@ std::vector<Extent> TopLevelExtents(const ImageModel& model, bool with_modules) 
     auto add = [&](std::uint64_t begin, std::uint64_t size, std::string name) {
         if (size == 0 || begin >= model.size) return;
         const std::uint64_t end = std::min<std::uint64_t>(begin + size, model.size);
-        items.push_back({static_cast<std::uint32_t>(begin), static_cast<std::uint32_t>(end),
-                         std::move(name)});
+        items.push_back(
+            {static_cast<std::uint32_t>(begin), static_cast<std::uint32_t>(end), std::move(name)});
     };
     if (model.boot_block_size) {
         add(model.size - *model.boot_block_size, *model.boot_block_size, "boot block");
@@ -291,15 +295,17 @@ VerifyReport Verify(std::span<const std::uint8_t> image, const ImageModel& model
     std::uint32_t carried = 0;
     const auto main_modules = model.ModulesIn(ModuleArea::Main);
     if (!main_modules.empty() && main_modules.back()->Split()) {
-        for (const Piece& p : main_modules.back()->pieces) carried += DwordSum(image, p.offset, p.length);
+        for (const Piece& p : main_modules.back()->pieces)
+            carried += DwordSum(image, p.offset, p.length);
     }
     std::uint64_t budget = ModuleByteBudget(model);
     int previous_block = -1;
     for (const Module& m : model.modules) {
         const std::uint64_t cost = m.StoredLength() + 20ull;
         if (cost > budget) {
-            report.problems.push_back({"image", "its modules claim far more data than the image "
-                                                "holds; the remaining module checks are skipped"});
+            report.problems.push_back({"image",
+                                       "its modules claim far more data than the image "
+                                       "holds; the remaining module checks are skipped"});
             break;
         }
         budget -= cost;

@@ -13,7 +13,7 @@
 namespace fwforge::inspect {
 
 struct VerifyReport {
-    std::vector<Finding> problems;  // the reader's problems first
+    std::vector<Finding> problems;   // the reader's problems first
     std::vector<std::string> notes;  // checks that could not be made, and why
     int checks = 0;                  // checks made
     bool Clean() const { return problems.empty(); }

@@ -24,8 +24,7 @@ std::uint64_t EndOf(const RomHoleEntry& range) {
 
 // The reserved ranges in address order. Ties are refused, so the order is strict; among
 // several candidates the first in table order is taken, as the search walks the table.
-std::vector<std::uint32_t> OrderRanges(BuildContext& ctx, std::uint32_t n,
-                                       std::uint32_t lowest) {
+std::vector<std::uint32_t> OrderRanges(BuildContext& ctx, std::uint32_t n, std::uint32_t lowest) {
     const std::vector<RomHoleEntry>& holes = ctx.description.RomHoleTable;
     std::vector<std::uint32_t> order{lowest};
     for (std::uint32_t k = 1; k < n; ++k) {
@@ -106,8 +105,8 @@ void BuildGapMap(BuildContext& ctx) {
         if (!has_range) break;
         // Every range ends at or below the top here: the highest one was checked above
         // and each other one ends at or below the start of the next.
-        const std::uint32_t range_end = static_cast<std::uint32_t>(
-            std::min<std::uint64_t>(EndOf(holes[order[next]]), top));
+        const std::uint32_t range_end =
+            static_cast<std::uint32_t>(std::min<std::uint64_t>(EndOf(holes[order[next]]), top));
         if (gap.Start == gap.End) {
             gap.Start = range_end;
             --count;

@@ -16,14 +16,14 @@ namespace fwforge {
 // counted backwards from the signature, so they stay put whatever the extension's size.
 namespace main_header {
 inline constexpr std::size_t kSize = 22;
-inline constexpr char kSignature[] = "ZELBIOSC";  // 8 characters, stored without terminator
-inline constexpr std::ptrdiff_t RomImageVersion = -5;       // 1 byte; 0 in compatibility form
-inline constexpr std::ptrdiff_t RomImageFlags = -4;         // 1 byte; 0 in compatibility form
-inline constexpr std::ptrdiff_t ModuleExtensionSize = -2;   // 1 byte
-inline constexpr std::ptrdiff_t MainExtensionSize = -1;     // 1 byte
+inline constexpr char kSignature[] = "ZELBIOSC";       // 8 characters, stored without terminator
+inline constexpr std::ptrdiff_t RomImageVersion = -5;  // 1 byte; 0 in compatibility form
+inline constexpr std::ptrdiff_t RomImageFlags = -4;    // 1 byte; 0 in compatibility form
+inline constexpr std::ptrdiff_t ModuleExtensionSize = -2;  // 1 byte
+inline constexpr std::ptrdiff_t MainExtensionSize = -1;    // 1 byte
 inline constexpr HeaderField Signature{0, 8};
 inline constexpr HeaderField BootBlockStamp{8, 4};
-inline constexpr HeaderField Length{12, 2};    // region length / 8, 0xFFFF when capped
+inline constexpr HeaderField Length{12, 2};  // region length / 8, 0xFFFF when capped
 inline constexpr HeaderField Checksum{14, 4};
 inline constexpr HeaderField FirstLink{18, 4};  // 32-bit offset, or 16-bit offset + segment
 // Regions of 0x80000 bytes or more are capped: the length word says 0xFFFF and the

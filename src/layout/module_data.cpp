@@ -18,8 +18,7 @@ std::uint32_t CheckedSize(BuildContext& ctx, const std::string& file_name,
     // The image, and with it any module, is addressed with 32 bits.
     if (*size > 0xFFFFFFFFu - kCompressionSlack) {
         ctx.diag.Fatal(StrFormat("Module file %s is too large for a ROM image: %llx bytes",
-                                 file_name.c_str(),
-                                 static_cast<unsigned long long>(*size)));
+                                 file_name.c_str(), static_cast<unsigned long long>(*size)));
     }
     return static_cast<std::uint32_t>(*size);
 }

@@ -21,7 +21,7 @@ inline constexpr HeaderField NextModuleLink{8, 4};
 inline constexpr HeaderField DataSize16{12, 2};
 inline constexpr HeaderField ModuleId{14, 1};
 inline constexpr HeaderField ModuleAttributes{15, 1};
-inline constexpr HeaderField DestOffset{16, 2};  // or the PCI VendorId of an add-on ROM
+inline constexpr HeaderField DestOffset{16, 2};   // or the PCI VendorId of an add-on ROM
 inline constexpr HeaderField DestSegment{18, 2};  // or the PCI DeviceId of an add-on ROM
 }  // namespace module_header
 

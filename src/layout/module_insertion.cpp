@@ -37,7 +37,7 @@ void CheckInsideImage(BuildContext& ctx, const ModuleEntry& m, std::uint64_t end
         ctx.diag.Fatal(StrFormat(
             "Module %s at image offset %x with %llx bytes reaches past the end of the image "
             "(BIOS size %x)",
-            m.FileName.c_str(), ctx.image.PlacementCursor, 
+            m.FileName.c_str(), ctx.image.PlacementCursor,
             static_cast<unsigned long long>(end - ctx.image.PlacementCursor),
             ctx.description.Bios.BiosSize));
     }
@@ -164,8 +164,8 @@ void InsertLinkedRom(BuildContext& ctx, std::uint32_t index) {
     if (ctx.layout.LastHeader == ctx.layout.MainHeader) {
         ctx.diag.Fatal("Addon-rom must precede linked modules");
     }
-    const std::uint8_t* last = image.ImageBuffer.data() + ctx.layout.LastHeader -
-                               module_header::kExtensionSize;
+    const std::uint8_t* last =
+        image.ImageBuffer.data() + ctx.layout.LastHeader - module_header::kExtensionSize;
     if (last[module_header::ModuleId.offset] != kAddonRomId) {
         ctx.diag.Fatal("Addon-rom must precede linked modules");
     }
@@ -176,9 +176,10 @@ void InsertLinkedRom(BuildContext& ctx, std::uint32_t index) {
             ctx.diag.Fatal("Not enough free space in ROM file to insert module");
         }
     } else if (image.PlacementCursor < kHeader) {
-        ctx.diag.Fatal(StrFormat("Linked addon-rom header at image offset %x does not fit "
-                                 "below its parent",
-                                 image.PlacementCursor));
+        ctx.diag.Fatal(
+            StrFormat("Linked addon-rom header at image offset %x does not fit "
+                      "below its parent",
+                      image.PlacementCursor));
     }
     image.PlacementCursor -= kHeader;
     ctx.diag.Printf(" at %x\n", image.PlacementCursor + image.AddressBase);

@@ -28,10 +28,10 @@ void CopyPiece(BuildContext& ctx, const ModuleEntry& m, const std::vector<std::u
     std::vector<std::uint8_t>& image = ctx.image.ImageBuffer;
     const std::uint64_t at = std::uint64_t{ctx.image.PlacementCursor} + kHeader;
     if (at + length > image.size() || source + length > buffer.size()) {
-        ctx.diag.Fatal(StrFormat(
-            "Piece of module %s at image offset %x with %x bytes reaches past the image "
-            "(BIOS size %zx)",
-            m.FileName.c_str(), ctx.image.PlacementCursor, length, image.size()));
+        ctx.diag.Fatal(
+            StrFormat("Piece of module %s at image offset %x with %x bytes reaches past the image "
+                      "(BIOS size %zx)",
+                      m.FileName.c_str(), ctx.image.PlacementCursor, length, image.size()));
     }
     std::copy_n(buffer.begin() + static_cast<std::ptrdiff_t>(source), length,
                 image.begin() + static_cast<std::ptrdiff_t>(at));

@@ -136,8 +136,8 @@ std::optional<std::uint64_t> InputFile::Size() const {
 bool InputFile::ReadExactly(std::span<std::uint8_t> buffer) {
     std::size_t done = 0;
     while (done < buffer.size()) {
-        const ssize_t n = ::pread(fd_, buffer.data() + done, buffer.size() - done,
-                                  static_cast<off_t>(done));
+        const ssize_t n =
+            ::pread(fd_, buffer.data() + done, buffer.size() - done, static_cast<off_t>(done));
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) return false;
         done += static_cast<std::size_t>(n);

@@ -32,7 +32,7 @@ std::string ResolveExistingPath(std::string_view name);
 std::string ComposeOutputName(std::string_view output_path, std::string_view rest);
 
 class InputFile {
-public:
+  public:
     // Opens an existing file for reading; nullopt when it cannot be opened.
     static std::optional<InputFile> Open(std::string_view name);
 
@@ -48,13 +48,13 @@ public:
     // read fails or returns fewer bytes.
     bool ReadExactly(std::span<std::uint8_t> buffer);
 
-private:
+  private:
     explicit InputFile(int fd) : fd_(fd) {}
     int fd_ = -1;
 };
 
 class OutputFile {
-public:
+  public:
     // Creates the file anew (replacing an existing one); nullopt when that fails.
     static std::optional<OutputFile> Create(std::string_view name);
 
@@ -67,7 +67,7 @@ public:
     // Writes the whole buffer; false when the write fails or is short.
     bool Write(std::span<const std::uint8_t> data);
 
-private:
+  private:
     explicit OutputFile(int fd) : fd_(fd) {}
     int fd_ = -1;
 };

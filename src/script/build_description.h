@@ -50,8 +50,12 @@ struct ModuleHeaderImage {
     std::uint16_t DestOffset() const { return load_le16(&bytes[module_header::DestOffset.offset]); }
     void SetDestOffset(std::uint16_t v) { store_le16(&bytes[module_header::DestOffset.offset], v); }
     // DestSegment, or the PCI DeviceId of an add-on ROM.
-    std::uint16_t DestSegment() const { return load_le16(&bytes[module_header::DestSegment.offset]); }
-    void SetDestSegment(std::uint16_t v) { store_le16(&bytes[module_header::DestSegment.offset], v); }
+    std::uint16_t DestSegment() const {
+        return load_le16(&bytes[module_header::DestSegment.offset]);
+    }
+    void SetDestSegment(std::uint16_t v) {
+        store_le16(&bytes[module_header::DestSegment.offset], v);
+    }
 };
 
 // One [module] section. Default member values are those of a fresh section.

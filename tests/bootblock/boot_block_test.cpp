@@ -68,7 +68,9 @@ TEST(BootBlock, FileCopyCoversOnlyTheBootBlock) {
         const std::string tag(c.tag, std::strlen(c.tag) + 1);
         EXPECT_EQ(std::string(bb.begin() + tag_at, bb.begin() + tag_at + tag.size()), tag);
         for (std::size_t i = 0; i < c.bb_size; ++i) {
-            if ((i >= tag_at && i < tag_at + tag.size()) || (i >= checksum_at && i < checksum_at + 4)) continue;
+            if ((i >= tag_at && i < tag_at + tag.size()) ||
+                (i >= checksum_at && i < checksum_at + 4))
+                continue;
             ASSERT_EQ(bb[i], i < c.copied ? b.file[first + i] : 0) << "at " << i;
         }
         EXPECT_EQ(b.Image(0x20000 - c.bb_size, c.bb_size), bb);
@@ -83,20 +85,23 @@ TEST(BootBlock, FailuresReportTheirMessageAfterTheProgressLine) {
         const char* message;
     };
     const char* const kSizeMessage = "Boot block size must be a multiple of 4 between 4 and 65536";
-    const char* const kOffsetMessage = "Boot block checksum or tag offset lies outside the boot block";
+    const char* const kOffsetMessage =
+        "Boot block checksum or tag offset lies outside the boot block";
     const Case cases[] = {
         {"size 0", [](auto& b) { b.ctx.description.Bios.BootBlockSize = 0; }, kSizeMessage},
         {"size 6", [](auto& b) { b.ctx.description.Bios.BootBlockSize = 6; }, kSizeMessage},
-        {"size 64K+4", [](auto& b) { b.ctx.description.Bios.BootBlockSize = 0x10004; }, kSizeMessage},
+        {"size 64K+4", [](auto& b) { b.ctx.description.Bios.BootBlockSize = 0x10004; },
+         kSizeMessage},
         {"checksum below", [](auto& b) { b.ctx.description.Init.ChecksumOffset = 0xDFFC; },
          kOffsetMessage},
         {"checksum across the top", [](auto& b) { b.ctx.description.Init.ChecksumOffset = 0xFFFE; },
          kOffsetMessage},
         {"checksum far off", [](auto& b) { b.ctx.description.Init.ChecksumOffset = 0xFFFFFFFC; },
          kOffsetMessage},
-        {"tag below", [](auto& b) { b.ctx.description.Init.BiosTagOffset = 0xD000; }, kOffsetMessage},
-        {"tag zero byte past the top", [](auto& b) { b.ctx.description.Init.BiosTagOffset = 0xFFFB; },
+        {"tag below", [](auto& b) { b.ctx.description.Init.BiosTagOffset = 0xD000; },
          kOffsetMessage},
+        {"tag zero byte past the top",
+         [](auto& b) { b.ctx.description.Init.BiosTagOffset = 0xFFFB; }, kOffsetMessage},
         {"larger than the image",
          [](auto& b) {
              b.ctx.description.Bios.BiosSize = 0x1000;
@@ -107,13 +112,10 @@ TEST(BootBlock, FailuresReportTheirMessageAfterTheProgressLine) {
         {"no boot block file",
          [](auto& b) { b.ctx.description.Init.BootBlockFile = b.dir.File("missing.bin"); },
          "Cannot open boot block file"},
-        {"no output folder",
-         [](auto& b) { b.ctx.options.OutputPath = b.dir.File("absent"); },
+        {"no output folder", [](auto& b) { b.ctx.options.OutputPath = b.dir.File("absent"); },
          "Cannot create boot block file"},
         {"output cannot be written",
-         [](auto& b) {
-             std::filesystem::create_symlink("/dev/full", b.dir.File("X1234.int"));
-         },
+         [](auto& b) { std::filesystem::create_symlink("/dev/full", b.dir.File("X1234.int")); },
          "Cannot write to boot block file"},
     };
     for (const Case& c : cases) {

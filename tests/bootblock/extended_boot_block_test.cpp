@@ -33,7 +33,8 @@ struct EbbBuild : RegionBuild {
     EbbModuleRecord& Add(std::size_t size, std::uint8_t id = 0x12,
                          std::uint8_t attributes = module_attr::NotCompressed) {
         EbbModuleRecord record;
-        record.FileName = dir.File("ebb" + std::to_string(ctx.description.EbbModuleList.size()) + ".bin");
+        record.FileName =
+            dir.File("ebb" + std::to_string(ctx.description.EbbModuleList.size()) + ".bin");
         record.Header.SetModuleId(id);
         record.Header.SetModuleAttributes(attributes);
         record.Header.SetDestOffset(0x1234);
@@ -122,17 +123,29 @@ TEST(ExtendedBootBlock, ModulesArePackedUpwardsAndChained) {
         {"one module", 0x1000, {{100}}, {24}, {100}},
         {"two modules, padding", 0x1000, {{0x40}, {0x23}}, {24, 24 + 0x40 + 20}, {0x40, 0x24}},
         {"empty file", 0x1000, {{0}, {5}, {0x200}}, {24, 44, 44 + 8 + 20}, {0, 8, 0x200}},
-        {"MaxModuleSize reserves erased space", 0x1000, {{0x40, 0x101}, {0x10}},
-         {24, 24 + 20 + 0x104}, {0x104, 0x10}},
-        {"already compressed", 0x1000, {{0x33, 0, 0, compression_flag::AlreadyCompressed, kStoredAsIs}},
-         {24}, {0x34}},
+        {"MaxModuleSize reserves erased space",
+         0x1000,
+         {{0x40, 0x101}, {0x10}},
+         {24, 24 + 20 + 0x104},
+         {0x104, 0x10}},
+        {"already compressed",
+         0x1000,
+         {{0x33, 0, 0, compression_flag::AlreadyCompressed, kStoredAsIs}},
+         {24},
+         {0x34}},
         {"exactly full", 0x100, {{0xD4}}, {24}, {0xD4}},
-        {"DataSize16 saturates", 0x20000, {{0x10000}, {0xFF00}}, {24, 24 + 20 + 0x10000},
+        {"DataSize16 saturates",
+         0x20000,
+         {{0x10000}, {0xFF00}},
+         {24, 24 + 20 + 0x10000},
          {0x10000, 0xFF00}},
         // Alignment puts the data, not the header, on a multiple in the image.
         {"alignment 7", 0x1000, {{0x10}, {0x20, 0, 7}}, {24, 0x41}, {0x10, 0x20}},
         {"alignment 0x40", 0x1000, {{0x10}, {0x20, 0, 0x40}}, {24, 0x6C}, {0x10, 0x20}},
-        {"alignment 0xFF", 0x1000, {{0x10}, {0x20, 0, 0xFF}, {4}}, {24, 0x78, 0x78 + 0x34},
+        {"alignment 0xFF",
+         0x1000,
+         {{0x10}, {0x20, 0, 0xFF}, {4}},
+         {24, 0x78, 0x78 + 0x34},
          {0x10, 0x20, 4}},
     };
     for (const Case& c : cases) {
@@ -149,12 +162,14 @@ TEST(ExtendedBootBlock, ModulesArePackedUpwardsAndChained) {
         EXPECT_EQ(b.ctx.image.PlacementCursor, start);
 
         std::string console = kProgress;
-        for (std::size_t i = 0; i < c.headers.size(); ++i) console += b.InsertLine(i, start + c.headers[i]);
+        for (std::size_t i = 0; i < c.headers.size(); ++i)
+            console += b.InsertLine(i, start + c.headers[i]);
         EXPECT_EQ(b.console.str(), console);
 
         const std::vector<EbbModule> modules = WalkEbb(b);
         ASSERT_EQ(modules.size(), c.headers.size());
-        EXPECT_EQ(load_le32(&b.ctx.image.ImageBuffer[start + 20]), c.headers.empty() ? 0xFFFFFFFF : 0x20u);
+        EXPECT_EQ(load_le32(&b.ctx.image.ImageBuffer[start + 20]),
+                  c.headers.empty() ? 0xFFFFFFFF : 0x20u);
         std::size_t erased_from = start + 24;  // bytes no module covers stay 0xFF
         for (std::size_t i = 0; i < modules.size(); ++i) {
             const std::size_t at = start + c.headers[i];
@@ -194,12 +209,11 @@ TEST(ExtendedBootBlock, FailuresReportTheirExactText) {
          "\nFATAL ERROR: Extended Boot Block does not fit in the ROM image: maxebbsize "
          "0x00038004 is larger than the 0x00038000 bytes left below the boot block (size "
          "0x00040000, bbsize 0x00008000)\n"},
-        {"missing file",
-         0x1000,
-         [](auto& b) { b.Add(4).FileName = b.dir.File("gone.bin"); },
+        {"missing file", 0x1000, [](auto& b) { b.Add(4).FileName = b.dir.File("gone.bin"); },
          "Fail to open file \"<0>\"\nFATAL ERROR: Cannot open boot block file\n"},
         {"module above MaxModuleSize", 0x1000, [](auto& b) { b.Add(0x41).MaxModuleSize = 0x40; },
-         " Inserting <0> as module id 12\nFATAL ERROR: MaxModuleSize is too small for this module\n"},
+         " Inserting <0> as module id 12\nFATAL ERROR: MaxModuleSize is too small for this "
+         "module\n"},
         {"one byte more than fits", 0x100, [](auto& b) { b.Add(0xD5); },
          " Inserting <0> as module id 12\nFATAL ERROR: Out of EBB space!\n"},
         {"eleven modules", 0x1000,
@@ -261,17 +275,18 @@ TEST(ExtendedBootBlock, CompressedModulesDecodeToTheirFiles) {
             EXPECT_EQ(modules[i].data_size, 0x1000u);
             EXPECT_EQ(b.Image(data + total, text.size() - total),
                       std::vector<std::uint8_t>(text.begin() + total, text.end()));
-            EXPECT_TRUE(AllBytesAre(b.ctx.image.ImageBuffer, data + text.size(), data + 0x1000, 0xFF));
+            EXPECT_TRUE(
+                AllBytesAre(b.ctx.image.ImageBuffer, data + text.size(), data + 0x1000, 0xFF));
         }
     }
     EXPECT_EQ(modules[2].data_size, (1000u + 9 + 3) & ~3u);
     EXPECT_EQ(load_le32(&b.ctx.image.ImageBuffer[start + modules[2].header + 20]), 1009u);
     // Only module 0x80 says in verbose mode that it was compressed.
-    EXPECT_EQ(b.console.str(), std::string(kProgress) +
-                                   " Inserting " + b.ctx.description.EbbModuleList[0].FileName +
-                                   " as module id 80 (compressed)" + StrFormat(" at %zx\n", start + 24) +
-                                   b.InsertLine(1, start + modules[1].header) +
-                                   b.InsertLine(2, start + modules[2].header));
+    EXPECT_EQ(b.console.str(),
+              std::string(kProgress) + " Inserting " + b.ctx.description.EbbModuleList[0].FileName +
+                  " as module id 80 (compressed)" + StrFormat(" at %zx\n", start + 24) +
+                  b.InsertLine(1, start + modules[1].header) +
+                  b.InsertLine(2, start + modules[2].header));
 }
 
 // When the encoder stops before it has consumed the whole input its stream is cut off;
@@ -284,7 +299,8 @@ TEST(ExtendedBootBlock, StoppedCompressionStoresTheFile) {
     ASSERT_EQ(modules.size(), 1u);
     const std::size_t data = b.Start() + 24 + 20;
     EXPECT_EQ(b.ctx.image.ImageBuffer[data - 5], module_attr::NotCompressed);
-    EXPECT_EQ(b.ctx.description.EbbModuleList[0].Header.ModuleAttributes(), module_attr::NotCompressed);
+    EXPECT_EQ(b.ctx.description.EbbModuleList[0].Header.ModuleAttributes(),
+              module_attr::NotCompressed);
     EXPECT_EQ(modules[0].data_size, 0x30F00u);
     EXPECT_EQ(b.Image(data, 200000), b.files[0]);
     EXPECT_TRUE(AllBytesAre(b.ctx.image.ImageBuffer, data + 200000, data + 0x30F00, 0xFF));

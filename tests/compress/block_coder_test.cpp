@@ -51,7 +51,13 @@ private:
 // The block header of a block whose tokens all use one literal/length symbol, with no
 // match or with all distance codes of one bit length.
 Bits& SingleSymbolHeader(Bits& bits, unsigned tokens, unsigned symbol, unsigned dist_bits) {
-    return bits.Put(16, tokens).Put(5, 0).Put(5, 0).Put(9, 0).Put(9, symbol).Put(4, 0).Put(4, dist_bits);
+    return bits.Put(16, tokens)
+        .Put(5, 0)
+        .Put(5, 0)
+        .Put(9, 0)
+        .Put(9, symbol)
+        .Put(4, 0)
+        .Put(4, dist_bits);
 }
 
 TEST(BlockCoder, WritesBlocksBitForBit) {
@@ -80,7 +86,8 @@ TEST(BlockCoder, WritesBlocksBitForBit) {
         Bits bits;
         bits.Put(16, 2);
         bits.Put(5, 4).Put(3, 3).Put(3, 3).Put(3, 2).Put(2, 0).Put(3, 1);
-        bits.Put(9, 86).Code("10").Put(9, 45).Code("0").Code("110").Code("111").Put(4, 15).Code("0");
+        bits.Put(9, 86).Code("10").Put(9, 45).Code("0").Code("110").Code("111").Put(4, 15).Code(
+            "0");
         bits.Put(4, 0).Put(4, 0);
         bits.Code("0").Code("1");
         cases.push_back({"run of 19 zero lengths", {{Lit('A'), Lit('U')}}, bits});

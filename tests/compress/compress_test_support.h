@@ -90,12 +90,14 @@ inline Bytes SyntheticBinary(std::size_t size, std::uint64_t seed) {
         switch (rng.Below(4)) {
             case 0:  // a record with a rising address
                 counter += 4 + rng.Below(64);
-                for (int i = 0; i < 4; ++i) out.push_back(static_cast<std::uint8_t>(counter >> (8 * i)));
+                for (int i = 0; i < 4; ++i)
+                    out.push_back(static_cast<std::uint8_t>(counter >> (8 * i)));
                 out.push_back(static_cast<std::uint8_t>(rng.Below(8)));
                 out.push_back(0);
                 break;
             case 1:  // a run
-                out.insert(out.end(), 3 + rng.Below(40), static_cast<std::uint8_t>(rng.Below(2) ? 0 : 0xFF));
+                out.insert(out.end(), 3 + rng.Below(40),
+                           static_cast<std::uint8_t>(rng.Below(2) ? 0 : 0xFF));
                 break;
             case 2:  // opcode-like bytes from a small set
                 for (std::uint32_t i = 0, n = 2 + rng.Below(12); i < n; ++i) {
@@ -134,14 +136,17 @@ inline Bytes ExecutableMix(std::size_t size, std::uint64_t seed) {
                 out.push_back(static_cast<std::uint8_t>(rng.Next()));
             }
         } else if (kind == 6) {
-            out.insert(out.end(), 16 + rng.Below(700), static_cast<std::uint8_t>(rng.Below(2) ? 0 : 0xFF));
+            out.insert(out.end(), 16 + rng.Below(700),
+                       static_cast<std::uint8_t>(rng.Below(2) ? 0 : 0xFF));
         } else if (out.size() > 64) {
             // A copy of an earlier stretch, sometimes with one byte changed.
-            const std::size_t back = 1 + rng.Below(static_cast<std::uint32_t>(std::min<std::size_t>(out.size(), 12000)));
+            const std::size_t back =
+                1 + rng.Below(static_cast<std::uint32_t>(std::min<std::size_t>(out.size(), 12000)));
             const std::size_t from = out.size() - back;
             const std::size_t n = std::min<std::size_t>(4 + rng.Below(1000), back);
             for (std::size_t i = 0; i < n; ++i) out.push_back(out[from + i]);
-            if (rng.Below(3) == 0) out[out.size() - 1 - rng.Below(static_cast<std::uint32_t>(n))] ^= 0x20;
+            if (rng.Below(3) == 0)
+                out[out.size() - 1 - rng.Below(static_cast<std::uint32_t>(n))] ^= 0x20;
         }
     }
     out.resize(size);
@@ -152,7 +157,8 @@ inline Bytes Filled(std::size_t size, std::uint8_t value) { return Bytes(size, v
 
 inline Bytes Repeated(std::string_view pattern, std::size_t size) {
     Bytes out(size);
-    for (std::size_t i = 0; i < size; ++i) out[i] = static_cast<std::uint8_t>(pattern[i % pattern.size()]);
+    for (std::size_t i = 0; i < size; ++i)
+        out[i] = static_cast<std::uint8_t>(pattern[i % pattern.size()]);
     return out;
 }
 
@@ -183,7 +189,8 @@ inline std::vector<std::pair<std::string, Bytes>> SystemFiles(const std::filesys
         Bytes data(max_bytes);
         in.read(reinterpret_cast<char*>(data.data()), static_cast<std::streamsize>(max_bytes));
         data.resize(static_cast<std::size_t>(in.gcount()));
-        if (data.size() >= std::min(min_size, max_bytes)) files.emplace_back(name.string(), std::move(data));
+        if (data.size() >= std::min(min_size, max_bytes))
+            files.emplace_back(name.string(), std::move(data));
     }
     return files;
 }
@@ -267,11 +274,14 @@ inline Coded CodeBlocks(const std::vector<std::vector<Lh5Token>>& blocks, std::u
 // order: their Huffman tree is 18 deep, so the code must be flattened to 16 bits.
 inline Bytes FibonacciLetters() {
     std::vector<std::uint32_t> counts = {1, 1};
-    while (counts.size() < 19) counts.push_back(counts[counts.size() - 1] + counts[counts.size() - 2]);
+    while (counts.size() < 19)
+        counts.push_back(counts[counts.size() - 1] + counts[counts.size() - 2]);
     Bytes pool;
-    for (std::size_t s = 0; s < counts.size(); ++s) pool.insert(pool.end(), counts[s], static_cast<std::uint8_t>('a' + s));
+    for (std::size_t s = 0; s < counts.size(); ++s)
+        pool.insert(pool.end(), counts[s], static_cast<std::uint8_t>('a' + s));
     Rng rng(3);
-    for (std::size_t i = pool.size(); i > 1; --i) std::swap(pool[i - 1], pool[rng.Below(static_cast<std::uint32_t>(i))]);
+    for (std::size_t i = pool.size(); i > 1; --i)
+        std::swap(pool[i - 1], pool[rng.Below(static_cast<std::uint32_t>(i))]);
     return pool;
 }
 

@@ -71,7 +71,8 @@ TEST(FwforgeLzhTool, ReportsBadArgumentsAndInputs) {
         {"c a b extra", usage, false},
         {"c missing.bin out", "fwforge-lzh: cannot open input file missing.bin\n", false},
         {"d missing.bin out", "fwforge-lzh: cannot open input file missing.bin\n", false},
-        {"d garbage out", "fwforge-lzh: garbage is not valid compressed module data: total size", true},
+        {"d garbage out", "fwforge-lzh: garbage is not valid compressed module data: total size",
+         true},
         {"c garbage nodir/out", "fwforge-lzh: cannot write output file nodir/out\n", false},
     };
     for (const auto& c : cases) {

@@ -82,7 +82,8 @@ TEST(HuffmanCode, SingleOrNoSymbolIsReturnedAsRootWithLengthZero) {
 // one each of 13 down to 1, handed out rarest first.
 TEST(HuffmanCode, FlattensCodesLongerThan16Bits) {
     std::vector<std::uint32_t> counts = {1, 1};
-    while (counts.size() < 20) counts.push_back(counts[counts.size() - 1] + counts[counts.size() - 2]);
+    while (counts.size() < 20)
+        counts.push_back(counts[counts.size() - 1] + counts[counts.size() - 2]);
     const Code code = Build(counts);
     std::vector<std::uint8_t> expected = {16, 16, 16, 16, 16, 16, 15};
     for (std::uint8_t len = 13; len >= 1; --len) expected.push_back(len);

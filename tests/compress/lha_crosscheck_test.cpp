@@ -57,7 +57,8 @@ void AppendMember(Bytes& archive, const std::string& name, std::span<const std::
     std::copy(name.begin(), name.end(), header.begin() + h::kFixedSize);
     store_le16(&header[h::kFixedSize + name.size()], Crc16(original));
     std::uint8_t sum = 0;
-    for (std::size_t i = 2; i < header.size(); ++i) sum = static_cast<std::uint8_t>(sum + header[i]);
+    for (std::size_t i = 2; i < header.size(); ++i)
+        sum = static_cast<std::uint8_t>(sum + header[i]);
     header[h::HeaderSum.offset] = sum;
     archive.insert(archive.end(), header.begin(), header.end());
     archive.insert(archive.end(), stream.begin(), stream.end());
@@ -90,8 +91,9 @@ TEST(LhaCrossCheck, IndependentDecoderExtractsEveryUncutStream) {
         const Bytes out = Compress(encoder, data, &r);
         if (r.stopped) continue;
         const std::string member = name + ".bin";
-        AppendMember(archive, member,
-                     data, std::span(out).subspan(compressed_data_header::kSize, r.total - kCompressedOverhead));
+        AppendMember(
+            archive, member, data,
+            std::span(out).subspan(compressed_data_header::kSize, r.total - kCompressedOverhead));
         members.push_back({member, &data});
     }
     // Streams built token by token: a code flattened to 16 bits, a run of exactly 19

@@ -27,13 +27,16 @@ TEST(LzhDecoder, RejectsMalformedFramesWithAReason) {
     };
     const Case cases[] = {
         {"shorter than the frame", Bytes(8, 0), "shorter than its 9-byte frame"},
-        {"total below 9", with([](Bytes& d) { store_le32(d.data(), 8); }), "total size 8 is outside"},
-        {"total beyond the data", with([](Bytes& d) { store_le32(d.data(), 100000); }), "total size 100000"},
+        {"total below 9", with([](Bytes& d) { store_le32(d.data(), 8); }),
+         "total size 8 is outside"},
+        {"total beyond the data", with([](Bytes& d) { store_le32(d.data(), 100000); }),
+         "total size 100000"},
         {"closing byte", with([](Bytes& d) { d.back() = 0x7F; }), "closing byte"},
-        {"original size too large", with([](Bytes& d) { store_le32(d.data() + 4, 3001); }), "ends while reading"},
-        {"original size too small", with([](Bytes& d) { store_le32(d.data() + 4, 2999); }), "original size"},
-        {"trailing stream bytes",
-         with([](Bytes& d) {
+        {"original size too large", with([](Bytes& d) { store_le32(d.data() + 4, 3001); }),
+         "ends while reading"},
+        {"original size too small", with([](Bytes& d) { store_le32(d.data() + 4, 2999); }),
+         "original size"},
+        {"trailing stream bytes", with([](Bytes& d) {
              d.insert(d.end() - 1, 0);
              store_le32(d.data(), static_cast<std::uint32_t>(d.size()));
          }),

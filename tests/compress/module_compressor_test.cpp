@@ -105,8 +105,10 @@ TEST(LzhEncoder, ChoosesTokensByTheMatchRules) {
          Filled(1000, 0),
          {lit('\0'), match(256, 1), match(256, 1), match(256, 1), match(231, 1)}},
         // A match of 3 is sent as a match, one of 2 is not.
-        {"shortest match", FromString("xyzQxyzRxyS"),
-         {lit('x'), lit('y'), lit('z'), lit('Q'), match(3, 4), lit('R'), lit('x'), lit('y'), lit('S')}},
+        {"shortest match",
+         FromString("xyzQxyzRxyS"),
+         {lit('x'), lit('y'), lit('z'), lit('Q'), match(3, 4), lit('R'), lit('x'), lit('y'),
+          lit('S')}},
     };
     // Short streams do not get past the output bound, so each input follows a run of
     // 300 dots that is sent as a literal and two matches.
@@ -162,7 +164,8 @@ Bytes WithoutRepeats(std::size_t size, std::uint64_t seed) {
     std::unordered_set<std::uint32_t> seen;
     while (out.size() < size) {
         const auto c = static_cast<std::uint8_t>(rng.Next());
-        if (out.size() >= 2 && !seen.insert(out[out.size() - 2] << 16 | out.back() << 8 | c).second) continue;
+        if (out.size() >= 2 && !seen.insert(out[out.size() - 2] << 16 | out.back() << 8 | c).second)
+            continue;
         out.push_back(c);
     }
     return out;
@@ -264,7 +267,8 @@ TEST(LzhEncoder, PinnedResultsOfAFixedCorpus) {
         {"binary 100000", [] { return SyntheticBinary(100000, 18); }, 35701, 100000, 0xBE377E3C},
         {"zeros 4096", [] { return Filled(4096, 0); }, 21, 4096, 0xA693F2F1},
         {"ff 70000", [] { return Filled(70000, 0xFF); }, 55, 70000, 0x2F71249B},
-        {"pattern 50000", [] { return Repeated("0123456789abcdefghijklmnopqrstuvwxyz!", 50000); }, 209, 50000, 0xC8A31672},
+        {"pattern 50000", [] { return Repeated("0123456789abcdefghijklmnopqrstuvwxyz!", 50000); },
+         209, 50000, 0xC8A31672},
         {"random 8448", [] { return RandomBytes(8448, 19); }, 8457, 8448, 0xE6C9969B},
         {"random 40000", [] { return RandomBytes(40000, 20); }, 40009, 40000, 0xA277820D},
         // Large inputs: the window slides many times and every path of the tree is used.

@@ -101,7 +101,8 @@ TEST(ImageBuildFlow, SecondBundledExampleBuilds) {
         {ReservedRange::Hole, 0x50000, 0x2000, 0xFF, {}},
         {ReservedRange::Block, 0x20000, 0x8000, 0xFF, {}},
     };
-    const auto check = testing::CheckGapImage(rom, testing::LinkForm::Real16, ranges, 0x68000, false);
+    const auto check =
+        testing::CheckGapImage(rom, testing::LinkForm::Real16, ranges, 0x68000, false);
     for (const auto& p : check.problems) ADD_FAILURE() << p;
     ASSERT_EQ(check.blocks.size(), 1u);
     EXPECT_EQ(check.blocks[0].chain.size(), 2u);
@@ -131,13 +132,14 @@ TEST(ImageBuildFlow, ConsoleOfWholeRuns) {
         const std::string d = dir.path().string();
         testing::WriteBytes(dir.File("bb.bin"), testing::RandomBytes(0x10000, 3));
         testing::WriteBytes(dir.File("a.bin"), testing::RandomBytes(0x1001, 4));
-        testing::WriteText(dir.File("b.scr"),
-                           testing::WithCrLf("[init]\nfile = " + d + "/bb.bin\n[bios]\nfile = " + d +
-                                             "/x.rom\nsize = 00040000\nbbsize = 00008000\n"
-                                             "nvramsize = 00004000\ntag = t1\n" +
-                                             (c.force32 ? "[romimage]\nforce32 = yes\n" : "") +
-                                             "[module]\nmoduleid = 01\nfile = " + d +
-                                             "/a.bin\ndestn = f000:0000\ncompressed = no\n"));
+        testing::WriteText(
+            dir.File("b.scr"),
+            testing::WithCrLf("[init]\nfile = " + d + "/bb.bin\n[bios]\nfile = " + d +
+                              "/x.rom\nsize = 00040000\nbbsize = 00008000\n"
+                              "nvramsize = 00004000\ntag = t1\n" +
+                              (c.force32 ? "[romimage]\nforce32 = yes\n" : "") +
+                              "[module]\nmoduleid = 01\nfile = " + d +
+                              "/a.bin\ndestn = f000:0000\ncompressed = no\n"));
         const std::string script = dir.File("b.scr");
         std::vector<const char*> args = {d.c_str(), script.c_str()};
         for (const char* o : c.options) args.push_back(o);

@@ -122,8 +122,9 @@ Script MakeScript(Random& r, const testing::TempDir& dir) {
                 used += ((size + 3) & ~3u) + 20;
                 const std::string file = module_file(size);
                 s << "[module]\nfile = " << file
-                  << StrFormat("\nmoduleid = %02x\ndestn = 1000:0000\ncompressed = no\nromregion = %s\n",
-                               next_id, name.c_str());
+                  << StrFormat(
+                         "\nmoduleid = %02x\ndestn = 1000:0000\ncompressed = no\nromregion = %s\n",
+                         next_id, name.c_str());
                 wanted.push_back({KeyOf(next_id++, 0, 0), file});
             }
             s << StrFormat("[noncriticalrom]\nname = %s\nstartaddress = %08x\nsize = %x\n",
@@ -133,8 +134,8 @@ Script MakeScript(Random& r, const testing::TempDir& dir) {
         }
         default: {  // ROM hole, maybe with a file
             const std::uint32_t size = 0x10 + r.Below(0x2FE0);  // stays inside its slot
-            s << StrFormat("[romhole]\nstartaddress = %08x\nsize = %x\nfiller = %02x\n", start, size,
-                           r.Below(0x100));
+            s << StrFormat("[romhole]\nstartaddress = %08x\nsize = %x\nfiller = %02x\n", start,
+                           size, r.Below(0x100));
             if (r.OneIn(2)) {
                 const std::string name = dir.File(StrFormat("h%d.bin", file_no++));
                 testing::WriteBytes(name, testing::RandomBytes(1 + r.Below(size), r.Next()));

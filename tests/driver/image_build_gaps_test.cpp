@@ -78,8 +78,9 @@ TEST(GapBuild, VerboseConsoleOfAMixedBuild) {
     const testing::ChainEntry& info = check.main.chain[6];
     const std::vector<std::uint8_t> rom = f.Rom();
     const bool info_compressed = !(info.attributes & 0x80);
-    const std::uint32_t info_placed =
-        info_compressed ? testing::Round4(load_le32(&rom[info.data()]) + 2) + 20 : info.data_size + 20;
+    const std::uint32_t info_placed = info_compressed
+                                          ? testing::Round4(load_le32(&rom[info.data()]) + 2) + 20
+                                          : info.data_size + 20;
     auto name = [&](std::uint32_t m) { return f.Module(m).FileName; };
     const std::string inf = f.dir.File("TEST1.inf");
     const std::uint32_t gap3_start = 0x30100 + info_placed;
@@ -200,11 +201,16 @@ TEST(GapBuild, BlocksHolesAndPlacementFailures) {
         std::string fatal;
         std::function<void(LayoutFixture&, const testing::GapImageCheck&)> check = {};
     } cases[] = {
-        {"hole file shorter than the hole", hole_file(0x31, 0x5A),
-         {" Inserting {dir}/h.bin in ROMHOLE at d0000"}, ""},
-        {"hole file as long as the hole", hole_file(0x40, 0xFF),
-         {" Inserting {dir}/h.bin in ROMHOLE at d0000"}, ""},
-        {"hole file longer than the hole", hole_file(0x41, 0xFF),
+        {"hole file shorter than the hole",
+         hole_file(0x31, 0x5A),
+         {" Inserting {dir}/h.bin in ROMHOLE at d0000"},
+         ""},
+        {"hole file as long as the hole",
+         hole_file(0x40, 0xFF),
+         {" Inserting {dir}/h.bin in ROMHOLE at d0000"},
+         ""},
+        {"hole file longer than the hole",
+         hole_file(0x41, 0xFF),
          {" Inserting {dir}/h.bin in ROMHOLE at d0000", ""},
          "ROMHOLE smaller than specified file: {dir}/h.bin"},
         {"hole file missing",
@@ -218,7 +224,8 @@ TEST(GapBuild, BlocksHolesAndPlacementFailures) {
              AddHole(f, 0xD1000, 0x100, "EMPTY");
              AddHole(f, 0xD2000, 0x40, "", "h.bin");
          },
-         {" Inserting {dir}/h.bin in ROMHOLE at d0000", " Building non-critical block EMPTY at 11000",
+         {" Inserting {dir}/h.bin in ROMHOLE at d0000",
+          " Building non-critical block EMPTY at 11000",
           "Non-critical block creation successful, creating header.",
           " Inserting {dir}/h.bin in ROMHOLE at 12000"},
          ""},

@@ -92,8 +92,10 @@ TEST(ImageBuild, SequentialBuildConsoleAndImage) {
         if (i == 4) {
             expected.push_back(" Inserting linked addon-rom" + at(i));
         } else {
-            expected.push_back(StrFormat(" Inserting %s as module id %02X", f.Module(i).FileName.c_str(),
-                                         f.Module(i).Header.ModuleId()) + at(i));
+            expected.push_back(StrFormat(" Inserting %s as module id %02X",
+                                         f.Module(i).FileName.c_str(),
+                                         f.Module(i).Header.ModuleId()) +
+                               at(i));
         }
     }
     expected.push_back("");
@@ -233,7 +235,8 @@ TEST(ImageBuild, FailuresEndTheRunWithTheirMessage) {
     } cases[] = {
         {"ROM file in a missing folder",
          [](LayoutFixture& f) { f.ctx.description.Bios.RomFile = f.dir.File("no/such/out.rom"); },
-         "Cannot create file: {dir}/no/such/out.rom", " Inserting {dir}/TEST1.inf as module id 80 at f3f68"},
+         "Cannot create file: {dir}/no/such/out.rom",
+         " Inserting {dir}/TEST1.inf as module id 80 at f3f68"},
         {"ROM file that cannot be written",
          [](LayoutFixture& f) { f.ctx.description.Bios.RomFile = "/dev/full"; },
          "Cannot write to ROM file", " Inserting {dir}/TEST1.inf as module id 80 at f3f68"},

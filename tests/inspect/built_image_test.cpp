@@ -94,30 +94,37 @@ const char* const kModules =
 std::vector<Variant> Variants() {
     const std::string head = "[init]\nfile = bb.bin\n\n";
     return {
-        {"16-bit with EBB", head + "[bios]\nfile = out.rom\nsize = 00040000\nbbsize = 00008000\n"
-                                   "nvramsize = 00002000\nmaxebbsize = 00001000\ntag = t16\n\n",
-         kModules, {}},
-        {"force32", head + "[bios]\nfile = out.rom\nsize = 00040000\nbbsize = 00004000\n"
-                           "nvramsize = 00001000\nmaxebbsize = 00001000\ntag = t32\n\n"
-                           "[romimage]\nversion = 2\nforce32 = yes\n\n",
-         kModules, {}},
+        {"16-bit with EBB",
+         head + "[bios]\nfile = out.rom\nsize = 00040000\nbbsize = 00008000\n"
+                "nvramsize = 00002000\nmaxebbsize = 00001000\ntag = t16\n\n",
+         kModules,
+         {}},
+        {"force32",
+         head + "[bios]\nfile = out.rom\nsize = 00040000\nbbsize = 00004000\n"
+                "nvramsize = 00001000\nmaxebbsize = 00001000\ntag = t32\n\n"
+                "[romimage]\nversion = 2\nforce32 = yes\n\n",
+         kModules,
+         {}},
         {"compatibility form, 32-bit",
          head + "[bios]\nfile = out.rom\nsize = 00040000\nbbsize = 00004000\n"
                 "nvramsize = 00000000\nmaxebbsize = 00001000\ntag = c32\n\n"
                 "[romimage]\nversion = 3\nforce32 = yes\n\n",
-         kModules, {"-c"}},
+         kModules,
+         {"-c"}},
         {"compatibility form, 16-bit",
          head + "[bios]\nfile = out.rom\nsize = 00040000\nbbsize = 00008000\n"
                 "nvramsize = 00002000\nmaxebbsize = 00001000\ntag = c16\n\n"
                 "[romimage]\nversion = 4\n\n",
-         kModules, {"-c"}},
+         kModules,
+         {"-c"}},
         // Gap placement: the fixed module is placed first but listed after an aligned
         // one, and the image information keeps their script order; an uncompressed
         // module that may be split is placed whole after those that may not.
-        {"gap placement", head + "[bios]\nfile = out.rom\nsize = 00040000\nbbsize = 00008000\n"
-                                 "nvramsize = 00002000\nmaxebbsize = 00001000\ntag = gap\n\n"
-                                 "[romhole]\nstartaddress = 000d0000\nsize = 1000\nfiller = 5a\n\n"
-                                 "[noncriticalrom]\nname = blk\nstartaddress = 000c8000\nsize = 4000\n\n",
+        {"gap placement",
+         head + "[bios]\nfile = out.rom\nsize = 00040000\nbbsize = 00008000\n"
+                "nvramsize = 00002000\nmaxebbsize = 00001000\ntag = gap\n\n"
+                "[romhole]\nstartaddress = 000d0000\nsize = 1000\nfiller = 5a\n\n"
+                "[noncriticalrom]\nname = blk\nstartaddress = 000c8000\nsize = 4000\n\n",
          std::string(kModules) +
              "\n[module]\nmoduleid = 15\nfile = c.bin\ndestn = 1000:0000\ncompressed = no\n"
              "startaddress = 000e0000\n\n"
@@ -131,24 +138,28 @@ std::vector<Variant> Variants() {
          {}},
         // The holes leave two small gaps: the image information module is split, and
         // its pending data sum goes into the seal of the block's first module.
-        {"split image information", head + "[bios]\nfile = out.rom\nsize = 00040000\n"
-                                           "bbsize = 00010000\nnvramsize = 00000000\ntag = sp\n\n"
-                                           "[noncriticalrom]\nname = blk\nstartaddress = 000c0000\n"
-                                           "size = 1000\n\n"
-                                           "[romhole]\nstartaddress = 000c1000\nsize = 2ee00\n\n"
-                                           "[romhole]\nstartaddress = 000efe40\nsize = c0\n\n",
+        {"split image information",
+         head + "[bios]\nfile = out.rom\nsize = 00040000\n"
+                "bbsize = 00010000\nnvramsize = 00000000\ntag = sp\n\n"
+                "[noncriticalrom]\nname = blk\nstartaddress = 000c0000\n"
+                "size = 1000\n\n"
+                "[romhole]\nstartaddress = 000c1000\nsize = 2ee00\n\n"
+                "[romhole]\nstartaddress = 000efe40\nsize = c0\n\n",
          "[module]\nmoduleid = 17\nfile = small.bin\ndestn = f000:0000\ncompressed = no\n\n"
          "[module]\nmoduleid = 41\nfile = small.bin\ndestn = 4000:0000\ncompressed = no\n"
          "romregion = blk\n\n"
          "[module]\nmoduleid = 42\nfile = small.bin\ndestn = 4000:0000\ncompressed = no\n"
          "romregion = blk\n",
          {}},
-        {"2 MB", head + "[bios]\nfile = out.rom\nsize = 00200000\nbbsize = 00010000\n"
-                        "nvramsize = 00004000\nmaxebbsize = 00001000\ntag = big\n\n"
-                        "[romimage]\nversion = 1\n\n",
-         kModules, {}},
-        {"stamp module, no EBB", head + "[bios]\nfile = out.rom\nsize = 00020000\nbbsize = 00002000\n"
-                                        "nvramsize = 00000800\ntag = stp\n\n",
+        {"2 MB",
+         head + "[bios]\nfile = out.rom\nsize = 00200000\nbbsize = 00010000\n"
+                "nvramsize = 00004000\nmaxebbsize = 00001000\ntag = big\n\n"
+                "[romimage]\nversion = 1\n\n",
+         kModules,
+         {}},
+        {"stamp module, no EBB",
+         head + "[bios]\nfile = out.rom\nsize = 00020000\nbbsize = 00002000\n"
+                "nvramsize = 00000800\ntag = stp\n\n",
          "[module]\nmoduleid = 1b\nfile = stamp.bin\ndestn = f000:0000\n\n"
          "[module]\nmoduleid = 11\nfile = a.bin\ndestn = f000:1000\n",
          {}},
@@ -193,9 +204,12 @@ TEST(InspectBuiltImages, VerifyExtractAndRebuildByteForByte) {
             const auto extracted = ReadBytes(x + "/" + name);
             const char* source = m.header.id == 0x17 || m.header.id == 0x41 || m.header.id == 0x42
                                      ? "small.bin"
-                               : m.header.id == 0x11 || m.header.id == 0x16 ? "a.bin" : m.header.id == 0x12 ? "b.bin"
-                               : m.header.id == 0x20 ? "rom.bin" : m.header.id == 0x14 ? "noise.bin"
-                               : m.header.id == 0x1B ? "stamp.bin" : "c.bin";
+                                 : m.header.id == 0x11 || m.header.id == 0x16 ? "a.bin"
+                                 : m.header.id == 0x12                        ? "b.bin"
+                                 : m.header.id == 0x20                        ? "rom.bin"
+                                 : m.header.id == 0x14                        ? "noise.bin"
+                                 : m.header.id == 0x1B                        ? "stamp.bin"
+                                                                              : "c.bin";
             const auto file = ReadBytes(dir.File(source));
             if (m.Compressed()) {
                 EXPECT_EQ(extracted, file) << name;

@@ -65,7 +65,8 @@ TEST(InspectCompressed, CutOffAndDamagedStreamsAreNotDecodable) {
     VerifyReport report = Verify(img.bytes, ReadImage(img.bytes, {}));
     ASSERT_EQ(report.problems.size(), 1u) << VerifyText(report);
     EXPECT_EQ(report.problems[0].where.find("module #1 (id 12)"), 0u);
-    EXPECT_NE(report.problems[0].what.find("cut off by the encoder's output bound"), std::string::npos)
+    EXPECT_NE(report.problems[0].what.find("cut off by the encoder's output bound"),
+              std::string::npos)
         << report.problems[0].what;
 
     // A damaged stream with its checksum made good again is still found.

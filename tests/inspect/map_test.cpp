@@ -33,9 +33,10 @@ TEST(InspectMap, EntriesCoverTheImageInAddressOrderAsTextAndHtml) {
     EXPECT_EQ(modules.size(), model.modules.size());
 
     const std::string text = MapText(img.bytes, model);
-    for (const char* line : {"boot block", "Extended Boot Block", "NVRAM area", "main BIOS header",
-                             "module #4 (id 13) piece 1", "module #4 (id 13) last piece",
-                             "    d0018-d012b", "non-critical block 1 module #7 (id 41)", "free: 0xFF"}) {
+    for (const char* line :
+         {"boot block", "Extended Boot Block", "NVRAM area", "main BIOS header",
+          "module #4 (id 13) piece 1", "module #4 (id 13) last piece", "    d0018-d012b",
+          "non-critical block 1 module #7 (id 41)", "free: 0xFF"}) {
         EXPECT_NE(text.find(line), std::string::npos) << line << "\n" << text;
     }
 

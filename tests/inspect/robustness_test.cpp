@@ -59,7 +59,8 @@ TEST(InspectRobustness, RandomMutationsOfValidImages) {
         std::vector<std::uint8_t> img = clean;
         switch (round % 4) {
             case 0:  // a few random bytes anywhere
-                for (int i = 0, n = 1 + rng.Below(8); i < n; ++i) img[rng.Below(img.size())] ^= 1 + rng.Below(255);
+                for (int i = 0, n = 1 + rng.Below(8); i < n; ++i)
+                    img[rng.Below(img.size())] ^= 1 + rng.Below(255);
                 break;
             case 1:  // a random dword at a random dword offset: sizes and links
                 store_le32(&img[rng.Below(img.size() / 4) * 4], rng.Next());

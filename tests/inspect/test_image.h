@@ -199,7 +199,9 @@ inline TestImage BuildTestImage(const TestLayout& l) {
     std::copy_n("ZELBIOSC", 8, img.begin() + sig);
     store_le32(&img[sig + 8], l.stamp);
     std::uint32_t last_link_field = sig + 18;
-    auto link = [&](std::uint32_t header) { store_le32(&img[last_link_field], MainLink(l, header)); };
+    auto link = [&](std::uint32_t header) {
+        store_le32(&img[last_link_field], MainLink(l, header));
+    };
     std::vector<TestModule> modules = l.modules;
     if (l.image_info) {
         TestModule info;

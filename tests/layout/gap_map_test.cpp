@@ -32,7 +32,8 @@ TEST(GapMap, WorkedExampleWithItsPrintedLines) {
     f.PrepareImage(0x34000);
     AddRanges(f, {{0xE0000, 0x1000}, {0xF0000, 0x2000}});
     BuildGapMap(f.ctx);
-    EXPECT_EQ(GapSpans(f), (std::vector<GapSpan>{{8, 0x20000}, {0x21000, 0x30000}, {0x32000, 0x34000}}));
+    EXPECT_EQ(GapSpans(f),
+              (std::vector<GapSpan>{{8, 0x20000}, {0x21000, 0x30000}, {0x32000, 0x34000}}));
     EXPECT_EQ(f.ctx.layout.gaps.GapSizeOrder, (std::vector<std::uint8_t>{2, 1, 0}));
     // The table now holds image offsets.
     EXPECT_EQ(f.ctx.description.RomHoleTable[0].StartAddress, 0x20000u);
@@ -128,7 +129,8 @@ TEST(GapMap, MainHeaderTakesTheTopOfTheHighestGapThatHoldsIt) {
     BuildGapMap(f.ctx);
     ASSERT_EQ(FindMainHeaderRoom(f.ctx), 0);
     EXPECT_EQ(f.ctx.image.PlacementCursor, 0x30000u);
-    EXPECT_EQ(GapSpans(f), (std::vector<GapSpan>{{8, 0x20000}, {0x21000, 0x2FFE0}, {0x33FE1, 0x34000}}));
+    EXPECT_EQ(GapSpans(f),
+              (std::vector<GapSpan>{{8, 0x20000}, {0x21000, 0x2FFE0}, {0x33FE1, 0x34000}}));
     EXPECT_EQ(f.ctx.layout.gaps.GapSizeOrder, (std::vector<std::uint8_t>{2, 1, 0}));
 }
 

@@ -88,8 +88,9 @@ TEST(ModuleChain, SkipNextLinkAndBlockRelativeLinks) {
     f.ctx.layout.NcbBase = 0x20000;
     WriteHeader(f, 0x02, 0x80, 0x40, 0x22);
     EXPECT_FALSE(f.ctx.layout.SkipNextLink);
-    EXPECT_EQ(std::vector<std::uint8_t>(f.Image().begin() + before, f.Image().begin() + before + 20),
-              sealed);
+    EXPECT_EQ(
+        std::vector<std::uint8_t>(f.Image().begin() + before, f.Image().begin() + before + 20),
+        sealed);
     const std::uint32_t second = f.ctx.image.PlacementCursor;
     WriteHeader(f, 0x03, 0x80, 0x40, 0x33);
     EXPECT_EQ(load_le32(&f.Image()[second + 8]), f.ctx.image.PlacementCursor + 8 - 0x20000);

@@ -134,8 +134,9 @@ TEST(InsertModule, CompressedMarkOnlyForTheImageInformationModuleInVerbose) {
         const std::uint32_t m = f.AddModule("i.bin", RandomBytes(0x20, 1), c.id);
         InsertModule(f.ctx, m);
         const std::string line = f.Lines().at(0);
-        EXPECT_EQ(line.find(StrFormat("module id %02X (compressed) at ", c.id)) != std::string::npos,
-                  c.mark)
+        EXPECT_EQ(
+            line.find(StrFormat("module id %02X (compressed) at ", c.id)) != std::string::npos,
+            c.mark)
             << line;
     }
 }
@@ -218,7 +219,8 @@ TEST(InsertModule, Module15DescriptorPatching) {
             bytes[c.base + 0x2D] = 0x93;
         }
         EXPECT_EQ(Slice(f.Image(), data, bytes.size()), bytes) << int(c.alignment);
-        EXPECT_TRUE(std::all_of(f.Image().begin() + data + bytes.size(), f.Image().begin() + data + s,
+        EXPECT_TRUE(std::all_of(f.Image().begin() + data + bytes.size(),
+                                f.Image().begin() + data + s,
                                 [](std::uint8_t v) { return v == 0xFF; }));
     }
 }
@@ -230,7 +232,9 @@ TEST(InsertModule, FailuresEndTheRunWithTheirMessage) {
         std::string message;
     } cases[] = {
         {"module below offset 0",
-         [](LayoutFixture& f) { SizeAndInsert(f, f.AddModule("big.bin", RandomBytes(0x33FD0, 1), 1, 0x80)); },
+         [](LayoutFixture& f) {
+             SizeAndInsert(f, f.AddModule("big.bin", RandomBytes(0x33FD0, 1), 1, 0x80));
+         },
          "Out of ROM space!"},
         {"link header with 20 bytes left",
          [](LayoutFixture& f) {

@@ -214,7 +214,8 @@ TEST(SizeModule, CutOffCompressionStoresTheFile) {
     EXPECT_EQ(f.Module(m).Header.ModuleAttributes(), 0x80);
     InsertModule(f.ctx, m);
     const std::uint32_t data = f.ctx.image.PlacementCursor + 20;
-    EXPECT_EQ(std::vector<std::uint8_t>(f.Image().begin() + data, f.Image().begin() + data + bytes.size()),
+    EXPECT_EQ(std::vector<std::uint8_t>(f.Image().begin() + data,
+                                        f.Image().begin() + data + bytes.size()),
               bytes);
     EXPECT_EQ(f.Image()[data - 5], 0x80);
 }

@@ -41,7 +41,8 @@ std::vector<std::uint8_t> JoinedData(LayoutFixture& f, const std::vector<Piece>&
     for (const Piece& p : pieces) {
         if (p.attributes & 0x40) continue;
         const std::uint32_t own = (p.attributes & 0x20) ? p.data_size : p.data_size - so_far;
-        data.insert(data.end(), f.Image().begin() + p.header + 20, f.Image().begin() + p.header + 20 + own);
+        data.insert(data.end(), f.Image().begin() + p.header + 20,
+                    f.Image().begin() + p.header + 20 + own);
         so_far += own;
     }
     return data;

@@ -130,7 +130,8 @@ TEST(PlacementPasses, SplitRoomIsTheFirstGapByAddress) {
         EXPECT_EQ(TakeSplitRoom(f.ctx, c.minimum, c.wanted), c.taken) << c.what;
         EXPECT_EQ(f.ctx.image.PlacementCursor, c.cursor) << c.what;
         EXPECT_EQ(GapSpans(f), c.after) << c.what;
-        EXPECT_EQ(f.ctx.layout.gaps.GapSizeOrder, (std::vector<std::uint8_t>{3, 0, 1, 2})) << c.what;
+        EXPECT_EQ(f.ctx.layout.gaps.GapSizeOrder, (std::vector<std::uint8_t>{3, 0, 1, 2}))
+            << c.what;
     }
 }
 

@@ -22,7 +22,12 @@ TEST_F(ScriptRobustnessTest, HandWrittenMonsters) {
     const std::string valid = CrLf(Join({kBios, kModule}));
     const std::string huge(100000, 'a');
     const std::string inputs[] = {
-        std::string(1, '\0'), std::string(5000, '\0'), "\x1a", "\r", "\n", "\r\n\r\n\r",
+        std::string(1, '\0'),
+        std::string(5000, '\0'),
+        "\x1a",
+        "\r",
+        "\n",
+        "\r\n\r\n\r",
         std::string(100000, '\n'),
         std::string(1000, '\r') + std::string(1000, '\n'),
         huge,
@@ -39,7 +44,13 @@ TEST_F(ScriptRobustnessTest, HandWrittenMonsters) {
         valid + "[module]\r\nfile = x\r\nmoduleid = 1b\r\ndestn = 0000:0000\r\n",
         valid + "[module]\r\nmoduleid=1b\r\nfile=" + std::string(5000, 'x') + "\r\n",
         std::string("[bios]\r\nfile = a\0b\r\n", 19),
-        "[bios]\r\nfile =", "[bios]\r\nfile = ", "[bios]\r\nfile = a\r", "[bios]\r\n=", "//", "/", "[",
+        "[bios]\r\nfile =",
+        "[bios]\r\nfile = ",
+        "[bios]\r\nfile = a\r",
+        "[bios]\r\n=",
+        "//",
+        "/",
+        "[",
         "[romimage]\r\nversion = -" + huge,
     };
     for (const std::string& text : inputs) {

@@ -78,7 +78,8 @@ MainBiosCheck CheckMainBios(std::span<const std::uint8_t> rom, LinkForm form,
     check.region_start = end - covered;
     std::vector<std::uint8_t> sealed(rom.begin(), rom.end());
     for (const ByteRange& r : erased) {
-        for (std::uint64_t i = r.start; i < std::uint64_t{r.start} + r.size && i < sealed.size(); ++i) {
+        for (std::uint64_t i = r.start; i < std::uint64_t{r.start} + r.size && i < sealed.size();
+             ++i) {
             sealed[i] = 0xFF;
         }
     }
@@ -159,7 +160,8 @@ NcbCheck CheckNcb(std::span<const std::uint8_t> rom, std::uint32_t block,
     if (words != 0) problem(StrFormat("block at %x: header words sum to %x", block, words));
     check.block_length = load_le32(h + 12);
     if (std::uint64_t{block} + check.block_length > rom.size()) {
-        problem(StrFormat("block at %x: length %x reaches past the image", block, check.block_length));
+        problem(
+            StrFormat("block at %x: length %x reaches past the image", block, check.block_length));
         return check;
     }
     const std::uint32_t dwords =
@@ -260,8 +262,8 @@ GapImageCheck CheckGapImage(std::span<const std::uint8_t> rom, LinkForm form,
         std::vector<bool> covered(r.size, false);
         for (std::uint32_t i = 0; i < 24 && i < r.size; ++i) covered[i] = true;
         for (const ChainEntry& e : block.chain) {
-            for (std::uint64_t i = e.header; i < std::uint64_t{e.header} + 20 + e.own_size && i < end;
-                 ++i) {
+            for (std::uint64_t i = e.header;
+                 i < std::uint64_t{e.header} + 20 + e.own_size && i < end; ++i) {
                 covered[i - r.start] = true;
             }
         }
@@ -354,7 +356,8 @@ std::string HoldsFile(std::span<const std::uint8_t> rom, const ChainEntry& e,
     if (std::uint64_t{e.data()} + e.data_size > rom.size()) return "data past the image";
     const auto data = rom.subspan(e.data(), e.data_size);
     if (e.attributes & 0x80) {
-        const bool held = data.size() >= file.size() && std::equal(file.begin(), file.end(), data.begin());
+        const bool held =
+            data.size() >= file.size() && std::equal(file.begin(), file.end(), data.begin());
         return held ? "" : "stored data differs from the file";
     }
     std::string error;
