@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
 
 #include "inspect/diff.h"
@@ -35,6 +36,7 @@ TEST(InspectDiff, NamesExactlyWhatDiffers) {
         std::function<void(TestLayout&)> change;
         std::vector<std::string> changed, added, removed;
         std::size_t moved;
+        std::vector<std::string> image = {};
     };
     const std::vector<Case> cases = {
         {"nothing", [](TestLayout&) {}, {}, {}, {}, 0},
@@ -56,6 +58,22 @@ TEST(InspectDiff, NamesExactlyWhatDiffers) {
         {"module removed",
          [](TestLayout& l) { l.modules.erase(l.modules.begin() + 3); },
          {}, {}, {"module #3 (id 14) f000:0140"}, 1},
+        {"main BIOS header version and flags",
+         [](TestLayout& l) {
+             l.version = 2;
+             l.flags = 0x04;
+         },
+         // The image information module records both.
+         {"module #4 (id 80) 0000:0000: content (2c -> 2c bytes)"}, {}, {}, 0,
+         {"main BIOS header version 01 -> 02", "main BIOS header flags 00 -> 04"}},
+        {"a non-critical block more",
+         [](TestLayout& l) { l.ncbs = {{0x10000, 0x400, {Mod(0x41, 0x40, 9)}}}; },
+         {"module #4 (id 80) 0000:0000: content (2c -> 3c bytes); data size 2c -> 3c"},
+         {"non-critical block 1 module #5 (id 41) f000:0410"}, {}, 1,
+         {"0 -> 1 non-critical blocks"}},
+        {"a module split",
+         [](TestLayout& l) { l.modules[0].pieces = 2; },
+         {"module #0 (id 11) f000:0110: 1 -> 2 pieces"}, {}, {}, 5},
     };
     const auto a = BuildTestImage(Base());
     const ImageModel ma = ReadImage(a.bytes, {});
@@ -75,6 +93,11 @@ TEST(InspectDiff, NamesExactlyWhatDiffers) {
         EXPECT_TRUE(starts(Lines(diff, "added"), c.added)) << c.name << "\n" << DiffText(diff);
         EXPECT_TRUE(starts(Lines(diff, "removed"), c.removed)) << c.name << "\n" << DiffText(diff);
         EXPECT_EQ(Lines(diff, "moved").size(), c.moved) << c.name << "\n" << DiffText(diff);
+        const auto image = Lines(diff, "image");
+        for (const std::string& line : c.image) {
+            EXPECT_NE(std::find(image.begin(), image.end(), line), image.end())
+                << c.name << ": " << line << "\n" << DiffText(diff);
+        }
     }
 }
 
