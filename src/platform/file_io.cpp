@@ -12,7 +12,7 @@
 namespace fwforge::platform {
 namespace {
 
-constexpr char kSeparator = kHostSeparator;
+constexpr char kSeparator = '/';
 
 bool Exists(const std::string& path) {
     struct stat st;

@@ -17,9 +17,6 @@
 
 namespace fwforge::platform {
 
-// The separator of host paths.
-inline constexpr char kHostSeparator = '/';
-
 // The host form of a name from a script or the command line: "\" becomes "/".
 std::string ToHostSeparators(std::string_view name);
 
