@@ -84,10 +84,21 @@ TEST(BadInputs, EachEndsWithItsMessageAndStatus) {
          Settings({.init = "file = bb.bin\nchecksumoffset = 00000000\n", .bbsize = "00002000"}) +
              Module("short.bin"),
          "out", 1, "FATAL ERROR: Boot block checksum or tag offset lies outside the boot block"},
-        {"sizes that wrap past 4 GB", Settings({.bbsize = "ffffffff"}) + Module("short.bin"), "out",
-         1,
-         "FATAL ERROR: [BIOS] BBSize FFFFFFFF + MaxEBBSize 00000000 + NVRAMSize 00001000 wraps "
-         "past 4 GB"},
+        // The end-of-script check sums in 32 bits: 10000 + ffff0000 + 1000 passes as 1000.
+        {"EBB size that wraps the sum past 4 GB",
+         Settings({.extra = "maxebbsize = ffff0000\n"}) + Module("short.bin"), "out", 1,
+         "FATAL ERROR: Extended Boot Block does not fit in the ROM image: maxebbsize 0xFFFF0000 "
+         "is larger than the 0x00010000 bytes left below the boot block (size 0x00020000, "
+         "bbsize 0x00010000)"},
+        {"boot block larger than a size below 40",
+         Settings({.init = "file = bb.bin\nchecksumoffset = 0000ff00\nbiostagoffset = 0000fff0\n",
+                   .size = "00000020",
+                   .bbsize = "00000100",
+                   .nvram = "00000000"}) +
+             Module("short.bin"),
+         "out", 1,
+         "FATAL ERROR: Boot block does not fit in the ROM image: bbsize 0x00000100 is larger "
+         "than the 0x00000020 bytes left of size 0x00000020"},
         {"EBB smaller than its header",
          Settings({.extra = "maxebbsize = 00000010\n"}) + Module("short.bin"), "out", 1,
          "FATAL ERROR: Extended Boot Block size is too small"},
@@ -127,12 +138,16 @@ TEST(BadInputs, EachEndsWithItsMessageAndStatus) {
          Settings() + Module("short.bin", "startaddress = 00000010\n"), "out", 1,
          "FATAL ERROR: Module StartAddress 00000010 leaves no room for its 20-byte header: "
          "StartAddress - 20 wraps below 0.  Refer to build.scr, line 13."},
-        {"BIOS size too small for the main BIOS",
-         Settings({.size = "00000020", .bbsize = "00000000", .nvram = "00000000"}) +
+        {"BIOS size too small for the main BIOS header",
+         Settings({.init = "file = bb.bin\nchecksumoffset = 0000fff0\nbiostagoffset = 0000fff8\n",
+                   .size = "00000020",
+                   .bbsize = "00000010",
+                   .nvram = "00000000"}) +
              Module("short.bin"),
          "out", 1,
-         "FATAL ERROR: [BIOS] Size 00000020 is below the 40 bytes the main BIOS needs: Size - 40 "
-         "wraps below 0"},
+         "FATAL ERROR: BIOS size 20 leaves 10 bytes below the boot block (bbsize 10), Extended "
+         "Boot Block (maxebbsize 0) and NVRAM (nvramsize 0), too few for the main BIOS header "
+         "of 20 bytes"},
     };
     // Scripts name their files relative to the working folder, as users write them.
     const auto previous_folder = std::filesystem::current_path();
