@@ -191,6 +191,20 @@ TEST(ImageBuildFlow, SizesThatWrapIn32Bits) {
          "checksumoffset = 0000fff0\nbiostagoffset = 0000fff8\n",
          "size = 00000020\nbbsize = 00000010\nnvramsize = 00000010\n", "", 1, 0x10,
          failed_in_nvram},
+        {"ROM hole size that rounds up to 0", "",
+         "size = 00040000\nbbsize = 00010000\nnvramsize = 00004000\n",
+         "[romhole]\nstartaddress = 000d0000\nsize = ffffffff\n", 0, 0x10000,
+         {"Generating boot block image...", "BIOS has no Extended Boot Block.",
+          "Initializing NVRAM space below boot block...", "Gathering module size information",
+          "Generating gap information", " Creating main BIOS header", "",
+          "Placing modules with specified fixed locations", "", "",
+          "Placing modules that can't be split", "", " Inserting a.bin as module id 01 at c0008",
+          " Inserting b.bin as module id 02 at c011c", "",
+          "Placing remaining modules that will fit without splitting", "", "",
+          "Splitting unplaced modules", "", "", "Generating Image Information Module ...",
+          " Inserting out/T1.inf as module id 80 at c01b0",
+          "Loading ROMHOLEs with filler data and files ...", "", "",
+          "There were 0 errors and 0 warnings"}},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
