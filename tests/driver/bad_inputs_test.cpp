@@ -132,10 +132,9 @@ TEST(BadInputs, EachEndsWithItsMessageAndStatus) {
          Settings() + Module("short.bin") + Hole("000e8000", "ffff8000"), "out", 1,
          "FATAL ERROR: ROMHOLE 0 at image offset 8000 with size ffff8000 reaches past the end of "
          "the image (BIOS size 20000)"},
-        {"module start address whose header would wrap below 0",
+        {"module start address whose header wraps below 0",
          Settings() + Module("short.bin", "startaddress = 00000010\n"), "out", 1,
-         "FATAL ERROR: Module StartAddress 00000010 leaves no room for its 20-byte header: "
-         "StartAddress - 20 wraps below 0.  Refer to build.scr, line 13."},
+         "FATAL ERROR: ROMHOLE, NONCRITICALROM or Module StartAddress out of Range"},
         {"BIOS size too small for the main BIOS header",
          Settings({.init = "file = bb.bin\nchecksumoffset = 0000fff0\nbiostagoffset = 0000fff8\n",
                    .size = "00000020",
