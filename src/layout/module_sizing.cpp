@@ -81,9 +81,11 @@ void SizeModule(BuildContext& ctx, std::uint32_t index) {
     if (m.Alignment != 0) {
         // Room for moving the data start up to the next multiple of Alignment. Rooms
         // start on multiples of 4, so a multiple of 4 never needs more than
-        // Alignment - 4 bytes; any other alignment can need Alignment - 1, and gets it so
-        // that the shift stays inside the room reserved.
-        s = s + m.Alignment - (m.Alignment % 4 == 0 ? 4 : 1);
+        // Alignment - 4 bytes; in gap placement any other alignment can need
+        // Alignment - 1, and gets it so that the shift stays inside the room reserved.
+        // (Sequential placement widens the module itself when it inserts it.)
+        const bool sequential = desc.RomHoleCount == 0;
+        s = s + m.Alignment - (m.Alignment % 4 == 0 || sequential ? 4 : 1);
     }
     m.PlacedSize = s + kHeader;
 
