@@ -73,8 +73,7 @@ std::uint64_t LoadModuleData(BuildContext& ctx, const ModuleEntry& m, bool trace
         d = m.MaxModuleSize;
     }
     // What a buffer of MaxModuleSize bytes would hold beyond the file (0xFF) is supplied
-    // here, so the buffer itself never grows past the file before it is needed.
-    if (d > buffer.size()) buffer.resize(d, 0xFF);
+    // where the data is copied, so a MaxModuleSize far beyond the image allocates nothing.
     return d;
 }
 
@@ -142,7 +141,9 @@ void InsertModule(BuildContext& ctx, std::uint32_t index) {
     if (mode == PlacementMode::Gap) {
         CheckInsideRoom(ctx, m, std::uint64_t{image.PlacementCursor} + kHeader + s);
     }
-    std::copy_n(buffer.begin(), d, image.ImageBuffer.begin() + image.PlacementCursor + kHeader);
+    const auto data = image.ImageBuffer.begin() + image.PlacementCursor + kHeader;
+    const std::uint64_t held = std::min<std::uint64_t>(d, buffer.size());
+    std::fill(std::copy_n(buffer.begin(), held, data), data + d, std::uint8_t{0xFF});
     WriteHeaderAndChain(ctx, m.Header);
     buffer = {};
 
