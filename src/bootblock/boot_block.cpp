@@ -33,12 +33,19 @@ void CheckBootBlockLimits(BuildContext& ctx) {
         tag + bios.BiosTag.size() + 1 > kTopSegmentSize) {
         ctx.diag.Fatal("Boot block checksum or tag offset lies outside the boot block");
     }
+}
+
+// The end-of-script check compares the sizes in wrapping 32-bit arithmetic, so a boot
+// block larger than the image can get this far; it is refused where it would be copied
+// into the image, after its file has been written.
+void CheckBootBlockFits(BuildContext& ctx) {
+    const BiosSettings& bios = ctx.description.Bios;
     const std::uint32_t cursor = ctx.image.PlacementCursor;
-    if (cursor > ctx.image.ImageBuffer.size() || cursor < size) {
+    if (cursor > ctx.image.ImageBuffer.size() || cursor < bios.BootBlockSize) {
         ctx.diag.Fatal(
             StrFormat("Boot block does not fit in the ROM image: bbsize 0x%08X is larger than "
                       "the 0x%08X bytes left of size 0x%08X",
-                      size, cursor, bios.BiosSize));
+                      bios.BootBlockSize, cursor, bios.BiosSize));
     }
 }
 
@@ -95,6 +102,7 @@ void BuildBootBlock(BuildContext& ctx) {
     if (!out) ctx.diag.Fatal("Cannot create boot block file");
     if (!out->Write(boot_block)) ctx.diag.Fatal("Cannot write to boot block file");
 
+    CheckBootBlockFits(ctx);
     ctx.image.PlacementCursor -= size;
     std::copy(boot_block.begin(), boot_block.end(),
               ctx.image.ImageBuffer.begin() + ctx.image.PlacementCursor);

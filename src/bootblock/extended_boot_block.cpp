@@ -94,6 +94,18 @@ void SealModule(std::span<std::uint8_t> image, std::size_t header) {
     store_le32(checksum, DwordChecksum(image, header, std::size_t(data_size) + kSize));
 }
 
+// The end-of-script check compares the sizes in wrapping 32-bit arithmetic, so a block
+// that does not fit below the boot block can get this far.
+void CheckEbbFits(BuildContext& ctx, std::uint32_t cursor) {
+    const BiosSettings& bios = ctx.description.Bios;
+    if (cursor > ctx.image.ImageBuffer.size() || cursor < bios.MaxEbbSize) {
+        ctx.diag.Fatal(StrFormat(
+            "Extended Boot Block does not fit in the ROM image: maxebbsize 0x%08X is larger "
+            "than the 0x%08X bytes left below the boot block (size 0x%08X, bbsize 0x%08X)",
+            bios.MaxEbbSize, cursor, bios.BiosSize, bios.BootBlockSize));
+    }
+}
+
 }  // namespace
 
 void BuildExtendedBootBlock(BuildContext& ctx) {
@@ -114,19 +126,11 @@ void BuildExtendedBootBlock(BuildContext& ctx) {
     // The block checksum sums whole doublewords; its last one must lie inside the block.
     if (ebb_size % 4 != 0) ctx.diag.Fatal("Extended Boot Block size must be a multiple of 4");
     const std::uint32_t cursor = ctx.image.PlacementCursor;
-    if (cursor > ctx.image.ImageBuffer.size() || cursor < ebb_size) {
-        ctx.diag.Fatal(StrFormat(
-            "Extended Boot Block does not fit in the ROM image: maxebbsize 0x%08X is larger "
-            "than the 0x%08X bytes left below the boot block (size 0x%08X, bbsize 0x%08X)",
-            ebb_size, cursor, bios.BiosSize, bios.BootBlockSize));
-    }
-    if (modules.size() > kMaxEbbModules) {
-        ctx.diag.Fatal(StrFormat("Too many modules for the Extended Boot Block: %zu, at most %zu",
-                                 modules.size(), kMaxEbbModules));
-    }
 
     std::span<std::uint8_t> image(ctx.image.ImageBuffer);
-    const std::size_t ebb_start = cursor - ebb_size;
+    // In 32 bits, as the region is laid out: a block larger than the space below the boot
+    // block wraps here, and is refused before its first byte is written.
+    const std::uint32_t ebb_start = cursor - ebb_size;
     std::uint64_t fill = block_header::kSize;
     for (std::size_t i = 0; i < modules.size(); ++i) {
         EbbModuleRecord& record = modules[i];
@@ -162,8 +166,9 @@ void BuildExtendedBootBlock(BuildContext& ctx) {
         store_le32(record.Header.bytes.data() + module_header::Checksum.offset, 0);
         record.Header.SetDataSize16(size >= 0x10000 ? 0xFFFF : std::uint16_t(size));
 
-        const std::size_t header = ebb_start + std::size_t(fill);
+        const std::uint32_t header = ebb_start + std::uint32_t(fill);
         ctx.diag.Printf(" at %x\n", unsigned(header));
+        CheckEbbFits(ctx, cursor);
         std::copy(record.Header.bytes.begin(), record.Header.bytes.end(), image.begin() + header);
         std::copy_n(buffer.bytes.begin(), data_length, image.begin() + header + kSize);
 
@@ -181,6 +186,7 @@ void BuildExtendedBootBlock(BuildContext& ctx) {
         fill += size + kSize;
     }
 
+    CheckEbbFits(ctx, cursor);
     WriteBlockHeader(image, ebb_start, block_header::kEbbSignature, ebb_size, !modules.empty(),
                      HeaderChecksumRule::LowWordOfDwordChecksum);
     ctx.image.PlacementCursor = cursor - ebb_size;

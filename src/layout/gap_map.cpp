@@ -13,8 +13,10 @@ namespace {
 // left to a range that starts at 0, or to no one.
 constexpr std::uint32_t kLowestGapStart = 8;
 
-std::uint64_t EndOf(const RomHoleEntry& range) {
-    return std::uint64_t{range.StartAddress} + range.Size;
+// In 32 bits, as the firmware format counts: a range that wraps past 4 GB ends low and
+// passes the test against the top; filling it is stopped where the ROM holes are loaded.
+std::uint32_t EndOf(const RomHoleEntry& range) {
+    return range.StartAddress + range.Size;
 }
 
 [[noreturn]] void FailMap(BuildContext& ctx, const char* message) {
@@ -90,7 +92,7 @@ void BuildGapMap(BuildContext& ctx) {
     std::vector<GapEntry>& gaps = map.GapTable;
     std::uint32_t next = 0;  // position in `order` of the current range q
     if (holes[order[0]].StartAddress == 0) {
-        gaps[0].Start = static_cast<std::uint32_t>(EndOf(holes[order[0]]));
+        gaps[0].Start = EndOf(holes[order[0]]);
         next = 1;
     } else {
         gaps[0].Start = kLowestGapStart;
@@ -103,10 +105,9 @@ void BuildGapMap(BuildContext& ctx) {
         if (gap.Start > gap.End) FailMap(ctx, "ROMHOLEs, NONCRITICALROMs or Modules overlap");
         gap.Size = gap.End - gap.Start;
         if (!has_range) break;
-        // Every range ends at or below the top here: the highest one was checked above
-        // and each other one ends at or below the start of the next.
-        const std::uint32_t range_end =
-            static_cast<std::uint32_t>(std::min<std::uint64_t>(EndOf(holes[order[next]]), top));
+        // Every gap lies inside the image: its end is a range's start (below BiosSize)
+        // or the top, and a start above its end is refused above.
+        const std::uint32_t range_end = EndOf(holes[order[next]]);
         if (gap.Start == gap.End) {
             gap.Start = range_end;
             --count;

@@ -22,18 +22,21 @@ void CreateMainHeader(BuildContext& ctx) {
                         image.PlacementCursor + image.AddressBase);
     }
     const std::uint32_t block = MainHeaderBlockSize(desc);
-    if (image.PlacementCursor < block) {
-        ctx.diag.Fatal(StrFormat(
-            "BIOS size %x leaves %x bytes below the boot block (bbsize %x), Extended Boot "
-            "Block (maxebbsize %x) and NVRAM (nvramsize %x), too few for the main BIOS "
-            "header of %x bytes",
-            desc.Bios.BiosSize, image.PlacementCursor, desc.Bios.BootBlockSize,
-            desc.Bios.MaxEbbSize, desc.Bios.NvramSize, block));
-    }
+    const std::uint32_t top = image.PlacementCursor;
     image.PlacementCursor -= block;
     if (ctx.options.VerboseMode) {
         ctx.diag.Printf("Placing main BIOS header at %x\n\n",
                         image.PlacementCursor + image.AddressBase);
+    }
+    // The end-of-script check lets a BIOS size below its 40-byte reserve through (the
+    // subtraction wraps), which can leave fewer bytes than the block below the top areas.
+    if (top < block || top > image.ImageBuffer.size()) {
+        ctx.diag.Fatal(StrFormat(
+            "BIOS size %x leaves %x bytes below the boot block (bbsize %x), Extended Boot "
+            "Block (maxebbsize %x) and NVRAM (nvramsize %x), too few for the main BIOS "
+            "header of %x bytes",
+            desc.Bios.BiosSize, top, desc.Bios.BootBlockSize, desc.Bios.MaxEbbSize,
+            desc.Bios.NvramSize, block));
     }
     std::uint8_t* start = image.ImageBuffer.data() + image.PlacementCursor;
     std::fill_n(start, desc.MainHeaderExtension + main_header::kSize, std::uint8_t{0});

@@ -30,8 +30,8 @@ void WriteHeaderAndChain(BuildContext& ctx, const ModuleHeaderImage& header) {
     ctx.layout.LastHeader = ctx.image.PlacementCursor + module_header::kExtensionSize;
 }
 
-// Our own guard for gap placement, where the cursor names a room found by the passes:
-// the header and data must lie inside the image.
+// Our own guard where the header and data are copied: they must lie inside the image.
+// Only a stored size that wrapped past 4 GB (a MaxModuleSize just below it) gets here.
 void CheckInsideImage(BuildContext& ctx, const ModuleEntry& m, std::uint64_t end) {
     if (end > ctx.image.ImageBuffer.size()) {
         ctx.diag.Fatal(StrFormat(
@@ -73,8 +73,7 @@ std::uint64_t LoadModuleData(BuildContext& ctx, const ModuleEntry& m, bool trace
         d = m.MaxModuleSize;
     }
     // What a buffer of MaxModuleSize bytes would hold beyond the file (0xFF) is supplied
-    // here, so the buffer itself never grows past the file before it is needed.
-    if (d > buffer.size()) buffer.resize(d, 0xFF);
+    // where the data is copied, so a MaxModuleSize far beyond the image allocates nothing.
     return d;
 }
 
@@ -111,45 +110,40 @@ void InsertModule(BuildContext& ctx, std::uint32_t index) {
 
     std::vector<std::uint8_t> buffer;
     const std::uint64_t d = LoadModuleData(ctx, m, true, buffer);
-    std::uint64_t s = (d + 3) & ~std::uint64_t{3};
+    // The stored size is 32-bit, as the header holds it; a data length within a few bytes
+    // of 4 GB wraps, and the copy below refuses it.
+    std::uint32_t s = (static_cast<std::uint32_t>(d) + 3) & ~3u;
     if (m.Alignment != 0) {
         if (mode == PlacementMode::Sequential) {
             // Widen the module so that its data, which ends at the cursor, starts on a
-            // multiple of Alignment. (32-bit wrap as the firmware format computes it; a
-            // module that does not fit fails below anyway.)
-            const std::uint32_t start = image.PlacementCursor - static_cast<std::uint32_t>(s);
-            s += start % m.Alignment;
+            // multiple of Alignment.
+            s += (image.PlacementCursor - s) % m.Alignment;
         }
         if (m.Header.ModuleId() == kDescriptorModuleId) {
-            const std::uint32_t data_offset =
-                mode == PlacementMode::Sequential
-                    ? image.PlacementCursor - static_cast<std::uint32_t>(s)
-                    : image.PlacementCursor + kHeader;
-            PatchDescriptors(buffer, data_offset, static_cast<std::uint32_t>(s),
-                             desc.Bios.BiosSize);
+            const std::uint32_t data_offset = mode == PlacementMode::Sequential
+                                                  ? image.PlacementCursor - s
+                                                  : image.PlacementCursor + kHeader;
+            PatchDescriptors(buffer, data_offset, s, desc.Bios.BiosSize);
         }
     }
-    if (s > 0xFFFFFFFFu - kHeader) {
-        ctx.diag.Fatal(mode == PlacementMode::Sequential
-                           ? std::string("Out of ROM space!")
-                           : StrFormat("Module %s is too large for a ROM image: %llx bytes",
-                                       m.FileName.c_str(), static_cast<unsigned long long>(s)));
-    }
-    SetDataSize(m.Header, static_cast<std::uint32_t>(s));
+    SetDataSize(m.Header, s);
 
     if (mode == PlacementMode::Sequential) {
         if (image.PlacementCursor < s + kHeader) ctx.diag.Fatal("Out of ROM space!");
-        image.PlacementCursor -= static_cast<std::uint32_t>(s + kHeader);
+        image.PlacementCursor -= s + kHeader;
         // The image information module is the lowest item; its header starts on an
         // 8-byte boundary, where the main BIOS header's checksummed region begins.
         if (index == desc.ModuleCount) image.PlacementCursor &= ~7u;
-    } else {
-        CheckInsideImage(ctx, m, std::uint64_t{image.PlacementCursor} + kHeader + d);
-        CheckInsideRoom(ctx, m, std::uint64_t{image.PlacementCursor} + kHeader + s);
     }
     ctx.diag.Printf(" at %x\n", image.PlacementCursor + image.AddressBase);
 
-    std::copy_n(buffer.begin(), d, image.ImageBuffer.begin() + image.PlacementCursor + kHeader);
+    CheckInsideImage(ctx, m, std::uint64_t{image.PlacementCursor} + kHeader + d);
+    if (mode == PlacementMode::Gap) {
+        CheckInsideRoom(ctx, m, std::uint64_t{image.PlacementCursor} + kHeader + s);
+    }
+    const auto data = image.ImageBuffer.begin() + image.PlacementCursor + kHeader;
+    const std::uint64_t held = std::min<std::uint64_t>(d, buffer.size());
+    std::fill(std::copy_n(buffer.begin(), held, data), data + d, std::uint8_t{0xFF});
     WriteHeaderAndChain(ctx, m.Header);
     buffer = {};
 
@@ -171,18 +165,20 @@ void InsertLinkedRom(BuildContext& ctx, std::uint32_t index) {
     }
     k.InsertionIndex = ctx.layout.InsertionCounter++;
     SetDataSize(k.Header, load_le32(last + module_header::DataSize.offset));
-    if (ModeOf(ctx) == PlacementMode::Sequential) {
-        if (image.PlacementCursor <= kHeader) {
-            ctx.diag.Fatal("Not enough free space in ROM file to insert module");
-        }
-    } else if (image.PlacementCursor < kHeader) {
+    if (ModeOf(ctx) == PlacementMode::Sequential && image.PlacementCursor <= kHeader) {
+        ctx.diag.Fatal("Not enough free space in ROM file to insert module");
+    }
+    const std::uint32_t below = image.PlacementCursor;
+    image.PlacementCursor -= kHeader;
+    ctx.diag.Printf(" at %x\n", image.PlacementCursor + image.AddressBase);
+    // In gap placement the parent's room holds the link headers at its bottom, so this
+    // guards the copy only.
+    if (below < kHeader) {
         ctx.diag.Fatal(
             StrFormat("Linked addon-rom header at image offset %x does not fit "
                       "below its parent",
-                      image.PlacementCursor));
+                      below));
     }
-    image.PlacementCursor -= kHeader;
-    ctx.diag.Printf(" at %x\n", image.PlacementCursor + image.AddressBase);
     WriteHeaderAndChain(ctx, k.Header);
 }
 

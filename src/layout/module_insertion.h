@@ -22,9 +22,9 @@ void InsertModule(BuildContext& ctx, std::uint32_t index);
 void PlaceFixedModule(BuildContext& ctx, std::uint32_t index);
 
 // The module's data as it is stored: its file read into `buffer` and compressed where
-// the build compresses it, with MaxModuleSize applied. Returns the data length d;
-// `buffer` holds at least d bytes, and what lies past the compressed data is what the
-// module buffer holds there (the rest of the file, then 0xFF). `trace_compression`
+// the build compresses it, with MaxModuleSize applied. Returns the data length d; what
+// lies past the compressed data is what the module buffer holds there (the rest of the
+// file), and the bytes from the buffer's end up to d are 0xFF. `trace_compression`
 // prints the verbose " (compressed)" note of the image information module.
 std::uint64_t LoadModuleData(BuildContext& ctx, const ModuleEntry& m, bool trace_compression,
                              std::vector<std::uint8_t>& buffer);

@@ -52,14 +52,16 @@ void SizeModule(BuildContext& ctx, std::uint32_t index) {
     ctx.layout.LinkParent =
         m.Header.ModuleId() == kAddonRomId ? static_cast<std::uint8_t>(index) : kNoIndex;
 
-    std::uint64_t s = 0;
+    // Sizes are 32-bit as the firmware format counts them: a MaxModuleSize within a few
+    // bytes of 4 GB wraps here, and the module is refused where its data would be copied.
+    std::uint32_t s = 0;
     if (IsCompressedByBuild(m.Header.ModuleAttributes(), m.CompressionFlags)) {
         std::uint32_t n = 0;
         std::vector<std::uint8_t> buffer = ReadModuleFile(ctx, m.FileName, n);
         const lzh::CompressResult result = CompressInPlace(ctx, buffer, n);
         // Sizing counts two bytes beyond the compressed total; insertion stores the total
         // alone, so the reserve shows only in PlacedSize (and in the room it reserves).
-        s = std::uint64_t{result.total} + 2;
+        s = result.total + 2;
         // An encoder stopped by its output bound before the end of the input leaves a
         // stream that does not decode to the file; such a module is stored as it is.
         const bool cut_off = result.stopped && result.consumed < n;
@@ -75,30 +77,23 @@ void SizeModule(BuildContext& ctx, std::uint32_t index) {
         ctx.diag.Fatal("MaxModuleSize is too small for this module");
     }
     if (m.MaxModuleSize != 0) s = m.MaxModuleSize;
-    s = (s + 3) & ~std::uint64_t{3};
+    s = (s + 3) & ~3u;
     if (m.Alignment != 0) {
         // Room for moving the data start up to the next multiple of Alignment. Rooms
         // start on multiples of 4, so a multiple of 4 never needs more than
-        // Alignment - 4 bytes; any other alignment can need Alignment - 1, and gets it so
-        // that the shift stays inside the room reserved.
-        s = s + m.Alignment - (m.Alignment % 4 == 0 ? 4 : 1);
+        // Alignment - 4 bytes; in gap placement any other alignment can need
+        // Alignment - 1, and gets it so that the shift stays inside the room reserved.
+        // (Sequential placement widens the module itself when it inserts it.)
+        const bool sequential = desc.RomHoleCount == 0;
+        s = s + m.Alignment - (m.Alignment % 4 == 0 || sequential ? 4 : 1);
     }
-    const std::uint64_t placed = s + kHeader;
-    if (placed > 0xFFFFFFFFu) {
-        ctx.diag.Fatal(StrFormat(
-            "Module %s needs %llx bytes (maxmodulesize %x, alignment %x), more than a ROM "
-            "image can hold",
-            m.FileName.c_str(), static_cast<unsigned long long>(placed), m.MaxModuleSize,
-            m.Alignment));
-    }
-    m.PlacedSize = static_cast<std::uint32_t>(placed);
+    m.PlacedSize = s + kHeader;
 
     if (m.RomHoleIndex != kNoIndex && m.RomHoleIndex < desc.RomHoleTable.size()) {
         // From the paragraph below the header to the paragraph boundary at or above the
         // end of the data.
         RomHoleEntry& hole = desc.RomHoleTable[m.RomHoleIndex];
-        const std::uint64_t span = std::uint64_t{m.StartAddress - hole.StartAddress} + s;
-        hole.Size = static_cast<std::uint32_t>((span + 15) & ~std::uint64_t{15});
+        hole.Size = (m.StartAddress - hole.StartAddress + s + 15) & ~15u;
     }
     if (ctx.options.VerboseMode) {
         ctx.diag.Printf(" %s (module id %x) size will be %x\n", m.FileName.c_str(),

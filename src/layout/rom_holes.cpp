@@ -14,8 +14,9 @@ namespace {
 
 constexpr std::uint32_t kNcbHeaderLength = block_header::kSize;
 
-// The gap map has checked every range against the image and the others; this keeps
-// each fill and copy inside the image whatever the table holds.
+// The gap map tests the end of the highest range against the top in 32 bits, so a range
+// whose size wraps past 4 GB passes it; its fill is refused here, where it would write
+// past the image.
 void CheckRangeInImage(BuildContext& ctx, const RomHoleEntry& hole, std::uint32_t index) {
     if (std::uint64_t{hole.StartAddress} + hole.Size > ctx.image.ImageBuffer.size()) {
         ReleaseImageBuffers(ctx);
@@ -26,9 +27,8 @@ void CheckRangeInImage(BuildContext& ctx, const RomHoleEntry& hole, std::uint32_
     }
 }
 
-void LoadHoleFile(BuildContext& ctx, const RomHoleEntry& hole, std::uint32_t index) {
+void LoadHoleFile(BuildContext& ctx, const RomHoleEntry& hole) {
     const BuildDescription& desc = ctx.description;
-    CheckRangeInImage(ctx, hole, index);
     // Positions are ROM addresses until a non-critical block (or the script) has switched
     // to 32-bit mode; from then on they are image offsets.
     const std::uint32_t shown = desc.RomImage.Use32BitMode
@@ -122,7 +122,8 @@ void LoadRomHoles(BuildContext& ctx) {
             CheckRangeInImage(ctx, hole, r);
             std::fill_n(ctx.image.ImageBuffer.begin() + hole.StartAddress, hole.Size, hole.Filler);
         }
-        if (!hole.FileName.empty()) LoadHoleFile(ctx, hole, r);
+        // A ROM hole with a file was filled, and its range tested, just above.
+        if (!hole.FileName.empty()) LoadHoleFile(ctx, hole);
         if (!hole.Name.empty()) BuildNonCriticalBlock(ctx, hole);
     }
 }

@@ -3,7 +3,6 @@
 // hand-off of Extended Boot Block modules.
 
 #include "bootblock/ebb_module_list.h"
-#include "platform/text_format.h"
 #include "script/hex_input.h"
 #include "script/script_parser.h"
 
@@ -196,14 +195,9 @@ void ScriptParser::ModuleStartAddressKey(std::string_view key) {
     }
     if (*address % 4 != 0)
         Fail("Module StartAddress must be DWORD aligned.  Refer to %s, line %d.");
+    // The header goes directly below the data. Below address 20 this wraps to the top
+    // of the 32-bit space, which the gap map finds out of range.
     const std::uint32_t header_size = 12u + desc_.ModuleHeaderExtension;
-    // The header goes directly below the data; below address 0 there is no image.
-    if (*address < header_size) {
-        FailWithTail(
-            StrFormat("Module StartAddress %08X leaves no room for its %u-byte "
-                      "header: StartAddress - %u wraps below 0.  ",
-                      *address, header_size, header_size));
-    }
     ++desc_.ConstrainedModuleCount;
     ++desc_.FixedModuleCount;
     ModuleEntry& module = Current();

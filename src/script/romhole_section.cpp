@@ -1,7 +1,6 @@
 // The [romhole] and [noncriticalrom] sections: one RomHoleEntry per section. Only a
 // Name makes the record a non-critical block, whichever header opened the section.
 
-#include "platform/text_format.h"
 #include "script/hex_input.h"
 #include "script/script_parser.h"
 
@@ -54,13 +53,8 @@ void ScriptParser::RomHoleSizeKey(std::string_view key) {
         Fail("Expected 8 digit hex number (i.e. 00000000 - FFFFFFFF).  Refer to %s, line %d.");
     }
     if (*size == 0) Fail("ROMHOLE.Size must be greater than zero.  Refer to %s, line %d.");
-    // Sizes are whole paragraphs; from FFFFFFF1 on the rounding would wrap to 0.
-    if (*size > 0xFFFFFFF0u) {
-        FailWithTail(
-            StrFormat("ROMHOLE Size %08X wraps past 4 GB when rounded up to a "
-                      "multiple of 16.  ",
-                      *size));
-    }
+    // The zero test is on the value as written; from FFFFFFF1 on the rounding to whole
+    // paragraphs wraps to a size of 0.
     current_rom_hole_.Size = (*size + 15u) & ~std::uint32_t{15};
 }
 
@@ -86,11 +80,6 @@ void ScriptParser::CheckRomHoleSection() {
     desc_.RomImage.RomImageFlags |= rom_image_flag::HasRomHoles;
     // Module reservations count against the same 16 records.
     if (desc_.RomHoleCount >= kRomHoleTableSize) Fatal("Maximum number of ROMHOLES exceeded");
-    const RomHoleEntry& hole = current_rom_hole_;
-    if (std::uint64_t{hole.StartAddress} + hole.Size > 0x100000000u) {
-        FailWithTail(StrFormat("ROMHOLE range StartAddress %08X + Size %08X wraps past 4 GB.  ",
-                               hole.StartAddress, hole.Size));
-    }
     desc_.RomHoleTable[desc_.RomHoleCount] = current_rom_hole_;
     ++desc_.RomHoleCount;
 }

@@ -58,8 +58,6 @@ class ScriptParser {
 
     // A fatal report of a message whose format ends in "Refer to %s, line %d.".
     [[noreturn]] void Fail(const char* format_with_tail);
-    // A fatal report of a message of our own, followed by the "Refer to" tail.
-    [[noreturn]] void FailWithTail(const std::string& message);
     [[noreturn]] void Fatal(const std::string& message) { ctx_.diag.Fatal(message); }
 
     // --- [init], [bios], [romimage] (settings_sections.cpp) ---

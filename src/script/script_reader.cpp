@@ -203,9 +203,5 @@ void ScriptParser::Fail(const char* format_with_tail) {
     Fatal(StrFormat(format_with_tail, script_file_name_.c_str(), line_));
 }
 
-void ScriptParser::FailWithTail(const std::string& message) {
-    Fatal(message + StrFormat("Refer to %s, line %d.", script_file_name_.c_str(), line_));
-}
-
 }  // namespace script
 }  // namespace fwforge

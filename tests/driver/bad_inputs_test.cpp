@@ -84,10 +84,21 @@ TEST(BadInputs, EachEndsWithItsMessageAndStatus) {
          Settings({.init = "file = bb.bin\nchecksumoffset = 00000000\n", .bbsize = "00002000"}) +
              Module("short.bin"),
          "out", 1, "FATAL ERROR: Boot block checksum or tag offset lies outside the boot block"},
-        {"sizes that wrap past 4 GB", Settings({.bbsize = "ffffffff"}) + Module("short.bin"), "out",
-         1,
-         "FATAL ERROR: [BIOS] BBSize FFFFFFFF + MaxEBBSize 00000000 + NVRAMSize 00001000 wraps "
-         "past 4 GB"},
+        // The end-of-script check sums in 32 bits: 10000 + ffff0000 + 1000 passes as 1000.
+        {"EBB size that wraps the sum past 4 GB",
+         Settings({.extra = "maxebbsize = ffff0000\n"}) + Module("short.bin"), "out", 1,
+         "FATAL ERROR: Extended Boot Block does not fit in the ROM image: maxebbsize 0xFFFF0000 "
+         "is larger than the 0x00010000 bytes left below the boot block (size 0x00020000, "
+         "bbsize 0x00010000)"},
+        {"boot block larger than a size below 40",
+         Settings({.init = "file = bb.bin\nchecksumoffset = 0000ff00\nbiostagoffset = 0000fff0\n",
+                   .size = "00000020",
+                   .bbsize = "00000100",
+                   .nvram = "00000000"}) +
+             Module("short.bin"),
+         "out", 1,
+         "FATAL ERROR: Boot block does not fit in the ROM image: bbsize 0x00000100 is larger "
+         "than the 0x00000020 bytes left of size 0x00000020"},
         {"EBB smaller than its header",
          Settings({.extra = "maxebbsize = 00000010\n"}) + Module("short.bin"), "out", 1,
          "FATAL ERROR: Extended Boot Block size is too small"},
@@ -115,24 +126,25 @@ TEST(BadInputs, EachEndsWithItsMessageAndStatus) {
         {"module start address below the image",
          Settings() + Module("short.bin", "startaddress = 00010000\n"), "out", 1,
          "FATAL ERROR: ROMHOLE, NONCRITICALROM or Module StartAddress out of Range"},
-        {"ROM hole size that rounds past 4 GB",
-         Settings() + Module("short.bin") + Hole("000e0000", "fffffff1"), "out", 1,
-         "FATAL ERROR: ROMHOLE Size FFFFFFF1 wraps past 4 GB when rounded up to a multiple of "
-         "16.  Refer to build.scr, line 15."},
+        // The hole starts at image offset 8000 and ends at 0 in 32 bits, which passes the
+        // test against the top; its filler would be written past the image.
         {"ROM hole range that wraps past 4 GB",
-         Settings() + Module("short.bin") + Hole("000e0000", "fff30000"), "out", 1,
-         "FATAL ERROR: ROMHOLE range StartAddress 000E0000 + Size FFF30000 wraps past 4 GB.  "
-         "Refer to build.scr, line 16."},
-        {"module start address whose header would wrap below 0",
+         Settings() + Module("short.bin") + Hole("000e8000", "ffff8000"), "out", 1,
+         "FATAL ERROR: ROMHOLE 0 at image offset 8000 with size ffff8000 reaches past the end of "
+         "the image (BIOS size 20000)"},
+        {"module start address whose header wraps below 0",
          Settings() + Module("short.bin", "startaddress = 00000010\n"), "out", 1,
-         "FATAL ERROR: Module StartAddress 00000010 leaves no room for its 20-byte header: "
-         "StartAddress - 20 wraps below 0.  Refer to build.scr, line 13."},
-        {"BIOS size too small for the main BIOS",
-         Settings({.size = "00000020", .bbsize = "00000000", .nvram = "00000000"}) +
+         "FATAL ERROR: ROMHOLE, NONCRITICALROM or Module StartAddress out of Range"},
+        {"BIOS size too small for the main BIOS header",
+         Settings({.init = "file = bb.bin\nchecksumoffset = 0000fff0\nbiostagoffset = 0000fff8\n",
+                   .size = "00000020",
+                   .bbsize = "00000010",
+                   .nvram = "00000000"}) +
              Module("short.bin"),
          "out", 1,
-         "FATAL ERROR: [BIOS] Size 00000020 is below the 40 bytes the main BIOS needs: Size - 40 "
-         "wraps below 0"},
+         "FATAL ERROR: BIOS size 20 leaves 10 bytes below the boot block (bbsize 10), Extended "
+         "Boot Block (maxebbsize 0) and NVRAM (nvramsize 0), too few for the main BIOS header "
+         "of 20 bytes"},
     };
     // Scripts name their files relative to the working folder, as users write them.
     const auto previous_folder = std::filesystem::current_path();

@@ -170,5 +170,89 @@ TEST(ImageBuildFlow, ConsoleOfWholeRuns) {
     }
 }
 
+// Sizes whose 32-bit arithmetic wraps: the end-of-script check lets them through, and the
+// phases that lay the image out decide, with their own messages and files.
+TEST(ImageBuildFlow, SizesThatWrapIn32Bits) {
+    const std::vector<std::string> failed_in_nvram = {
+        "Generating boot block image...", "BIOS has no Extended Boot Block.",
+        "Initializing NVRAM space below boot block...", "",
+        "FATAL ERROR: Sum of Nvram and Boot Block must be smaller than total BIOS size"};
+    struct Case {
+        const char* what;
+        std::string init, bios, sections;  // [init] offsets, [bios] sizes, after the modules
+        int status;
+        std::uint32_t bb_size;
+        std::vector<std::string> lines;  // after "Parsing r.scr..."
+    } cases[] = {
+        {"boot block and NVRAM add up to 4 GB", "",
+         "nvramsize = ffff0000\nbbsize = 00010000\nsize = 00040000\n", "", 1, 0x10000,
+         failed_in_nvram},
+        {"size below the 40 bytes of the end-of-script check",
+         "checksumoffset = 0000fff0\nbiostagoffset = 0000fff8\n",
+         "size = 00000020\nbbsize = 00000010\nnvramsize = 00000010\n", "", 1, 0x10,
+         failed_in_nvram},
+        {"ROM hole size that rounds up to 0", "",
+         "size = 00040000\nbbsize = 00010000\nnvramsize = 00004000\n",
+         "[romhole]\nstartaddress = 000d0000\nsize = ffffffff\n", 0, 0x10000,
+         {"Generating boot block image...", "BIOS has no Extended Boot Block.",
+          "Initializing NVRAM space below boot block...", "Gathering module size information",
+          "Generating gap information", " Creating main BIOS header", "",
+          "Placing modules with specified fixed locations", "", "",
+          "Placing modules that can't be split", "", " Inserting a.bin as module id 01 at c0008",
+          " Inserting b.bin as module id 02 at c011c", "",
+          "Placing remaining modules that will fit without splitting", "", "",
+          "Splitting unplaced modules", "", "", "Generating Image Information Module ...",
+          " Inserting out/T1.inf as module id 80 at c01b0",
+          "Loading ROMHOLEs with filler data and files ...", "", "",
+          "There were 0 errors and 0 warnings"}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        TempDir dir;
+        testing::WriteBytes(dir.File("bb.bin"), testing::RandomBytes(0x10000, 5));
+        testing::WriteBytes(dir.File("a.bin"), testing::RandomBytes(0x100, 6));
+        testing::WriteBytes(dir.File("b.bin"), testing::RandomBytes(0x80, 7));
+        fs::create_directories(dir.path() / "out");
+        testing::WriteText(dir.File("r.scr"),
+                           testing::WithCrLf("[init]\nfile = bb.bin\n" + c.init +
+                                             "[bios]\nfile = r.rom\ntag = t1\n" + c.bios +
+                                             "[module]\nfile = a.bin\nmoduleid = 01\n"
+                                             "destn = f000:0000\ncompressed = no\n"
+                                             "[module]\nfile = b.bin\nmoduleid = 02\n"
+                                             "destn = f000:1000\ncompressed = no\n" +
+                                             c.sections));
+        std::string console;
+        EXPECT_EQ(RunIn(dir.path(), {"out", "r.scr"}, console), c.status);
+        std::vector<std::string> expected = {
+            "ZELBIOS FWFORGE Version 3.33 (STRATA 2)",
+            "Copyright (C) The FWFORGE Project. All rights reserved.", "", "Parsing r.scr..."};
+        expected.insert(expected.end(), c.lines.begin(), c.lines.end());
+        EXPECT_EQ(testing::SplitLines(console), expected);
+
+        // The boot block file is written before the NVRAM phase runs.
+        const auto int_file = testing::ReadBytes(dir.File("out/T1.int"));
+        EXPECT_EQ(int_file.size(), c.bb_size);
+        EXPECT_EQ(testing::SumDwords(int_file), 0u);
+        ASSERT_EQ(fs::exists(dir.path() / "r.rom"), c.status == 0);
+        if (c.status != 0) continue;
+
+        const auto rom = testing::ReadBytes(dir.File("r.rom"));
+        ASSERT_EQ(rom.size(), 0x40000u);
+        const ReservedRange hole[] = {{ReservedRange::Hole, 0x10000, 0, 0xFF, {}}};
+        const auto check =
+            testing::CheckGapImage(rom, testing::LinkForm::Real16, hole, 0x2C000, false);
+        for (const auto& p : check.problems) ADD_FAILURE() << p;
+        ExpectChainHolds(rom, check.main,
+                         {dir.path() / "a.bin", dir.path() / "b.bin", dir.path() / "out/T1.inf"});
+        // The image information records the hole with size 0: kind 0, filler FF, image
+        // offset 10000.
+        const auto inf = testing::ReadBytes(dir.File("out/T1.inf"));
+        const std::vector<std::uint8_t> hole_record = {0xFF, 0xFF, 0x50, 10, 1, 0, 0xFF, 0x00,
+                                                       0x00, 0x01, 0x00, 0, 0, 0, 0};
+        ASSERT_EQ(inf.size(), 42u + hole_record.size());
+        EXPECT_EQ(std::vector<std::uint8_t>(inf.begin() + 42, inf.end()), hole_record);
+    }
+}
+
 }  // namespace
 }  // namespace fwforge

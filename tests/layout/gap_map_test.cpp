@@ -73,6 +73,9 @@ TEST(GapMap, LayoutOfRangesAtTheEdges) {
          {{0xC0000, 0x1000}, {0xC1000, 0x33000}}, {}, {}},
         {"32-bit addresses are image offsets", true, {{0x8000, 0x100}},
          {{8, 0x8000}, {0x8100, 0x34000}}, {0, 1}},
+        // Ends are 32-bit: this one ends at 0x2FFF0, below its own start and the top.
+        {"size wrapping past 4 GB", false, {{0xF0000, 0xFFFFFFF0}},
+         {{8, 0x30000}, {0x2FFF0, 0x34000}}, {1, 0}},
     };
     for (const Case& c : cases) {
         LayoutFixture f;
@@ -99,8 +102,6 @@ TEST(GapMap, InconsistentRangesEndTheRun) {
         {"at BiosSize in 32-bit mode", true, {{0x40000, 0x10}},
          "ROMHOLE, NONCRITICALROM or Module StartAddress out of Range"},
         {"reaching into NVRAM", false, {{0xF3FF0, 0x20}},
-         "ROMHOLE, NONCRITICALROM or Fixed Location Module conflicts with bootblock or NVRAM"},
-        {"size wrapping past 4 GB", false, {{0xF0000, 0xFFFFFFF0}},
          "ROMHOLE, NONCRITICALROM or Fixed Location Module conflicts with bootblock or NVRAM"},
         {"one range over the whole free area", false, {{0xC0000, 0x34000}},
          "ROMHOLE or NONCRITICALROM consumes entire free space"},

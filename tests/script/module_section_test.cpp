@@ -78,10 +78,6 @@ TEST_F(ModuleSectionTest, KeyValueErrors) {
         {"startaddress zz", PlainWith("startaddress = zz"), kAddress, 11},
         {"startaddress not dword aligned", PlainWith("startaddress = 000e0002"),
          "Module StartAddress must be DWORD aligned.  ", 11},
-        {"startaddress below the header size", PlainWith("startaddress = 00000010"),
-         "Module StartAddress 00000010 leaves no room for its 20-byte header: "
-         "StartAddress - 20 wraps below 0.  ",
-         11},
     };
     ExpectFatalCases(cases);
 }
@@ -269,6 +265,14 @@ TEST_F(ModuleSectionTest, StartAddressMakesAReservation) {
     EXPECT_EQ(s.RomHoleIndex, 0);
     EXPECT_EQ(single.description.RomHoleTable[0].StartAddress, 0x000FF000u);
     EXPECT_EQ(single.description.RomHoleTable[0].OwnerModule, 0);
+
+    // Below address 20 the header address wraps to the top of the 32-bit space.
+    const ParseResult low = ParseLines(Join({kBios,
+                                             {"[module]", "file = b.bin", "moduleid = 09",
+                                              "destn = f000:0000", "startaddress = 00000010"}}));
+    ASSERT_FALSE(low.fatal) << low.console;
+    EXPECT_EQ(low.description.ModuleTable[0].HeaderAddress, 0xFFFFFFFCu);
+    EXPECT_EQ(low.description.RomHoleTable[0].StartAddress, 0xFFFFFFF0u);
 
     // Sixteen reservations fill the table.
     const ParseResult sixteen =
