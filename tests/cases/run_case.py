@@ -111,6 +111,8 @@ def run_steps(steps, bin_dir, work):
             new = bytes.fromhex("".join(args[2:]))
             data[at:at + len(new)] = new
             open(path, "wb").write(data)
+            if args[0] in inputs:
+                inputs[args[0]] = bytes(data)
         elif op == "run":
             if args[0] not in TOOLS:
                 raise SystemExit(f"unknown tool: {args[0]}")
