@@ -114,8 +114,10 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
                 recompress[i] = true;
             }
         } else {
-            plan.problems.push_back(
-                {DescribeModule(model, m), "not decompressed: " + decoded.message});
+            CannotUnpack entry;
+            if (DescribeCannotUnpack(model, m, decoded, entry)) {
+                plan.cannot_unpack.push_back(std::move(entry));
+            }
         }
     }
     if (model.info.module >= 0) {

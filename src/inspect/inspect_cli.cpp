@@ -25,8 +25,10 @@ constexpr int kUnusable = 2;
 const char* const kUsage =
     "Usage - fwforge-inspect COMMAND IMAGE [options]\n"
     "  list                 regions and modules of the image\n"
-    "  verify               check every checksum, link, overlap and compressed module\n"
-    "  extract DIR          write every module and DIR/rebuild.scr\n"
+    "  verify               check every checksum, link, overlap and compressed module:\n"
+    "                       exit 0 intact, 1 damaged, 3 intact as built but some\n"
+    "                       compressed modules cannot be unpacked\n"
+    "  extract DIR          write every module and DIR/rebuild.scr (exit 3 as verify)\n"
     "  map [--html FILE]    map of the image by address (HTML page with --html)\n"
     "  diff IMAGE2          module-by-module differences to a second image\n"
     "options: --json (list, verify), --16 or --32 (link form), --bbsize HEX\n";
@@ -162,6 +164,11 @@ int RunExtract(std::span<const std::uint8_t> image, const ImageModel& model, con
         out << "PROBLEM: " << f.where << ": " << f.what << "\n";
         status = kProblems;
     }
+    for (const CannotUnpack& c : plan.cannot_unpack) {
+        out << "CANNOT UNPACK: " << c.module << ": " << c.reason << "; " << c.change
+            << " (its stored data is written as .lh5)\n";
+        if (status == kOk) status = kVerifyCannotUnpack;
+    }
     return status;
 }
 
@@ -184,9 +191,10 @@ int RunInspect(int argc, const char* const* argv, std::ostream& out) {
         return unusable ? kUnusable : model.problems.empty() ? kOk : kProblems;
     }
     if (cl.command == "verify") {
+        // An image without a main BIOS header is a damaged one here: the file was read.
         const VerifyReport report = Verify(*image, model);
         out << (cl.json ? VerifyJson(report) : VerifyText(report));
-        return unusable ? kUnusable : report.Clean() ? kOk : kProblems;
+        return report.Status();
     }
     if (cl.command == "extract") return RunExtract(*image, model, cl.argument, out);
     if (cl.command == "diff") {

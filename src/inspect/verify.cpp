@@ -21,6 +21,8 @@ void CheckModule(Bytes image, const ImageModel& model, const Module& m,
                  std::uint32_t carried_split_sum, VerifyReport& report) {
     if (m.truncated) return;  // already reported by the reader
     const std::string name = ModuleName(model, m);
+    std::optional<DecodeResult> decoded;
+    if (m.Compressed()) decoded = DecodeStoredData(m.StoredData(image));
     ++report.checks;
     std::uint32_t sum;
     if (m.Linked()) {
@@ -41,6 +43,7 @@ void CheckModule(Bytes image, const ImageModel& model, const Module& m,
             sum = 0;
         }
     }
+    const bool sealed = sum == 0;
     // A piece's header carries no checksum: it must repeat the module's own header.
     for (std::size_t i = 0; i < m.piece_headers.size(); ++i) {
         const HeaderView& p = m.piece_headers[i];
@@ -58,7 +61,7 @@ void CheckModule(Bytes image, const ImageModel& model, const Module& m,
                            m.header.dest_offset)});
         }
     }
-    if (sum != 0) {
+    if (!sealed) {
         report.problems.push_back(
             {name, StrFormat("checksum %08x does not match: covered bytes sum to %08x, not 0",
                              m.header.checksum, sum)});
@@ -71,25 +74,18 @@ void CheckModule(Bytes image, const ImageModel& model, const Module& m,
             {name, StrFormat("16-bit data size %04x does not match data size %x",
                              m.header.data_size16, m.header.data_size)});
     }
-    if (m.Compressed()) {
-        ++report.checks;
-        const DecodeResult d = DecodeStoredData(m.StoredData(image));
-        switch (d.status) {
-            case DecodeStatus::Ok:
-                break;
-            case DecodeStatus::Unavailable:
-                report.notes.push_back(name + ": not decoded (" + d.message + ")");
-                break;
-            case DecodeStatus::CutOff:
-                report.problems.push_back(
-                    {name, StrFormat("compressed stream is cut off by the encoder's output "
-                                     "bound (total %x = original size %x + 9): not decodable",
-                                     d.total, d.original)});
-                break;
-            case DecodeStatus::BadHeader:
-            case DecodeStatus::Malformed:
-                report.problems.push_back({name, "compressed data not decodable: " + d.message});
-                break;
+    if (!decoded) return;
+    ++report.checks;
+    CannotUnpack entry;
+    if (decoded->status == DecodeStatus::Unavailable) {
+        report.notes.push_back(name + ": not decoded (" + decoded->message + ")");
+    } else if (DescribeCannotUnpack(model, m, *decoded, entry)) {
+        // Data that its own checksum seals is what the build wrote; otherwise the
+        // damage may be what keeps it from decoding.
+        if (sealed) {
+            report.cannot_unpack.push_back(std::move(entry));
+        } else {
+            report.problems.push_back({name, "compressed data not decodable: " + entry.reason});
         }
     }
 }
@@ -284,6 +280,36 @@ std::vector<Extent> TopLevelExtents(const ImageModel& model, bool with_modules) 
     std::sort(items.begin(), items.end(),
               [](const Extent& a, const Extent& b) { return a.begin < b.begin; });
     return items;
+}
+
+bool DescribeCannotUnpack(const ImageModel& model, const Module& m, const DecodeResult& decoded,
+                          CannotUnpack& out) {
+    out.module = ModuleName(model, m);
+    switch (decoded.status) {
+        case DecodeStatus::Ok:
+        case DecodeStatus::Unavailable:
+            return false;
+        case DecodeStatus::CutOff:
+            out.reason = StrFormat(
+                "its compressed stream is cut off by the encoder's output bound (total %x = "
+                "original size %x + 9): the file does not compress",
+                decoded.total, decoded.original);
+            // The Extended Boot Block compresses a minsize module all the same.
+            out.change =
+                m.area == ModuleArea::Ebb
+                    ? "give its [module] section `compressed = no`"
+                    : "give its [module] section `compressed = minsize` or `compressed = no`";
+            return true;
+        case DecodeStatus::BadHeader:
+        case DecodeStatus::Malformed:
+            out.reason = "it holds no compressed data (" + decoded.message +
+                         "): its file was marked `nowcompressed = yes` and is stored as it is";
+            out.change =
+                "give it a file that fwforge-lzh c compressed, or drop `nowcompressed = yes` "
+                "from its [module] section so that the build compresses it";
+            return true;
+    }
+    return false;
 }
 
 VerifyReport Verify(std::span<const std::uint8_t> image, const ImageModel& model) {
