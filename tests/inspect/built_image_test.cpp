@@ -151,6 +151,19 @@ std::vector<Variant> Variants() {
          "[module]\nmoduleid = 42\nfile = small.bin\ndestn = 4000:0000\ncompressed = no\n"
          "romregion = blk\n",
          {}},
+        // The module aligned to 0x16 takes an odd number of bytes from the lowest gap,
+        // so the pieces of the split one have odd lengths, and its last one's checksum
+        // reaches past the module.
+        {"gap placement, split pieces of odd lengths",
+         head + "[bios]\nfile = out.rom\nsize = 00040000\nbbsize = 00010000\n"
+                "nvramsize = 00000000\ntag = odd\n\n"
+                "[romhole]\nstartaddress = 000c0800\nsize = 800\n\n"
+                "[romhole]\nstartaddress = 000c2000\nsize = 2d000\n\n",
+         "[module]\nmoduleid = 17\nfile = small.bin\ndestn = f000:0000\ncompressed = no\n"
+         "alignment = 16\n\n"
+         "[module]\nmoduleid = 16\nfile = a.bin\ndestn = 1000:0000\ncompressed = no\n"
+         "contiguous = no\n",
+         {}},
         {"2 MB",
          head + "[bios]\nfile = out.rom\nsize = 00200000\nbbsize = 00010000\n"
                 "nvramsize = 00004000\nmaxebbsize = 00001000\ntag = big\n\n"
@@ -219,6 +232,12 @@ TEST(InspectBuiltImages, VerifyExtractAndRebuildByteForByte) {
         }
         if (std::string(v.name) == "split image information") {
             EXPECT_TRUE(model.modules[model.info.module].Split());
+        }
+        if (std::string(v.name) == "gap placement, split pieces of odd lengths") {
+            const Module& split = model.modules[1];
+            ASSERT_EQ(split.pieces.size(), 3u);
+            EXPECT_EQ(split.pieces[0].length, 0x72Bu);
+            EXPECT_EQ(split.pieces[2].length, 0xC31u);
         }
         if (model.main->stamp) {
             EXPECT_EQ(model.main->stamp, 0xCAFE1234u);
