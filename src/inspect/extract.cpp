@@ -285,7 +285,7 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
         if (m.Linked()) {
             const Module* parent = ParentOf(chain, i);
             if (parent) {
-                s.Key("link", "yes");
+                s.Key("link", m.link_without_bit ? "no" : "yes");
                 s.Key("linkvenid", StrFormat("%04x", parent->header.dest_offset));
                 s.Key("linkdevid", StrFormat("%04x", parent->header.dest_segment));
                 for (std::size_t j = 0; j < chain.size() && chain[j] != parent; ++j) {

@@ -109,7 +109,9 @@ std::vector<FreeRun> FreeSpace(std::span<const std::uint8_t> image, const ImageM
 
 std::string DescribeAttributes(const Module& m) {
     std::vector<std::string> parts;
-    if (m.Linked()) {
+    if (m.link_without_bit) {
+        parts.push_back("linked add-on ROM, no link bit");
+    } else if (m.Linked()) {
         parts.push_back("linked add-on ROM");
     } else {
         parts.push_back(m.Compressed() ? "compressed" : "uncompressed");
@@ -249,6 +251,7 @@ std::string JsonModule(std::span<const std::uint8_t> image, const ImageModel& mo
         m.header.id, m.header.attributes, m.Compressed() ? "true" : "false",
         m.Linked() ? "true" : "false", m.Split() ? "true" : "false",
         m.Contiguous() ? "true" : "false");
+    if (m.link_without_bit) out += "\"link_without_bit\": true, ";
     if (m.area == ModuleArea::Ncb) out += StrFormat("\"block\": %d, ", m.block + 1);
     if (m.header.id == kAddonRomModuleId) {
         out += StrFormat("\"vendor_id\": %u, \"device_id\": %u, ", m.header.dest_offset,

@@ -89,7 +89,7 @@ void CheckModule(Bytes image, const ImageModel& model, const Module& m,
     const std::uint32_t header_sum = DwordSum(image, m.header.offset, module_header::kSize);
     std::uint32_t sum = header_sum;  // of the covered bytes, for the message
     bool sealed;
-    if (m.Linked()) {
+    if (m.Linked() && !m.link_without_bit) {
         sealed = header_sum == 0;
     } else if (m.Split()) {
         // The pieces' headers carry no checksum; the last one covers its own 20 bytes
@@ -98,12 +98,36 @@ void CheckModule(Bytes image, const ImageModel& model, const Module& m,
         sealed = split_sum.Seals(header_sum);
         sum += split_sum.candidates.front();
     } else {
+        // A link header without the LinkedRom bit covers DataSize bytes after it as a
+        // module's header does: those of its parent.
         sum = DwordSum(image, m.header.offset,
                        module_header::kSize + std::size_t(m.header.data_size));
         // The first module of a non-critical block is sealed while the main chain's
         // last split module is still pending; that seal counts the split data instead
         // of its own.
         sealed = sum == 0 || (carried_split_sum && carried_split_sum->Seals(header_sum));
+    }
+    if (m.link_without_bit) {
+        report.notes.push_back(name +
+                               ": a linked add-on ROM header without the LinkedRom bit (`link = "
+                               "no` with both link ids); its checksum covers the DataSize bytes "
+                               "above it, its parent's");
+    }
+    if (!sealed && m.link_without_bit) {
+        // Below a split parent its DataSize bytes run past the parent's first piece into
+        // whatever was placed there after it was sealed.
+        const Module* parent = nullptr;
+        for (const Module& other : model.modules) {
+            if (&other == &m) break;
+            if (!other.Linked()) parent = &other;
+        }
+        if (parent && parent->Split()) {
+            report.notes.push_back(name +
+                                   ": link header without the LinkedRom bit below a split "
+                                   "add-on ROM: its checksum covers bytes placed after it was "
+                                   "sealed, and is not checked");
+            sealed = true;
+        }
     }
     // A piece's header carries no checksum: it must repeat the module's own header.
     for (std::size_t i = 0; i < m.piece_headers.size(); ++i) {

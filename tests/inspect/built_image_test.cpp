@@ -86,6 +86,9 @@ const char* const kModules =
     "linkdevid = 0001\nlink = yes\n\n"
     "[module]\nmoduleid = 20\nvendorid = 10de\ndeviceid = 0003\nlinkvenid = 10de\n"
     "linkdevid = 0001\nlink = yes\n\n"
+    // A link all the same: its header has no LinkedRom bit and covers its parent's bytes.
+    "[module]\nmoduleid = 20\nvendorid = 10de\ndeviceid = 0004\nlinkvenid = 10de\n"
+    "linkdevid = 0001\nlink = no\n\n"
     "[module]\nmoduleid = 13\nfile = c.bin\ndestn = d000:0000\nmaxmodulesize = 00000800\n"
     "contiguous = yes\n\n"
     "[module]\nmoduleid = 14\nfile = noise.bin\ndestn = c000:0000\ncompressed = minsize\n\n"
@@ -205,6 +208,13 @@ TEST(InspectBuiltImages, VerifyExtractAndRebuildByteForByte) {
 
         ASSERT_EQ(Inspect({"verify", rom.c_str()}, console), 0) << console;
         EXPECT_NE(console.find("verify: OK"), std::string::npos);
+        if (v.modules.find("link = no") != std::string::npos) {
+            EXPECT_NE(console.find(" (id 20) at "), std::string::npos) << console;
+            EXPECT_NE(console.find(": a linked add-on ROM header without the LinkedRom bit"),
+                      std::string::npos);
+            ASSERT_EQ(Inspect({"list", rom.c_str()}, console), 0) << console;
+            EXPECT_NE(console.find(" 20  linked add-on ROM, no link bit "), std::string::npos);
+        }
 
         const std::string x = dir.File("x");
         ASSERT_EQ(Inspect({"extract", rom.c_str(), x.c_str()}, console), 0) << console;
