@@ -85,6 +85,12 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
         }
         budget -= m.StoredLength();
         std::vector<std::uint8_t> stored = m.StoredData(image);
+        // An alignment that is not a multiple of 4 leaves sequential placement a data
+        // size that is not one either. Given as a file of that length, the module would
+        // be rounded up and aligned anew; given without the last bytes below a multiple
+        // of 4, which are alignment bytes the build never writes, it takes exactly its
+        // place again.
+        if (!model.gap_placement && m.area == ModuleArea::Main) stored.resize(stored.size() & ~3u);
         if (!m.Compressed()) {
             module_files[i] = ModuleFileName(model, m, ".bin");
             plan.files.push_back({module_files[i], stored});

@@ -89,6 +89,7 @@ const char* const kModules =
     // A link all the same: its header has no LinkedRom bit and covers its parent's bytes.
     "[module]\nmoduleid = 20\nvendorid = 10de\ndeviceid = 0004\nlinkvenid = 10de\n"
     "linkdevid = 0001\nlink = no\n\n"
+    "[module]\nmoduleid = 18\nfile = a.bin\ndestn = 3000:0000\nalignment = 15\n\n"
     "[module]\nmoduleid = 13\nfile = c.bin\ndestn = d000:0000\nmaxmodulesize = 00000800\n"
     "contiguous = yes\n\n"
     "[module]\nmoduleid = 14\nfile = noise.bin\ndestn = c000:0000\ncompressed = minsize\n\n"
@@ -227,7 +228,9 @@ TEST(InspectBuiltImages, VerifyExtractAndRebuildByteForByte) {
             const auto extracted = ReadBytes(x + "/" + name);
             const char* source = m.header.id == 0x17 || m.header.id == 0x41 || m.header.id == 0x42
                                      ? "small.bin"
-                                 : m.header.id == 0x11 || m.header.id == 0x16 ? "a.bin"
+                                 : m.header.id == 0x11 || m.header.id == 0x16 ||
+                                           m.header.id == 0x18
+                                     ? "a.bin"
                                  : m.header.id == 0x12                        ? "b.bin"
                                  : m.header.id == 0x20                        ? "rom.bin"
                                  : m.header.id == 0x14                        ? "noise.bin"
