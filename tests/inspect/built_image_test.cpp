@@ -5,37 +5,24 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <sstream>
 
-#include "driver/main_flow.h"
 #include "inspect/extract.h"
 #include "inspect/test_image.h"
 #include "platform/byte_order.h"
-#include "support/test_files.h"
+#include "support/random_script.h"
 
 namespace fwforge::inspect {
 namespace {
 
 namespace fs = std::filesystem;
 using fwforge::testing::ReadBytes;
+using fwforge::testing::RunFwforge;
 using fwforge::testing::TempDir;
 using fwforge::testing::WriteBytes;
 using fwforge::testing::WriteText;
 using fwforge::testing::WithCrLf;
 using testing::ExpectFlipFound;
 using testing::Inspect;
-
-// Runs fwforge in `folder`, where build scripts find their files.
-int Build(const fs::path& folder, std::vector<const char*> args, std::string& console) {
-    const fs::path before = fs::current_path();
-    fs::current_path(folder);
-    std::ostringstream out;
-    args.insert(args.begin(), "fwforge");
-    const int status = RunMainFlow(static_cast<int>(args.size()), args.data(), out);
-    fs::current_path(before);
-    console = out.str();
-    return status;
-}
 
 // Module contents that compress somewhat, like code and tables do.
 std::vector<std::uint8_t> Content(std::size_t size, std::uint32_t seed) {
@@ -202,9 +189,9 @@ TEST(InspectBuiltImages, VerifyExtractAndRebuildByteForByte) {
         WriteText(dir.File("build.scr"), WithCrLf(v.bios + v.modules));
         fs::create_directories(dir.path() / "out");
         std::string console;
-        std::vector<const char*> args = {"out", "build.scr"};
+        std::vector<std::string> args = {"out", "build.scr"};
         args.insert(args.end(), v.options.begin(), v.options.end());
-        ASSERT_EQ(Build(dir.path(), args, console), 0) << console;
+        ASSERT_EQ(RunFwforge(dir.path(), args, console), 0) << console;
         const std::string rom = dir.File("out.rom");
 
         ASSERT_EQ(Inspect({"verify", rom.c_str()}, console), 0) << console;
@@ -258,12 +245,12 @@ TEST(InspectBuiltImages, VerifyExtractAndRebuildByteForByte) {
 
         // Rebuild from the extracted folder; -c when the output asks for it.
         fs::create_directories(fs::path(x) / "o");
-        std::vector<const char*> rebuild = {"o", "rebuild.scr"};
+        std::vector<std::string> rebuild = {"o", "rebuild.scr"};
         const bool compat = console.find("run fwforge with -c") != std::string::npos;
         EXPECT_EQ(compat, !v.options.empty()) << console;
         if (compat) rebuild.push_back("-c");
         std::string rebuild_console;
-        ASSERT_EQ(Build(x, rebuild, rebuild_console), 0) << rebuild_console;
+        ASSERT_EQ(RunFwforge(x, rebuild, rebuild_console), 0) << rebuild_console;
         const std::string rebuilt = x + "/rebuilt.rom";
         if (console.find("the stored data rounds away") == std::string::npos) {
             EXPECT_TRUE(ReadBytes(rebuilt) == image) << "rebuilt image differs\n" << console;
@@ -289,14 +276,14 @@ std::vector<std::uint8_t> BuildExample(const TempDir& dir, const char* example, 
     fs::remove(dir.path() / rom);
     fs::create_directories(dir.path() / "out");
     std::string console;
-    EXPECT_EQ(Build(dir.path(), {"out", script}, console), 0) << console;
+    EXPECT_EQ(RunFwforge(dir.path(), {"out", script}, console), 0) << console;
     const auto image = ReadBytes(dir.File(rom));
     const VerifyReport report = Verify(image, ReadImage(image, {}));
     EXPECT_TRUE(report.Clean()) << VerifyText(report);
     const std::string x = dir.File("x"), path = dir.File(rom);
     EXPECT_EQ(Inspect({"extract", path.c_str(), x.c_str()}, console), 0) << console;
     fs::create_directories(fs::path(x) / "o");
-    EXPECT_EQ(Build(x, {"o", "rebuild.scr"}, console), 0) << console;
+    EXPECT_EQ(RunFwforge(x, {"o", "rebuild.scr"}, console), 0) << console;
     EXPECT_TRUE(ReadBytes(x + "/rebuilt.rom") == image) << example;
     return image;
 }
@@ -359,13 +346,13 @@ TEST(InspectBuiltImages, DiffOfTwoBuildsNamesTheOneModule) {
     WriteText(dir.File("build.scr"), WithCrLf(v.bios + v.modules));
     fs::create_directories(dir.path() / "out");
     std::string console;
-    ASSERT_EQ(Build(dir.path(), {"out", "build.scr"}, console), 0) << console;
+    ASSERT_EQ(RunFwforge(dir.path(), {"out", "build.scr"}, console), 0) << console;
     fs::rename(dir.path() / "out.rom", dir.path() / "first.rom");
     auto b = ReadBytes(dir.File("b.bin"));
     b[0x123] ^= 0xFF;  // module 12 is stored uncompressed: same size, one byte differs
     // (its data size is 1004: 1000 bytes and the alignment's 4)
     WriteBytes(dir.File("b.bin"), b);
-    ASSERT_EQ(Build(dir.path(), {"out", "build.scr"}, console), 0) << console;
+    ASSERT_EQ(RunFwforge(dir.path(), {"out", "build.scr"}, console), 0) << console;
     const std::string first = dir.File("first.rom"), second = dir.File("out.rom");
     EXPECT_EQ(Inspect({"diff", first.c_str(), second.c_str()}, console), 1);
     EXPECT_EQ(console,
