@@ -79,7 +79,9 @@ SplitSum SplitDataSum(Bytes image, const Module& m, const DecodeResult* decoded)
     return out;
 }
 
-void CheckModule(Bytes image, const ImageModel& model, const Module& m,
+// `parent` is the module before `m` in its chain that is no link header: the parent of
+// a link's header.
+void CheckModule(Bytes image, const ImageModel& model, const Module& m, const Module* parent,
                  const SplitSum* carried_split_sum, SplitSum& split_sum, VerifyReport& report) {
     if (m.truncated) return;  // already reported by the reader
     const std::string name = ModuleName(model, m);
@@ -113,21 +115,14 @@ void CheckModule(Bytes image, const ImageModel& model, const Module& m,
                                "no` with both link ids); its checksum covers the DataSize bytes "
                                "above it, its parent's");
     }
-    if (!sealed && m.link_without_bit) {
+    if (!sealed && m.link_without_bit && parent && parent->Split()) {
         // Below a split parent its DataSize bytes run past the parent's first piece into
         // whatever was placed there after it was sealed.
-        const Module* parent = nullptr;
-        for (const Module& other : model.modules) {
-            if (&other == &m) break;
-            if (!other.Linked()) parent = &other;
-        }
-        if (parent && parent->Split()) {
-            report.notes.push_back(name +
-                                   ": link header without the LinkedRom bit below a split "
-                                   "add-on ROM: its checksum covers bytes placed after it was "
-                                   "sealed, and is not checked");
-            sealed = true;
-        }
+        report.notes.push_back(name +
+                               ": link header without the LinkedRom bit below a split add-on "
+                               "ROM: its checksum covers bytes placed after it was sealed, and "
+                               "is not checked");
+        sealed = true;
     }
     // A piece's header carries no checksum: it must repeat the module's own header.
     for (std::size_t i = 0; i < m.piece_headers.size(); ++i) {
@@ -405,6 +400,7 @@ VerifyReport Verify(std::span<const std::uint8_t> image, const ImageModel& model
     // block is built: the last one of the main chain, if it ends the chain.
     SplitSum last_split, split;
     bool carried = false;
+    const Module* parent = nullptr;
     std::uint64_t budget = ModuleByteBudget(model);
     int previous_block = -1;
     for (const Module& m : model.modules) {
@@ -419,8 +415,9 @@ VerifyReport Verify(std::span<const std::uint8_t> image, const ImageModel& model
         const bool first_in_block = m.area == ModuleArea::Ncb && m.block != previous_block;
         if (m.area == ModuleArea::Ncb) previous_block = m.block;
         split = {};
-        CheckModule(image, model, m, first_in_block && carried ? &last_split : nullptr, split,
-                    report);
+        CheckModule(image, model, m, parent, first_in_block && carried ? &last_split : nullptr,
+                    split, report);
+        if (!m.Linked()) parent = &m;
         if (m.area == ModuleArea::Main) {
             carried = m.Split();
             last_split = split;
