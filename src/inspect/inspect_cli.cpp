@@ -31,7 +31,9 @@ const char* const kUsage =
     "  extract DIR          write every module and DIR/rebuild.scr (exit 3 as verify)\n"
     "  map [--html FILE]    map of the image by address (HTML page with --html)\n"
     "  diff IMAGE2          module-by-module differences to a second image\n"
-    "options: --json (list, verify), --16 or --32 (link form), --bbsize HEX\n";
+    "options: --json (list, verify), --16 or --32 (link form), --bbsize HEX, --help\n"
+    "exit status 0 when all is in order, 1 for problems (for diff: differences), 2 for a\n"
+    "bad command line or a file that cannot be read, 3 as under verify\n";
 
 struct CommandLine {
     std::string command;
@@ -39,6 +41,7 @@ struct CommandLine {
     std::string argument;  // DIR of extract, IMAGE2 of diff
     std::string html;
     bool json = false;
+    bool help = false;
     InspectOptions options;
 };
 
@@ -66,7 +69,10 @@ std::string Parse(int argc, const char* const* argv, CommandLine& cl) {
     std::vector<std::string> positional;
     for (int i = 1; i < argc; ++i) {
         const std::string_view arg = argv[i];
-        if (arg == "--json") {
+        if (arg == "--help") {
+            cl.help = true;
+            return {};
+        } else if (arg == "--json") {
             cl.json = true;
         } else if (arg == "--16") {
             cl.options.link_form = LinkForm::Bits16;
@@ -179,6 +185,10 @@ int RunInspect(int argc, const char* const* argv, std::ostream& out) {
     if (const std::string error = Parse(argc, argv, cl); !error.empty()) {
         out << "fwforge-inspect: " << error << "\n" << kUsage;
         return kUnusable;
+    }
+    if (cl.help) {
+        out << kUsage;
+        return kOk;
     }
     auto image = LoadImage(cl.image, out);
     if (!image) return kUnusable;
