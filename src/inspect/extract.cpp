@@ -85,6 +85,12 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
         }
         budget -= m.StoredLength();
         std::vector<std::uint8_t> stored = m.StoredData(image);
+        // An alignment that is not a multiple of 4 leaves sequential placement a data
+        // size that is not one either. Given as a file of that length, the module would
+        // be rounded up and aligned anew; given without the last bytes below a multiple
+        // of 4, which are alignment bytes the build never writes, it takes exactly its
+        // place again.
+        if (!model.gap_placement && m.area == ModuleArea::Main) stored.resize(stored.size() & ~3u);
         if (!m.Compressed()) {
             module_files[i] = ModuleFileName(model, m, ".bin");
             plan.files.push_back({module_files[i], stored});
@@ -114,8 +120,10 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
                 recompress[i] = true;
             }
         } else {
-            plan.problems.push_back(
-                {DescribeModule(model, m), "not decompressed: " + decoded.message});
+            CannotUnpack entry;
+            if (DescribeCannotUnpack(model, m, decoded, entry)) {
+                plan.cannot_unpack.push_back(std::move(entry));
+            }
         }
     }
     if (model.info.module >= 0) {
@@ -283,7 +291,7 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
         if (m.Linked()) {
             const Module* parent = ParentOf(chain, i);
             if (parent) {
-                s.Key("link", "yes");
+                s.Key("link", m.link_without_bit ? "no" : "yes");
                 s.Key("linkvenid", StrFormat("%04x", parent->header.dest_offset));
                 s.Key("linkdevid", StrFormat("%04x", parent->header.dest_segment));
                 for (std::size_t j = 0; j < chain.size() && chain[j] != parent; ++j) {

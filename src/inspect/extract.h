@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "inspect/image_model.h"
+#include "inspect/verify.h"
 
 namespace fwforge::inspect {
 
@@ -20,7 +21,9 @@ struct ExtractedFile {
 struct ExtractPlan {
     std::vector<ExtractedFile> files;  // rebuild.scr last
     std::vector<std::string> lost;     // what the image does not tell, for the report
-    std::vector<Finding> problems;     // modules that could not be decoded and the like
+    std::vector<Finding> problems;     // what keeps modules from being extracted
+    // Compressed modules written as stored only (rebuild.scr takes them as they are).
+    std::vector<CannotUnpack> cannot_unpack;
 };
 
 // Everything extract writes, without writing it.

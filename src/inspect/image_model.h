@@ -95,9 +95,13 @@ struct Module {
     std::vector<HeaderView> piece_headers;  // SplitPiece headers, in chain order
     std::vector<Piece> pieces;              // data of the module, in order
     bool truncated = false;                 // data would run past its area; cut
+    // A linked add-on ROM header without the LinkedRom bit, as `link = no` in a section
+    // with both link ids writes it: its checksum covers DataSize bytes after it, that is
+    // its parent's header and data, as a module's would.
+    bool link_without_bit = false;
 
     bool Compressed() const;
-    bool Linked() const;
+    bool Linked() const;  // a linked add-on ROM header, with the LinkedRom bit or without
     bool Split() const { return !piece_headers.empty(); }
     bool Contiguous() const;
     std::uint32_t StoredLength() const;  // sum of the piece lengths

@@ -25,11 +25,15 @@ constexpr int kUnusable = 2;
 const char* const kUsage =
     "Usage - fwforge-inspect COMMAND IMAGE [options]\n"
     "  list                 regions and modules of the image\n"
-    "  verify               check every checksum, link, overlap and compressed module\n"
-    "  extract DIR          write every module and DIR/rebuild.scr\n"
+    "  verify               check every checksum, link, overlap and compressed module:\n"
+    "                       exit 0 intact, 1 damaged, 3 intact as built but some\n"
+    "                       compressed modules cannot be unpacked\n"
+    "  extract DIR          write every module and DIR/rebuild.scr (exit 3 as verify)\n"
     "  map [--html FILE]    map of the image by address (HTML page with --html)\n"
     "  diff IMAGE2          module-by-module differences to a second image\n"
-    "options: --json (list, verify), --16 or --32 (link form), --bbsize HEX\n";
+    "options: --json (list, verify), --16 or --32 (link form), --bbsize HEX, --help\n"
+    "exit status 0 when all is in order, 1 for problems (for diff: differences), 2 for a\n"
+    "bad command line or a file that cannot be read, 3 as under verify\n";
 
 struct CommandLine {
     std::string command;
@@ -37,6 +41,7 @@ struct CommandLine {
     std::string argument;  // DIR of extract, IMAGE2 of diff
     std::string html;
     bool json = false;
+    bool help = false;
     InspectOptions options;
 };
 
@@ -64,7 +69,10 @@ std::string Parse(int argc, const char* const* argv, CommandLine& cl) {
     std::vector<std::string> positional;
     for (int i = 1; i < argc; ++i) {
         const std::string_view arg = argv[i];
-        if (arg == "--json") {
+        if (arg == "--help") {
+            cl.help = true;
+            return {};
+        } else if (arg == "--json") {
             cl.json = true;
         } else if (arg == "--16") {
             cl.options.link_form = LinkForm::Bits16;
@@ -162,6 +170,11 @@ int RunExtract(std::span<const std::uint8_t> image, const ImageModel& model, con
         out << "PROBLEM: " << f.where << ": " << f.what << "\n";
         status = kProblems;
     }
+    for (const CannotUnpack& c : plan.cannot_unpack) {
+        out << "CANNOT UNPACK: " << c.module << ": " << c.reason << "; " << c.change
+            << " (its stored data is written as .lh5)\n";
+        if (status == kOk) status = kVerifyCannotUnpack;
+    }
     return status;
 }
 
@@ -172,6 +185,10 @@ int RunInspect(int argc, const char* const* argv, std::ostream& out) {
     if (const std::string error = Parse(argc, argv, cl); !error.empty()) {
         out << "fwforge-inspect: " << error << "\n" << kUsage;
         return kUnusable;
+    }
+    if (cl.help) {
+        out << kUsage;
+        return kOk;
     }
     auto image = LoadImage(cl.image, out);
     if (!image) return kUnusable;
@@ -184,9 +201,10 @@ int RunInspect(int argc, const char* const* argv, std::ostream& out) {
         return unusable ? kUnusable : model.problems.empty() ? kOk : kProblems;
     }
     if (cl.command == "verify") {
+        // An image without a main BIOS header is a damaged one here: the file was read.
         const VerifyReport report = Verify(*image, model);
         out << (cl.json ? VerifyJson(report) : VerifyText(report));
-        return unusable ? kUnusable : report.Clean() ? kOk : kProblems;
+        return report.Status();
     }
     if (cl.command == "extract") return RunExtract(*image, model, cl.argument, out);
     if (cl.command == "diff") {

@@ -12,7 +12,7 @@ bool Module::Compressed() const {
     return !Linked() && (header.attributes & module_attr::NotCompressed) == 0;
 }
 bool Module::Linked() const {
-    return (header.attributes & module_attr::LinkedRom) != 0;
+    return link_without_bit || (header.attributes & module_attr::LinkedRom) != 0;
 }
 bool Module::Contiguous() const {
     return (header.attributes & module_attr::ContiguousAttr) != 0;
@@ -74,6 +74,31 @@ HeaderView ReadHeader(Bytes image, std::uint32_t at) {
     h.dest_offset = load_le16(p + module_header::DestOffset.offset);
     h.dest_segment = load_le16(p + module_header::DestSegment.offset);
     return h;
+}
+
+// The lowest header of a module: its first piece's when it is split. Linked add-on
+// ROM headers go directly below it.
+std::uint32_t FirstHeader(const Module& m) {
+    return m.Split() ? m.piece_headers.front().offset : m.header.offset;
+}
+
+// An add-on ROM header right below the header of the add-on ROM before it in the chain
+// (its parent, or a link header of the same parent), with that one's DataSize: its data
+// would start at the header above it. That is a linked add-on ROM header that the build
+// wrote without the LinkedRom bit (`link = no` with both link ids).
+bool LinkWithoutBit(const HeaderView& h, const Module* before) {
+    return before != nullptr && h.id == kAddonRomModuleId &&
+           before->header.id == kAddonRomModuleId &&
+           (h.attributes & (module_attr::LinkedRom | module_attr::SplitPiece)) == 0 &&
+           h.offset + std::uint64_t(module_header::kSize) == FirstHeader(*before) &&
+           h.data_size == before->header.data_size;
+}
+
+void NoteLinkWithoutBit(ImageModel& model, const Module& m) {
+    model.notes.push_back(DescribeModule(model, m) +
+                          ": a linked add-on ROM header without the LinkedRom bit (`link = no` "
+                          "with both link ids): below its parent, with the parent's data size "
+                          "and no data of its own");
 }
 
 }  // namespace
@@ -161,6 +186,11 @@ void WalkMainChain(Bytes image, ImageModel& model) {
         m.area = ModuleArea::Main;
         m.index = index++;
         m.header = h;
+        if (m.piece_headers.empty() &&
+            LinkWithoutBit(h, model.modules.empty() ? nullptr : &model.modules.back())) {
+            m.link_without_bit = true;
+            NoteLinkWithoutBit(model, m);
+        }
         if (!m.piece_headers.empty() && m.piece_headers.front().id != h.id) {
             model.problems.push_back(
                 {DescribeModule(model, m), "split pieces before it belong to another module id"});
@@ -217,23 +247,35 @@ void WalkBlockChain(Bytes image, ImageModel& model, const Block& block, ModuleAr
     // The header names the first header in the block. When the first module is an
     // add-on ROM with linked ones, that is the lowest link header: the links lie below
     // their parent and follow it in the chain. The chain starts at the parent, the
-    // first header above them that links to the lowest one.
+    // first header above them whose links run down through them to the lowest one.
+    constexpr std::uint32_t kHeader = module_header::kSize;
     const std::uint64_t first = std::uint64_t(block.offset) + block_header::kSize;
     auto linked_at = [&](std::uint64_t at) {
-        return at + module_header::kSize <= block_end &&
-               (image[at + module_header::ModuleAttributes.offset] & module_attr::LinkedRom) != 0;
+        if (at + kHeader > block_end) return false;
+        const HeaderView h = ReadHeader(image, static_cast<std::uint32_t>(at));
+        if (h.attributes & module_attr::LinkedRom) return true;
+        if (at + 2 * kHeader > block_end) return false;
+        const HeaderView above = ReadHeader(image, static_cast<std::uint32_t>(at + kHeader));
+        return h.id == kAddonRomModuleId && above.id == kAddonRomModuleId &&
+               h.data_size == above.data_size && (h.attributes & module_attr::SplitPiece) == 0;
     };
     if (link == block_header::kSize + module_header::kExtensionSize && linked_at(first)) {
-        std::uint64_t at = first;
-        while (linked_at(at)) at += module_header::kSize;
-        if (at + module_header::kSize <= block_end &&
-            ReadHeader(image, static_cast<std::uint32_t>(at)).next_link == link) {
-            link = static_cast<std::uint32_t>(at - block.offset + module_header::kExtensionSize);
+        std::uint64_t parent = first;
+        while (linked_at(parent)) parent += kHeader;
+        bool chained = parent + kHeader <= block_end;
+        for (std::uint64_t at = parent; chained && at > first; at -= kHeader) {
+            chained = ReadHeader(image, static_cast<std::uint32_t>(at)).next_link ==
+                      at - kHeader - block.offset + module_header::kExtensionSize;
+        }
+        if (chained) {
+            link =
+                static_cast<std::uint32_t>(parent - block.offset + module_header::kExtensionSize);
             model.notes.push_back(name +
                                   ": the chain starts at the add-on ROM above the link "
                                   "headers that its header names");
         }
     }
+    const Module* before = nullptr;  // the module before in this block's chain
     while (link != kEndOfChain) {
         const std::uint64_t header = std::uint64_t(block.offset) + link - 8;
         if (link < block_header::kSize + 8 || header + 20 > block_end) {
@@ -252,6 +294,10 @@ void WalkBlockChain(Bytes image, ImageModel& model, const Block& block, ModuleAr
         m.block = block_index;
         m.index = index++;
         m.header = ReadHeader(image, at);
+        if (LinkWithoutBit(m.header, before)) {
+            m.link_without_bit = true;
+            NoteLinkWithoutBit(model, m);
+        }
         if (m.header.attributes & kUnusedAttributeBits) {
             model.problems.push_back(
                 {from, StrFormat("link %08x leads to a header at %x with unknown attribute bits "
@@ -272,6 +318,7 @@ void WalkBlockChain(Bytes image, ImageModel& model, const Block& block, ModuleAr
         from = DescribeModule(model, m);
         link = m.header.next_link;
         model.modules.push_back(std::move(m));
+        before = &model.modules.back();
     }
 }
 

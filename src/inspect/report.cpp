@@ -109,7 +109,9 @@ std::vector<FreeRun> FreeSpace(std::span<const std::uint8_t> image, const ImageM
 
 std::string DescribeAttributes(const Module& m) {
     std::vector<std::string> parts;
-    if (m.Linked()) {
+    if (m.link_without_bit) {
+        parts.push_back("linked add-on ROM, no link bit");
+    } else if (m.Linked()) {
         parts.push_back("linked add-on ROM");
     } else {
         parts.push_back(m.Compressed() ? "compressed" : "uncompressed");
@@ -249,6 +251,7 @@ std::string JsonModule(std::span<const std::uint8_t> image, const ImageModel& mo
         m.header.id, m.header.attributes, m.Compressed() ? "true" : "false",
         m.Linked() ? "true" : "false", m.Split() ? "true" : "false",
         m.Contiguous() ? "true" : "false");
+    if (m.link_without_bit) out += "\"link_without_bit\": true, ";
     if (m.area == ModuleArea::Ncb) out += StrFormat("\"block\": %d, ", m.block + 1);
     if (m.header.id == kAddonRomModuleId) {
         out += StrFormat("\"vendor_id\": %u, \"device_id\": %u, ", m.header.dest_offset,
@@ -355,20 +358,44 @@ std::string ListJson(std::span<const std::uint8_t> image, const ImageModel& mode
 std::string VerifyText(const VerifyReport& report) {
     std::string out;
     for (const Finding& f : report.problems) out += "PROBLEM: " + f.where + ": " + f.what + "\n";
+    for (const CannotUnpack& c : report.cannot_unpack) {
+        out += "CANNOT UNPACK: " + c.module + ": " + c.reason + "; " + c.change + "\n";
+    }
     for (const std::string& n : report.notes) out += "NOTE: " + n + "\n";
-    if (report.Clean()) {
-        out += StrFormat("verify: OK, %d checks passed\n", report.checks);
-    } else {
-        out += StrFormat("verify: FAILED, %zu problems\n", report.problems.size());
+    switch (report.Status()) {
+        case kVerifyIntact:
+            out += StrFormat("verify: OK, %d checks passed\n", report.checks);
+            break;
+        case kVerifyCannotUnpack:
+            out += StrFormat(
+                "verify: intact as built, %d checks passed, but %zu compressed %s cannot be "
+                "unpacked\n",
+                report.checks, report.cannot_unpack.size(),
+                report.cannot_unpack.size() == 1 ? "module" : "modules");
+            break;
+        default:
+            out += StrFormat("verify: FAILED, %zu problems\n", report.problems.size());
+            break;
     }
     return out;
 }
 
 std::string VerifyJson(const VerifyReport& report) {
-    return StrFormat("{\n  \"ok\": %s,\n  \"checks\": %d,\n", report.Clean() ? "true" : "false",
-                     report.checks) +
-           "  \"problems\": " + JsonFindings(report.problems) +
-           ",\n  \"notes\": " + JsonStrings(report.notes) + "\n}\n";
+    const int status = report.Status();
+    std::string out = StrFormat("{\n  \"status\": %d,\n  \"result\": %s,\n  \"ok\": %s,\n", status,
+                                status == kVerifyIntact    ? "\"intact\""
+                                : status == kVerifyDamaged ? "\"damaged\""
+                                                           : "\"cannot unpack\"",
+                                status == kVerifyIntact ? "true" : "false");
+    out += StrFormat("  \"checks\": %d,\n", report.checks);
+    out += "  \"problems\": " + JsonFindings(report.problems) + ",\n  \"cannot_unpack\": [";
+    for (std::size_t i = 0; i < report.cannot_unpack.size(); ++i) {
+        const CannotUnpack& c = report.cannot_unpack[i];
+        out += (i ? ", " : "") + std::string("{\"module\": ") + JsonString(c.module) +
+               ", \"reason\": " + JsonString(c.reason) + ", \"change\": " + JsonString(c.change) +
+               "}";
+    }
+    return out + "],\n  \"notes\": " + JsonStrings(report.notes) + "\n}\n";
 }
 
 }  // namespace fwforge::inspect

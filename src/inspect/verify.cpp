@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "compress/lzh_format.h"
 #include "inspect/module_data.h"
 #include "layout/checksum.h"
 #include "layout/module_header.h"
@@ -17,29 +18,111 @@ std::string ModuleName(const ImageModel& model, const Module& m) {
     return DescribeModule(model, m) + StrFormat(" at %x", model.Address(m.header.offset));
 }
 
-void CheckModule(Bytes image, const ImageModel& model, const Module& m,
-                 std::uint32_t carried_split_sum, VerifyReport& report) {
+// The data sum that a split module's last header carries, as the build takes it: each
+// piece from its own first byte, its last doubleword completed by the bytes that follow
+// it in the module buffer, which are the next piece's first bytes. After the last piece
+// they are what the buffer held past the module, which the image does not keep. They
+// follow from how the module was stored, so the sum has one value for each way that the
+// stored data allows; where even that leaves bytes open, only the lanes of the last
+// doubleword below them are compared (`mask`).
+struct SplitSum {
+    std::vector<std::uint32_t> candidates;
+    std::uint32_t mask = 0xFFFFFFFF;
+    bool Seals(std::uint32_t header_sum) const {
+        return std::any_of(candidates.begin(), candidates.end(),
+                           [&](std::uint32_t c) { return ((header_sum + c) & mask) == 0; });
+    }
+};
+
+SplitSum SplitDataSum(Bytes image, const Module& m, const DecodeResult* decoded) {
+    const std::vector<std::uint8_t> data = m.StoredData(image);
+    std::uint32_t known = 0;  // with the bytes past the module taken as 0
+    std::size_t at = 0;
+    for (const Piece& p : m.pieces) {
+        known += DwordSum(data, at, p.length);
+        at += p.length;
+    }
+    SplitSum out;
+    const std::size_t lane = m.pieces.empty() ? 0 : m.pieces.back().length % 4;
+    if (lane == 0) {
+        out.candidates.push_back(known);
+        return out;
+    }
+    const std::size_t s = data.size();
+    // The module buffer holds the file, 9 bytes of 0xFF after it, and ends there or at
+    // the module's end, whichever is further; a compressed module's file lies under
+    // its compressed data.
+    auto with_file = [&](std::span<const std::uint8_t> file, std::size_t file_size) {
+        std::uint32_t sum = known;
+        for (std::size_t k = 0; lane + k < 4; ++k) {
+            const std::size_t i = s + k;
+            const std::uint32_t byte = i < file.size() ? file[i] : i < file_size + 9 ? 0xFF : 0;
+            sum += byte << (8 * (lane + k));
+        }
+        out.candidates.push_back(sum);
+    };
+    // Stored as its file is: the file ends inside the 0xFF bytes that end the data.
+    std::size_t ff = 0;
+    while (ff < s && ff < 9 && data[s - 1 - ff] == 0xFF) ++ff;
+    for (std::size_t n = s - ff; n <= s; ++n) with_file({}, n);
+    if (decoded && decoded->status == DecodeStatus::Ok) {
+        with_file(decoded->bytes, decoded->bytes.size());
+    } else if (decoded && decoded->status == DecodeStatus::CutOff) {
+        // The encoder read the whole file unless it stopped right after a full read
+        // (8448 bytes, then 8192 at a time); then the bytes past it are the file's.
+        with_file({}, decoded->original);
+        const std::uint32_t first = lzh::kWindowSize + lzh::kMaxMatch;
+        if (decoded->original >= first && (decoded->original - first) % lzh::kWindowSize == 0) {
+            out.mask = (1u << (8 * lane)) - 1;
+        }
+    }
+    return out;
+}
+
+// `parent` is the module before `m` in its chain that is no link header: the parent of
+// a link's header.
+void CheckModule(Bytes image, const ImageModel& model, const Module& m, const Module* parent,
+                 const SplitSum* carried_split_sum, SplitSum& split_sum, VerifyReport& report) {
     if (m.truncated) return;  // already reported by the reader
     const std::string name = ModuleName(model, m);
+    std::optional<DecodeResult> decoded;
+    if (m.Compressed()) decoded = DecodeStoredData(m.StoredData(image));
     ++report.checks;
-    std::uint32_t sum;
-    if (m.Linked()) {
-        sum = DwordSum(image, m.header.offset, module_header::kSize);
+    const std::uint32_t header_sum = DwordSum(image, m.header.offset, module_header::kSize);
+    std::uint32_t sum = header_sum;  // of the covered bytes, for the message
+    bool sealed;
+    if (m.Linked() && !m.link_without_bit) {
+        sealed = header_sum == 0;
     } else if (m.Split()) {
         // The pieces' headers carry no checksum; the last one covers its own 20 bytes
         // and the data of every piece.
-        sum = DwordSum(image, m.header.offset, module_header::kSize);
-        for (const Piece& p : m.pieces) sum += DwordSum(image, p.offset, p.length);
+        split_sum = SplitDataSum(image, m, decoded ? &*decoded : nullptr);
+        sealed = split_sum.Seals(header_sum);
+        sum += split_sum.candidates.front();
     } else {
+        // A link header without the LinkedRom bit covers DataSize bytes after it as a
+        // module's header does: those of its parent.
         sum = DwordSum(image, m.header.offset,
                        module_header::kSize + std::size_t(m.header.data_size));
         // The first module of a non-critical block is sealed while the main chain's
-        // last split module is still pending; with no module after it in its block it
-        // keeps that seal, which counts the split data instead of its own.
-        if (sum != 0 && carried_split_sum != 0 &&
-            DwordSum(image, m.header.offset, module_header::kSize) + carried_split_sum == 0) {
-            sum = 0;
-        }
+        // last split module is still pending; that seal counts the split data instead
+        // of its own.
+        sealed = sum == 0 || (carried_split_sum && carried_split_sum->Seals(header_sum));
+    }
+    if (m.link_without_bit) {
+        report.notes.push_back(name +
+                               ": a linked add-on ROM header without the LinkedRom bit (`link = "
+                               "no` with both link ids); its checksum covers the DataSize bytes "
+                               "above it, its parent's");
+    }
+    if (!sealed && m.link_without_bit && parent && parent->Split()) {
+        // Below a split parent its DataSize bytes run past the parent's first piece into
+        // whatever was placed there after it was sealed.
+        report.notes.push_back(name +
+                               ": link header without the LinkedRom bit below a split add-on "
+                               "ROM: its checksum covers bytes placed after it was sealed, and "
+                               "is not checked");
+        sealed = true;
     }
     // A piece's header carries no checksum: it must repeat the module's own header.
     for (std::size_t i = 0; i < m.piece_headers.size(); ++i) {
@@ -58,7 +141,7 @@ void CheckModule(Bytes image, const ImageModel& model, const Module& m,
                            m.header.dest_offset)});
         }
     }
-    if (sum != 0) {
+    if (!sealed) {
         report.problems.push_back(
             {name, StrFormat("checksum %08x does not match: covered bytes sum to %08x, not 0",
                              m.header.checksum, sum)});
@@ -71,25 +154,18 @@ void CheckModule(Bytes image, const ImageModel& model, const Module& m,
             {name, StrFormat("16-bit data size %04x does not match data size %x",
                              m.header.data_size16, m.header.data_size)});
     }
-    if (m.Compressed()) {
-        ++report.checks;
-        const DecodeResult d = DecodeStoredData(m.StoredData(image));
-        switch (d.status) {
-            case DecodeStatus::Ok:
-                break;
-            case DecodeStatus::Unavailable:
-                report.notes.push_back(name + ": not decoded (" + d.message + ")");
-                break;
-            case DecodeStatus::CutOff:
-                report.problems.push_back(
-                    {name, StrFormat("compressed stream is cut off by the encoder's output "
-                                     "bound (total %x = original size %x + 9): not decodable",
-                                     d.total, d.original)});
-                break;
-            case DecodeStatus::BadHeader:
-            case DecodeStatus::Malformed:
-                report.problems.push_back({name, "compressed data not decodable: " + d.message});
-                break;
+    if (!decoded) return;
+    ++report.checks;
+    CannotUnpack entry;
+    if (decoded->status == DecodeStatus::Unavailable) {
+        report.notes.push_back(name + ": not decoded (" + decoded->message + ")");
+    } else if (DescribeCannotUnpack(model, m, *decoded, entry)) {
+        // Data that its own checksum seals is what the build wrote; otherwise the
+        // damage may be what keeps it from decoding.
+        if (sealed) {
+            report.cannot_unpack.push_back(std::move(entry));
+        } else {
+            report.problems.push_back({name, "compressed data not decodable: " + entry.reason});
         }
     }
 }
@@ -286,18 +362,45 @@ std::vector<Extent> TopLevelExtents(const ImageModel& model, bool with_modules) 
     return items;
 }
 
+bool DescribeCannotUnpack(const ImageModel& model, const Module& m, const DecodeResult& decoded,
+                          CannotUnpack& out) {
+    out.module = ModuleName(model, m);
+    switch (decoded.status) {
+        case DecodeStatus::Ok:
+        case DecodeStatus::Unavailable:
+            return false;
+        case DecodeStatus::CutOff:
+            out.reason = StrFormat(
+                "its compressed stream is cut off by the encoder's output bound (total %x = "
+                "original size %x + 9): the file does not compress",
+                decoded.total, decoded.original);
+            // The Extended Boot Block compresses a minsize module all the same.
+            out.change =
+                m.area == ModuleArea::Ebb
+                    ? "give its [module] section `compressed = no`"
+                    : "give its [module] section `compressed = minsize` or `compressed = no`";
+            return true;
+        case DecodeStatus::BadHeader:
+        case DecodeStatus::Malformed:
+            out.reason = "it holds no compressed data (" + decoded.message +
+                         "): its file was marked `nowcompressed = yes` and is stored as it is";
+            out.change =
+                "give it a file that fwforge-lzh c compressed, or drop `nowcompressed = yes` "
+                "from its [module] section so that the build compresses it";
+            return true;
+    }
+    return false;
+}
+
 VerifyReport Verify(std::span<const std::uint8_t> image, const ImageModel& model) {
     VerifyReport report;
     report.problems = model.problems;
     if (model.main) CheckMainRegion(image, model, report);
     // The split module whose data sum is still pending when the first non-critical
     // block is built: the last one of the main chain, if it ends the chain.
-    std::uint32_t carried = 0;
-    const auto main_modules = model.ModulesIn(ModuleArea::Main);
-    if (!main_modules.empty() && main_modules.back()->Split()) {
-        for (const Piece& p : main_modules.back()->pieces)
-            carried += DwordSum(image, p.offset, p.length);
-    }
+    SplitSum last_split, split;
+    bool carried = false;
+    const Module* parent = nullptr;
     std::uint64_t budget = ModuleByteBudget(model);
     int previous_block = -1;
     for (const Module& m : model.modules) {
@@ -311,7 +414,14 @@ VerifyReport Verify(std::span<const std::uint8_t> image, const ImageModel& model
         budget -= cost;
         const bool first_in_block = m.area == ModuleArea::Ncb && m.block != previous_block;
         if (m.area == ModuleArea::Ncb) previous_block = m.block;
-        CheckModule(image, model, m, first_in_block ? carried : 0, report);
+        split = {};
+        CheckModule(image, model, m, parent, first_in_block && carried ? &last_split : nullptr,
+                    split, report);
+        if (!m.Linked()) parent = &m;
+        if (m.area == ModuleArea::Main) {
+            carried = m.Split();
+            last_split = split;
+        }
     }
     if (model.ebb) CheckEbb(image, model, report);
     for (std::size_t i = 0; i < model.ncbs.size(); ++i) CheckNcb(image, model, i, report);

@@ -2,22 +2,49 @@
 // Every check that an image built by fwforge must pass: checksums of module headers
 // (split modules with the data of all their pieces), of the main BIOS header's region,
 // of the EBB and non-critical block headers and of the boot block; links in range;
-// no overlapping items; every compressed module decoding completely.
+// no overlapping items. Apart from these, whether every compressed module decodes
+// completely: an image can be exactly as built and still hold a module that the
+// firmware cannot unpack.
 
 #include <span>
 #include <string>
 #include <vector>
 
 #include "inspect/image_model.h"
+#include "inspect/module_data.h"
 
 namespace fwforge::inspect {
 
+// Exit status classes of `verify` (2 is a bad command line or an unreadable file).
+inline constexpr int kVerifyIntact = 0;
+inline constexpr int kVerifyDamaged = 1;
+inline constexpr int kVerifyCannotUnpack = 3;
+
+// A compressed module of an intact image that does not decode: why, and what to change
+// in the build script.
+struct CannotUnpack {
+    std::string module;
+    std::string reason;
+    std::string change;
+};
+
 struct VerifyReport {
-    std::vector<Finding> problems;   // the reader's problems first
+    std::vector<Finding> problems;  // the reader's problems first
+    std::vector<CannotUnpack> cannot_unpack;
     std::vector<std::string> notes;  // checks that could not be made, and why
     int checks = 0;                  // checks made
     bool Clean() const { return problems.empty(); }
+    int Status() const {
+        return !problems.empty()        ? kVerifyDamaged
+               : !cannot_unpack.empty() ? kVerifyCannotUnpack
+                                        : kVerifyIntact;
+    }
 };
+
+// Why a compressed module's stored data does not unpack, and what to change in the
+// build script, when it does not; nothing when it does. Shared by verify and extract.
+bool DescribeCannotUnpack(const ImageModel& model, const Module& m, const DecodeResult& decoded,
+                          CannotUnpack& out);
 
 VerifyReport Verify(std::span<const std::uint8_t> image, const ImageModel& model);
 

@@ -5,37 +5,24 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <sstream>
 
-#include "driver/main_flow.h"
 #include "inspect/extract.h"
 #include "inspect/test_image.h"
 #include "platform/byte_order.h"
-#include "support/test_files.h"
+#include "support/random_script.h"
 
 namespace fwforge::inspect {
 namespace {
 
 namespace fs = std::filesystem;
 using fwforge::testing::ReadBytes;
+using fwforge::testing::RunFwforge;
 using fwforge::testing::TempDir;
 using fwforge::testing::WriteBytes;
 using fwforge::testing::WriteText;
 using fwforge::testing::WithCrLf;
 using testing::ExpectFlipFound;
 using testing::Inspect;
-
-// Runs fwforge in `folder`, where build scripts find their files.
-int Build(const fs::path& folder, std::vector<const char*> args, std::string& console) {
-    const fs::path before = fs::current_path();
-    fs::current_path(folder);
-    std::ostringstream out;
-    args.insert(args.begin(), "fwforge");
-    const int status = RunMainFlow(static_cast<int>(args.size()), args.data(), out);
-    fs::current_path(before);
-    console = out.str();
-    return status;
-}
 
 // Module contents that compress somewhat, like code and tables do.
 std::vector<std::uint8_t> Content(std::size_t size, std::uint32_t seed) {
@@ -86,6 +73,10 @@ const char* const kModules =
     "linkdevid = 0001\nlink = yes\n\n"
     "[module]\nmoduleid = 20\nvendorid = 10de\ndeviceid = 0003\nlinkvenid = 10de\n"
     "linkdevid = 0001\nlink = yes\n\n"
+    // A link all the same: its header has no LinkedRom bit and covers its parent's bytes.
+    "[module]\nmoduleid = 20\nvendorid = 10de\ndeviceid = 0004\nlinkvenid = 10de\n"
+    "linkdevid = 0001\nlink = no\n\n"
+    "[module]\nmoduleid = 18\nfile = a.bin\ndestn = 3000:0000\nalignment = 15\n\n"
     "[module]\nmoduleid = 13\nfile = c.bin\ndestn = d000:0000\nmaxmodulesize = 00000800\n"
     "contiguous = yes\n\n"
     "[module]\nmoduleid = 14\nfile = noise.bin\ndestn = c000:0000\ncompressed = minsize\n\n"
@@ -151,6 +142,19 @@ std::vector<Variant> Variants() {
          "[module]\nmoduleid = 42\nfile = small.bin\ndestn = 4000:0000\ncompressed = no\n"
          "romregion = blk\n",
          {}},
+        // The module aligned to 0x16 takes an odd number of bytes from the lowest gap,
+        // so the pieces of the split one have odd lengths, and its last one's checksum
+        // reaches past the module.
+        {"gap placement, split pieces of odd lengths",
+         head + "[bios]\nfile = out.rom\nsize = 00040000\nbbsize = 00010000\n"
+                "nvramsize = 00000000\ntag = odd\n\n"
+                "[romhole]\nstartaddress = 000c0800\nsize = 800\n\n"
+                "[romhole]\nstartaddress = 000c2000\nsize = 2d000\n\n",
+         "[module]\nmoduleid = 17\nfile = small.bin\ndestn = f000:0000\ncompressed = no\n"
+         "alignment = 16\n\n"
+         "[module]\nmoduleid = 16\nfile = a.bin\ndestn = 1000:0000\ncompressed = no\n"
+         "contiguous = no\n",
+         {}},
         {"2 MB",
          head + "[bios]\nfile = out.rom\nsize = 00200000\nbbsize = 00010000\n"
                 "nvramsize = 00004000\nmaxebbsize = 00001000\ntag = big\n\n"
@@ -185,13 +189,20 @@ TEST(InspectBuiltImages, VerifyExtractAndRebuildByteForByte) {
         WriteText(dir.File("build.scr"), WithCrLf(v.bios + v.modules));
         fs::create_directories(dir.path() / "out");
         std::string console;
-        std::vector<const char*> args = {"out", "build.scr"};
+        std::vector<std::string> args = {"out", "build.scr"};
         args.insert(args.end(), v.options.begin(), v.options.end());
-        ASSERT_EQ(Build(dir.path(), args, console), 0) << console;
+        ASSERT_EQ(RunFwforge(dir.path(), args, console), 0) << console;
         const std::string rom = dir.File("out.rom");
 
         ASSERT_EQ(Inspect({"verify", rom.c_str()}, console), 0) << console;
         EXPECT_NE(console.find("verify: OK"), std::string::npos);
+        if (v.modules.find("link = no") != std::string::npos) {
+            EXPECT_NE(console.find(" (id 20) at "), std::string::npos) << console;
+            EXPECT_NE(console.find(": a linked add-on ROM header without the LinkedRom bit"),
+                      std::string::npos);
+            ASSERT_EQ(Inspect({"list", rom.c_str()}, console), 0) << console;
+            EXPECT_NE(console.find(" 20  linked add-on ROM, no link bit "), std::string::npos);
+        }
 
         const std::string x = dir.File("x");
         ASSERT_EQ(Inspect({"extract", rom.c_str(), x.c_str()}, console), 0) << console;
@@ -204,7 +215,9 @@ TEST(InspectBuiltImages, VerifyExtractAndRebuildByteForByte) {
             const auto extracted = ReadBytes(x + "/" + name);
             const char* source = m.header.id == 0x17 || m.header.id == 0x41 || m.header.id == 0x42
                                      ? "small.bin"
-                                 : m.header.id == 0x11 || m.header.id == 0x16 ? "a.bin"
+                                 : m.header.id == 0x11 || m.header.id == 0x16 ||
+                                           m.header.id == 0x18
+                                     ? "a.bin"
                                  : m.header.id == 0x12                        ? "b.bin"
                                  : m.header.id == 0x20                        ? "rom.bin"
                                  : m.header.id == 0x14                        ? "noise.bin"
@@ -220,18 +233,24 @@ TEST(InspectBuiltImages, VerifyExtractAndRebuildByteForByte) {
         if (std::string(v.name) == "split image information") {
             EXPECT_TRUE(model.modules[model.info.module].Split());
         }
+        if (std::string(v.name) == "gap placement, split pieces of odd lengths") {
+            const Module& split = model.modules[1];
+            ASSERT_EQ(split.pieces.size(), 3u);
+            EXPECT_EQ(split.pieces[0].length, 0x72Bu);
+            EXPECT_EQ(split.pieces[2].length, 0xC31u);
+        }
         if (model.main->stamp) {
             EXPECT_EQ(model.main->stamp, 0xCAFE1234u);
         }
 
         // Rebuild from the extracted folder; -c when the output asks for it.
         fs::create_directories(fs::path(x) / "o");
-        std::vector<const char*> rebuild = {"o", "rebuild.scr"};
+        std::vector<std::string> rebuild = {"o", "rebuild.scr"};
         const bool compat = console.find("run fwforge with -c") != std::string::npos;
         EXPECT_EQ(compat, !v.options.empty()) << console;
         if (compat) rebuild.push_back("-c");
         std::string rebuild_console;
-        ASSERT_EQ(Build(x, rebuild, rebuild_console), 0) << rebuild_console;
+        ASSERT_EQ(RunFwforge(x, rebuild, rebuild_console), 0) << rebuild_console;
         const std::string rebuilt = x + "/rebuilt.rom";
         if (console.find("the stored data rounds away") == std::string::npos) {
             EXPECT_TRUE(ReadBytes(rebuilt) == image) << "rebuilt image differs\n" << console;
@@ -257,14 +276,14 @@ std::vector<std::uint8_t> BuildExample(const TempDir& dir, const char* example, 
     fs::remove(dir.path() / rom);
     fs::create_directories(dir.path() / "out");
     std::string console;
-    EXPECT_EQ(Build(dir.path(), {"out", script}, console), 0) << console;
+    EXPECT_EQ(RunFwforge(dir.path(), {"out", script}, console), 0) << console;
     const auto image = ReadBytes(dir.File(rom));
     const VerifyReport report = Verify(image, ReadImage(image, {}));
     EXPECT_TRUE(report.Clean()) << VerifyText(report);
     const std::string x = dir.File("x"), path = dir.File(rom);
     EXPECT_EQ(Inspect({"extract", path.c_str(), x.c_str()}, console), 0) << console;
     fs::create_directories(fs::path(x) / "o");
-    EXPECT_EQ(Build(x, {"o", "rebuild.scr"}, console), 0) << console;
+    EXPECT_EQ(RunFwforge(x, {"o", "rebuild.scr"}, console), 0) << console;
     EXPECT_TRUE(ReadBytes(x + "/rebuilt.rom") == image) << example;
     return image;
 }
@@ -327,13 +346,13 @@ TEST(InspectBuiltImages, DiffOfTwoBuildsNamesTheOneModule) {
     WriteText(dir.File("build.scr"), WithCrLf(v.bios + v.modules));
     fs::create_directories(dir.path() / "out");
     std::string console;
-    ASSERT_EQ(Build(dir.path(), {"out", "build.scr"}, console), 0) << console;
+    ASSERT_EQ(RunFwforge(dir.path(), {"out", "build.scr"}, console), 0) << console;
     fs::rename(dir.path() / "out.rom", dir.path() / "first.rom");
     auto b = ReadBytes(dir.File("b.bin"));
     b[0x123] ^= 0xFF;  // module 12 is stored uncompressed: same size, one byte differs
     // (its data size is 1004: 1000 bytes and the alignment's 4)
     WriteBytes(dir.File("b.bin"), b);
-    ASSERT_EQ(Build(dir.path(), {"out", "build.scr"}, console), 0) << console;
+    ASSERT_EQ(RunFwforge(dir.path(), {"out", "build.scr"}, console), 0) << console;
     const std::string first = dir.File("first.rom"), second = dir.File("out.rom");
     EXPECT_EQ(Inspect({"diff", first.c_str(), second.c_str()}, console), 1);
     EXPECT_EQ(console,

@@ -15,6 +15,7 @@ namespace {
 
 using lzh::testing::CompressFresh;
 using testing::BuildTestImage;
+using testing::Inspect;
 using testing::TestLayout;
 using testing::TestModule;
 
@@ -56,32 +57,72 @@ TEST(InspectCompressed, DecodedByVerifyAndExtract) {
     EXPECT_NE(list.find(StrFormat(" %-9x ", 0x3000)), std::string::npos) << list;
 }
 
-TEST(InspectCompressed, CutOffAndDamagedStreamsAreNotDecodable) {
-    // Random bytes do not compress: the encoder's output bound stops the stream.
-    const auto noise = fwforge::testing::RandomBytes(0x800, 99);
+// An image as built whose compressed modules do not all unpack: verify and extract
+// exit 3 and name each with the reason and the change to the build script. Damage that
+// keeps a module from unpacking is damage: exit 1.
+TEST(InspectCompressed, ModulesThatCannotBeUnpacked) {
+    const auto noise = fwforge::testing::RandomBytes(0x800, 99);  // does not compress
+    TestModule junk;  // marked compressed, holding text
+    junk.id = 0x13;
+    junk.attributes = 0x00;
+    junk.data = Text(0x40);
     TestLayout l;
-    l.modules = {Compressed(0x11, Text(0x1000)), Compressed(0x12, noise)};
+    l.ebb_size = 0x1000;
+    l.modules = {Compressed(0x11, Text(0x1000)), Compressed(0x12, noise), junk};
+    l.ebb_modules = {Compressed(0x30, noise)};
     auto img = BuildTestImage(l);
-    VerifyReport report = Verify(img.bytes, ReadImage(img.bytes, {}));
-    ASSERT_EQ(report.problems.size(), 1u) << VerifyText(report);
-    EXPECT_EQ(report.problems[0].where.find("module #1 (id 12)"), 0u);
-    EXPECT_NE(report.problems[0].what.find("cut off by the encoder's output bound"),
-              std::string::npos)
-        << report.problems[0].what;
+    fwforge::testing::TempDir dir;
+    const std::string path = dir.File("image.rom"), x = dir.File("x");
+    fwforge::testing::WriteBytes(path, img.bytes);
 
-    // A damaged stream with its checksum made good again is still found.
+    const std::string cut_off =
+        ": its compressed stream is cut off by the encoder's output bound (total 809 = "
+        "original size 800 + 9): the file does not compress; give its [module] section ";
+    const std::string lines[] = {
+        StrFormat("CANNOT UNPACK: module #1 (id 12) at %x", 0xC0000 + img.module_headers[1]) +
+            cut_off + "`compressed = minsize` or `compressed = no`\n",
+        StrFormat("CANNOT UNPACK: module #2 (id 13) at %x: it holds no compressed data (%s): "
+                  "its file was marked `nowcompressed = yes` and is stored as it is; give it a "
+                  "file that fwforge-lzh c compressed, or drop `nowcompressed = yes` from its "
+                  "[module] section so that the build compresses it\n",
+                  0xC0000 + img.module_headers[2], DecodeStoredData(junk.data).message.c_str()),
+        StrFormat("CANNOT UNPACK: EBB module #0 (id 30) at %x", 0xC0000 + img.ebb_headers[0]) +
+            cut_off + "`compressed = no`\n",
+        "but 3 compressed modules cannot be unpacked\n",
+    };
+    std::string console;
+    EXPECT_EQ(Inspect({"verify", path.c_str()}, console), 3);
+    for (const std::string& line : lines) EXPECT_NE(console.find(line), std::string::npos) << line;
+    EXPECT_EQ(Inspect({"verify", path.c_str(), "--json"}, console), 3);
+    EXPECT_NE(console.find("\"status\": 3,\n  \"result\": \"cannot unpack\",\n  \"ok\": false"),
+              std::string::npos)
+        << console;
+    EXPECT_NE(console.find("{\"module\": \"module #1 (id 12) at"), std::string::npos);
+    EXPECT_EQ(Inspect({"extract", path.c_str(), x.c_str()}, console), 3);
+    EXPECT_NE(console.find(lines[1].substr(0, lines[1].size() - 1) +
+                           " (its stored data is written as .lh5)\n"),
+              std::string::npos)
+        << console;
+
+    // A changed stream byte: the checksum no longer holds, and the stream is damage.
     auto& bytes = img.bytes;
     const std::uint32_t h = img.module_headers[0];
     bytes[h + 20 + 12] ^= 0x55;
-    store_le32(&bytes[h + 4], 0);
-    store_le32(&bytes[h + 4], 0u - DwordSum(bytes, h, 20 + load_le32(&bytes[h])));
-    report = Verify(bytes, ReadImage(bytes, {}));
+    VerifyReport report = Verify(bytes, ReadImage(bytes, {}));
+    EXPECT_EQ(report.Status(), kVerifyDamaged);
+    EXPECT_EQ(report.cannot_unpack.size(), 3u);
     bool named = false;
     for (const Finding& f : report.problems) {
         named |= f.where.starts_with("module #0 (id 11)") &&
                  f.what.starts_with("compressed data not decodable");
     }
     EXPECT_TRUE(named) << VerifyText(report);
+    // Sealed again, it is what a build of such a file makes.
+    store_le32(&bytes[h + 4], 0);
+    store_le32(&bytes[h + 4], 0u - DwordSum(bytes, h, 20 + load_le32(&bytes[h])));
+    report = Verify(bytes, ReadImage(bytes, {}));
+    EXPECT_EQ(report.Status(), kVerifyCannotUnpack) << VerifyText(report);
+    EXPECT_EQ(report.cannot_unpack.size(), 4u);
 }
 
 TEST(InspectCompressed, StoredDataHeadersThatCannotHold) {

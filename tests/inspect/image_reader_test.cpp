@@ -176,7 +176,8 @@ TEST(InspectCli, CommandLineErrorsAndJson) {
     odd.tool_version = "3\"\x01\xff";
     const std::string odd_path = dir.File("odd.rom");
     fwforge::testing::WriteBytes(odd_path, BuildTestImage(odd).bytes);
-    const std::string missing = dir.File("missing.rom");
+    const std::string missing = dir.File("missing.rom"), blank = dir.File("blank.rom");
+    fwforge::testing::WriteBytes(blank, std::vector<std::uint8_t>(0x1000, 0xFF));
     struct Case {
         std::vector<const char*> args;
         int status;
@@ -184,6 +185,9 @@ TEST(InspectCli, CommandLineErrorsAndJson) {
     };
     const std::vector<Case> cases = {
         {{}, 2, "Usage - fwforge-inspect"},
+        {{"--help"}, 0, "exit 0 intact, 1 damaged, 3 intact as built but some"},
+        {{"verify", missing.c_str()}, 2, "cannot open image"},
+        {{"verify", blank.c_str()}, 1, "no main BIOS header"},
         {{"list"}, 2, "a command and an image are needed"},
         {{"frobnicate", path.c_str()}, 2, "unknown command frobnicate"},
         {{"list", path.c_str(), "--bbsize"}, 2, "--bbsize needs a value"},
