@@ -11,6 +11,7 @@ A case file holds steps, one per line ('#' starts a comment line):
     write NAME ... end          a text file, written with CR LF line ends
     write-lf NAME ... end       the same with LF line ends
     mkdir NAME
+    symlink NAME TARGET         NAME links to TARGET (/dev/full makes a write fail); not listed
     run TOOL ARGS...            fwforge, fwforge-inspect or fwforge-lzh
     poke NAME OFFSET BYTES...   overwrite bytes of a file (OFFSET in hex; negative from the end)
 and then '==== expected', below which --update writes what the steps gave: each run's
@@ -104,6 +105,8 @@ def run_steps(steps, bin_dir, work):
             inputs[args[0]] = data
         elif op == "mkdir":
             os.makedirs(os.path.join(work, args[0]), exist_ok=True)
+        elif op == "symlink":
+            os.symlink(args[1], os.path.join(work, args[0]))
         elif op == "poke":
             path = os.path.join(work, args[0])
             data = bytearray(open(path, "rb").read())
@@ -129,6 +132,8 @@ def run_steps(steps, bin_dir, work):
         dirs.sort()
         for name in sorted(files):
             path = os.path.join(root, name)
+            if os.path.islink(path):
+                continue
             rel = os.path.relpath(path, work).replace(os.sep, "/")
             data = open(path, "rb").read()
             if inputs.get(rel) != data:
