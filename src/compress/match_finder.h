@@ -4,11 +4,13 @@
 // position finds the longest match among them on the way down.
 //
 // Which of several equally long matches is found decides the distance that is sent,
-// so the node numbering, the chain order and the position updates below are part of
-// the output format as far as this system is concerned, not implementation details.
+// so the tree's shape, the positions its nodes hold and the order in which they are
+// updated are part of the output format as far as this system is concerned. How a
+// node finds its child for a byte is not: a node has at most one child per byte, so
+// any lookup structure returns the same child.
 
+#include <array>
 #include <cstdint>
-#include <vector>
 
 #include "compress/lzh_format.h"
 
@@ -22,11 +24,13 @@ inline constexpr unsigned kPositionLimit = 2 * kWindowSize;
 
 class MatchFinder {
   public:
-    // Allocates the window (zero-filled) and the tree; throws std::bad_alloc.
+    // The window starts zero-filled. The object is large (about 250 KB) and meant to
+    // live on the heap; its tables are plain arrays inside it, so the search reaches
+    // them at fixed offsets from one pointer.
     MatchFinder();
 
     // Empties the tree: roots at level 1 with position 0, no leaf in the tree, a fresh
-    // free list, all child chains empty. The window keeps its bytes.
+    // free list, no child links. The window keeps its bytes.
     void ResetTree();
 
     std::uint8_t* Window() { return window_.data(); }
@@ -43,17 +47,39 @@ class MatchFinder {
     void SetMatchLength(unsigned length) { match_length_ = length; }
 
   private:
-    unsigned Child(unsigned node, std::uint8_t byte);
-    void MakeChild(unsigned node, std::uint8_t byte, unsigned child);
-    void Split(unsigned old_node, unsigned pos);
+    // Every node below a root is a child in one chain of siblings (see ChainHead); its
+    // parent and its successor in that chain are read together, so they share a record.
+    struct Link {
+        std::uint16_t parent;  // 0 = not in the tree
+        std::uint16_t next;    // next in the chain; for a free node, the next free one
+    };
+    // An internal node (1-8191) or a root (8192 + first byte). A step of the search
+    // reads the chain link and the node's fields together: one record, one cache line.
+    struct Inner {
+        Link link;               // roots have none
+        std::uint16_t position;  // bit 15: still to be passed up to the parent
+        std::uint8_t level;      // bytes shared by every string below the node
+        std::uint8_t children;   // internal nodes only
+    };
 
-    std::vector<std::uint8_t> window_;
-    std::vector<std::uint8_t> level_;        // internal nodes and roots
-    std::vector<std::uint16_t> position_;    // internal nodes and roots; bit 15 = flag
-    std::vector<std::uint8_t> child_count_;  // internal nodes and roots
-    std::vector<std::uint16_t> parent_;      // internal nodes and leaves
-    std::vector<std::uint16_t> prev_;        // internal nodes and leaves
-    std::vector<std::uint16_t> next_;        // nodes and leaves, then the chain heads
+    Link& LinkOf(unsigned node_or_leaf) {
+        return node_or_leaf >= kWindowSize ? leaves_[node_or_leaf - kWindowSize]
+                                           : inner_[node_or_leaf].link;
+    }
+    unsigned Level(unsigned node) const { return inner_[node].level; }
+    std::uint16_t* FindChildLink(unsigned node, unsigned byte);
+    void PushChild(unsigned node, unsigned byte, unsigned child);
+    void Split(unsigned parent, unsigned old_node, std::uint16_t* old_link, unsigned pos);
+    bool StartBelowLastMatch(unsigned pos, unsigned length, unsigned& parent, unsigned& node);
+
+    // Reading eight bytes at a time may look up to seven bytes past the last lookahead.
+    static constexpr unsigned kCompareSlack = 8;
+    static constexpr unsigned kHeadBits = 16;
+
+    std::array<std::uint8_t, kWindowBufferSize + kCompareSlack> window_;
+    std::array<Inner, kWindowSize + 256> inner_;  // internal nodes, roots; 0 is a sentinel
+    std::array<Link, kWindowSize> leaves_;        // by leaf - 8192
+    std::array<std::uint16_t, 1u << kHeadBits> heads_;  // first child of each chain
     unsigned free_node_ = 1;
 
     unsigned match_length_ = 0;
