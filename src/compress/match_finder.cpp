@@ -19,7 +19,7 @@ constexpr std::uint16_t kPassUpFlag = 0x8000;
 // length - 1 bytes with the string after the match's source.
 constexpr unsigned kShortcutMinLength = 4;
 
-// The child of node q whose edge starts with byte c is in the chain headed at
+// The child of internal node q whose edge starts with byte c is in the chain headed at
 // heads_[ChainHead(q, c)]. A lookup walks the chain for the entry whose parent is q,
 // so ChainHead must differ for every c of one q (then a chain holds at most one child
 // of any node); beyond that it decides only how long the chains are, never which child
@@ -61,7 +61,7 @@ inline unsigned CommonLength(const std::uint8_t* a, const std::uint8_t* b, unsig
 
 }  // namespace
 
-MatchFinder::MatchFinder() : window_{}, inner_{}, leaves_{}, heads_{} {}
+MatchFinder::MatchFinder() : window_{}, inner_{}, leaves_{}, heads_{}, root_child_{} {}
 
 void MatchFinder::ResetTree() {
     for (unsigned root = kRootBase; root < kNodeTableSize; ++root) {
@@ -74,12 +74,14 @@ void MatchFinder::ResetTree() {
         inner_[node].link.next = static_cast<std::uint16_t>(node + 1 < kWindowSize ? node + 1 : 0);
     }
     std::fill(heads_.begin(), heads_.end(), std::uint16_t{kNone});
+    std::fill(root_child_.begin(), root_child_.end(), std::uint16_t{kNone});
 }
 
 // The link that points at the child of `node` for `byte`, or the link that ends the
-// chain (holding 0) when there is none. Entry 0's parent is set to `node` so that the
+// chain (holding 0) when there is none. A root's children are links of their own. Entry 0's parent is set to `node` so that the
 // walk needs no separate test for the chain's end.
 std::uint16_t* MatchFinder::FindChildLink(unsigned node, unsigned byte) {
+    if (node >= kRootBase) return &root_child_[(node - kRootBase) << 8 | byte];
     inner_[kNone].link.parent = static_cast<std::uint16_t>(node);
     std::uint16_t* at = &heads_[ChainHead<kHeadBits>(node, byte)];
     for (;;) {

@@ -24,7 +24,7 @@ inline constexpr unsigned kPositionLimit = 2 * kWindowSize;
 
 class MatchFinder {
   public:
-    // The window starts zero-filled. The object is large (about 250 KB) and meant to
+    // The window starts zero-filled. The object is large (about 380 KB) and meant to
     // live on the heap; its tables are plain arrays inside it, so the search reaches
     // them at fixed offsets from one pointer.
     MatchFinder();
@@ -47,8 +47,9 @@ class MatchFinder {
     void SetMatchLength(unsigned length) { match_length_ = length; }
 
   private:
-    // Every node below a root is a child in one chain of siblings (see ChainHead); its
-    // parent and its successor in that chain are read together, so they share a record.
+    // Every child of an internal node is in one chain of siblings (see ChainHead), a
+    // child of a root in root_child_; its parent and its successor in the chain are
+    // read together, so they share a record. A root's child has no successor.
     struct Link {
         std::uint16_t parent;  // 0 = not in the tree
         std::uint16_t next;    // next in the chain; for a free node, the next free one
@@ -80,6 +81,9 @@ class MatchFinder {
     std::array<Inner, kWindowSize + 256> inner_;  // internal nodes, roots; 0 is a sentinel
     std::array<Link, kWindowSize> leaves_;        // by leaf - 8192
     std::array<std::uint16_t, 1u << kHeadBits> heads_;  // first child of each chain
+    // Children of the roots, by the first two bytes of their strings: the lookup that
+    // starts most searches needs no chain walk.
+    std::array<std::uint16_t, 256 * 256> root_child_;
     unsigned free_node_ = 1;
 
     unsigned match_length_ = 0;
