@@ -271,4 +271,9 @@ void MatchFinder::Delete(unsigned pos) {
     free_node_ = r;
 }
 
+void MatchFinder::Step(unsigned pos) {
+    Delete(pos);
+    Insert(pos);
+}
+
 }  // namespace fwforge::lzh

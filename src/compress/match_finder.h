@@ -35,12 +35,13 @@ class MatchFinder {
 
     std::uint8_t* Window() { return window_.data(); }
 
-    // Removes the leaf of `pos` (the string 8192 bytes before it) when it is in the tree.
-    void Delete(unsigned pos);
     // Inserts the string at `pos` and leaves the longest match in MatchLength() and
     // MatchPosition(). The match length the previous insertion left (as the main loop
     // may have cut it) selects the shortcut for the overlap of a long match.
     void Insert(unsigned pos);
+    // Removes the string 8192 bytes before `pos` from the tree, then inserts `pos`:
+    // one step of the window, in one call.
+    void Step(unsigned pos);
 
     unsigned MatchLength() const { return match_length_; }
     unsigned MatchPosition() const { return match_position_; }
@@ -62,6 +63,9 @@ class MatchFinder {
         std::uint8_t level;      // bytes shared by every string below the node
         std::uint8_t children;   // internal nodes only
     };
+
+    // Removes the leaf of `pos` (the string 8192 bytes before it) when it is in the tree.
+    void Delete(unsigned pos);
 
     Link& LinkOf(unsigned node_or_leaf) {
         return node_or_leaf >= kWindowSize ? leaves_[node_or_leaf - kWindowSize]
