@@ -78,8 +78,9 @@ void MatchFinder::ResetTree() {
 }
 
 // The link that points at the child of `node` for `byte`, or the link that ends the
-// chain (holding 0) when there is none. A root's children are links of their own. Entry 0's parent is set to `node` so that the
-// walk needs no separate test for the chain's end.
+// chain (holding 0) when there is none. A root's children are links of their own.
+// Entry 0's parent is set to `node` so that the walk needs no separate test for the
+// chain's end.
 std::uint16_t* MatchFinder::FindChildLink(unsigned node, unsigned byte) {
     if (node >= kRootBase) return &root_child_[(node - kRootBase) << 8 | byte];
     inner_[kNone].link.parent = static_cast<std::uint16_t>(node);
@@ -102,8 +103,7 @@ void MatchFinder::PushChild(unsigned node, unsigned byte, unsigned child) {
 // The strings at `old_node` (a child of `parent`, pointed at by `old_link`) and `pos`
 // part after match_length_ bytes: a new internal node takes old_node's place with
 // both as its children.
-void MatchFinder::Split(unsigned parent, unsigned old_node, std::uint16_t* old_link,
-                        unsigned pos) {
+void MatchFinder::Split(unsigned parent, unsigned old_node, std::uint16_t* old_link, unsigned pos) {
     const std::uint8_t* text = window_.data();
     const unsigned node = free_node_;
     Inner& n = inner_[node];

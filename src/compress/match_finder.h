@@ -82,8 +82,8 @@ class MatchFinder {
     static constexpr unsigned kHeadBits = 16;
 
     std::array<std::uint8_t, kWindowBufferSize + kCompareSlack> window_;
-    std::array<Inner, kWindowSize + 256> inner_;  // internal nodes, roots; 0 is a sentinel
-    std::array<Link, kWindowSize> leaves_;        // by leaf - 8192
+    std::array<Inner, kWindowSize + 256> inner_;        // internal nodes, roots; 0 is a sentinel
+    std::array<Link, kWindowSize> leaves_;              // by leaf - 8192
     std::array<std::uint16_t, 1u << kHeadBits> heads_;  // first child of each chain
     // Children of the roots, by the first two bytes of their strings: the lookup that
     // starts most searches needs no chain walk.
