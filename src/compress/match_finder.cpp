@@ -7,12 +7,14 @@
 namespace fwforge::lzh {
 namespace {
 
-// Node numbers are 16-bit: 0 is none, 1-8191 internal nodes, 8192 + c the root of
-// the strings that start with byte c, and a leaf carries the position of its string
-// (8192-16383; a position below 8192 after a slide maps onto the same leaf).
+// Node numbers are 16-bit: 0 is none, 1-8191 internal nodes, a leaf carries the
+// position of its string (8192-16383; a position below 8192 after a slide maps onto
+// the same leaf), and 16384 + c is the root of the strings that start with byte c.
+// Which number a node has never decides a match, so the roots sit above the leaves
+// and every node's record is found in one table without a test of its kind.
 constexpr unsigned kNone = 0;
-constexpr unsigned kRootBase = kWindowSize;
-constexpr unsigned kNodeTableSize = kWindowSize + 256;  // internal nodes and roots
+constexpr unsigned kRootBase = 2 * kWindowSize;
+constexpr unsigned kNodeTableSize = kRootBase + 256;
 // A node's position with this bit set still has to be passed up to the node's parent.
 constexpr std::uint16_t kPassUpFlag = 0x8000;
 // From this previous match length on, the next string is known to share at least
@@ -61,17 +63,17 @@ inline unsigned CommonLength(const std::uint8_t* a, const std::uint8_t* b, unsig
 
 }  // namespace
 
-MatchFinder::MatchFinder() : window_{}, inner_{}, leaves_{}, heads_{}, root_child_{} {}
+MatchFinder::MatchFinder() : window_{}, nodes_{}, heads_{}, root_child_{} {}
 
 void MatchFinder::ResetTree() {
     for (unsigned root = kRootBase; root < kNodeTableSize; ++root) {
-        inner_[root] = Inner{};
-        inner_[root].level = 1;
+        nodes_[root] = Node{};
+        nodes_[root].level = 1;
     }
-    std::fill(leaves_.begin(), leaves_.end(), Link{});
+    for (unsigned leaf = kWindowSize; leaf < kRootBase; ++leaf) nodes_[leaf] = Node{};
     free_node_ = 1;
     for (unsigned node = 1; node < kWindowSize; ++node) {
-        inner_[node].link.next = static_cast<std::uint16_t>(node + 1 < kWindowSize ? node + 1 : 0);
+        nodes_[node].next = static_cast<std::uint16_t>(node + 1 < kWindowSize ? node + 1 : 0);
     }
     std::fill(heads_.begin(), heads_.end(), std::uint16_t{kNone});
     std::fill(root_child_.begin(), root_child_.end(), std::uint16_t{kNone});
@@ -83,18 +85,18 @@ void MatchFinder::ResetTree() {
 // chain's end.
 std::uint16_t* MatchFinder::FindChildLink(unsigned node, unsigned byte) {
     if (node >= kRootBase) return &root_child_[(node - kRootBase) << 8 | byte];
-    inner_[kNone].link.parent = static_cast<std::uint16_t>(node);
+    nodes_[kNone].parent = static_cast<std::uint16_t>(node);
     std::uint16_t* at = &heads_[ChainHead<kHeadBits>(node, byte)];
     for (;;) {
-        Link& link = LinkOf(*at);
-        if (link.parent == node) return at;
-        at = &link.next;
+        Node& child = nodes_[*at];
+        if (child.parent == node) return at;
+        at = &child.next;
     }
 }
 
 void MatchFinder::PushChild(unsigned node, unsigned byte, unsigned child) {
     std::uint16_t& head = heads_[ChainHead<kHeadBits>(node, byte)];
-    Link& link = LinkOf(child);
+    Node& link = nodes_[child];
     link.parent = static_cast<std::uint16_t>(node);
     link.next = head;
     head = static_cast<std::uint16_t>(child);
@@ -106,10 +108,10 @@ void MatchFinder::PushChild(unsigned node, unsigned byte, unsigned child) {
 void MatchFinder::Split(unsigned parent, unsigned old_node, std::uint16_t* old_link, unsigned pos) {
     const std::uint8_t* text = window_.data();
     const unsigned node = free_node_;
-    Inner& n = inner_[node];
-    free_node_ = n.link.next;
-    n.link.parent = static_cast<std::uint16_t>(parent);
-    n.link.next = LinkOf(old_node).next;
+    Node& n = nodes_[node];
+    free_node_ = n.next;
+    n.parent = static_cast<std::uint16_t>(parent);
+    n.next = nodes_[old_node].next;
     *old_link = static_cast<std::uint16_t>(node);
     n.position = static_cast<std::uint16_t>(pos);
     n.level = static_cast<std::uint8_t>(match_length_);
@@ -131,21 +133,21 @@ bool MatchFinder::StartBelowLastMatch(unsigned pos, unsigned length, unsigned& p
     // A leaf that a 256-byte match replaced left the tree and names its successor,
     // a newer leaf, so the walk is short; the bound only keeps a broken chain from
     // looping.
-    for (unsigned steps = 0; (q = leaves_[r - kWindowSize].parent) == kNone; ++steps) {
-        r = leaves_[r - kWindowSize].next;
+    for (unsigned steps = 0; (q = nodes_[r].parent) == kNone; ++steps) {
+        r = nodes_[r].next;
         if (r < kWindowSize || steps == kWindowSize) return false;
     }
     while (Level(q) >= length) {
         r = q;
-        q = inner_[q].link.parent;
+        q = nodes_[q].parent;
     }
     unsigned t = q;
-    while (inner_[t].position & kPassUpFlag) {
-        inner_[t].position = static_cast<std::uint16_t>(pos);
-        t = inner_[t].link.parent;
+    while (nodes_[t].position & kPassUpFlag) {
+        nodes_[t].position = static_cast<std::uint16_t>(pos);
+        t = nodes_[t].parent;
     }
     if (t != kNone && t < kWindowSize)
-        inner_[t].position = static_cast<std::uint16_t>(pos | kPassUpFlag);
+        nodes_[t].position = static_cast<std::uint16_t>(pos | kPassUpFlag);
     parent = q;
     node = r;
     return true;
@@ -153,7 +155,7 @@ bool MatchFinder::StartBelowLastMatch(unsigned pos, unsigned length, unsigned& p
 
 void MatchFinder::Insert(unsigned pos) {
     const std::uint8_t* text = window_.data();
-    Link& leaf = leaves_[pos - kWindowSize];
+    Node& leaf = nodes_[pos];
     unsigned q;
     unsigned r;
     std::uint16_t* at = nullptr;  // the link that points at r, once looked up
@@ -163,7 +165,8 @@ void MatchFinder::Insert(unsigned pos) {
         at = FindChildLink(q, text[pos + 1]);
         r = *at;
         if (r == kNone) {
-            leaf = Link{static_cast<std::uint16_t>(q), kNone};
+            leaf.parent = static_cast<std::uint16_t>(q);
+            leaf.next = kNone;
             *at = static_cast<std::uint16_t>(pos);
             match_length_ = 1;
             return;
@@ -178,8 +181,8 @@ void MatchFinder::Insert(unsigned pos) {
             limit = kMaxMatch;
             candidate = r;
         } else {
-            limit = inner_[r].level;
-            candidate = inner_[r].position & ~unsigned{kPassUpFlag};
+            limit = nodes_[r].level;
+            candidate = nodes_[r].position & ~unsigned{kPassUpFlag};
         }
         // Positions at or above the current one denote the string one window earlier.
         if (candidate >= pos) candidate -= kWindowSize;
@@ -194,15 +197,16 @@ void MatchFinder::Insert(unsigned pos) {
             return;
         }
         if (length >= kMaxMatch) break;
-        inner_[r].position = static_cast<std::uint16_t>(pos);
+        nodes_[r].position = static_cast<std::uint16_t>(pos);
         q = r;
         at = FindChildLink(q, text[pos + length]);
         r = *at;
         if (r == kNone) {
             match_length_ = length;
-            leaf = Link{static_cast<std::uint16_t>(q), kNone};
+            leaf.parent = static_cast<std::uint16_t>(q);
+            leaf.next = kNone;
             *at = static_cast<std::uint16_t>(pos);
-            ++inner_[q].children;
+            ++nodes_[q].children;
             return;
         }
         // The child was found by this byte, so it matches too.
@@ -213,18 +217,20 @@ void MatchFinder::Insert(unsigned pos) {
     // the newer string matches everything the old one would.
     match_length_ = length;
     if (at == nullptr) at = FindChildLink(q, text[pos + Level(q)]);
-    Link& old = leaves_[r - kWindowSize];
-    leaf = Link{static_cast<std::uint16_t>(q), old.next};
+    Node& old = nodes_[r];
+    leaf.parent = static_cast<std::uint16_t>(q);
+    leaf.next = old.next;
     *at = static_cast<std::uint16_t>(pos);
-    old = Link{kNone, static_cast<std::uint16_t>(pos)};
+    old.parent = kNone;
+    old.next = static_cast<std::uint16_t>(pos);
 }
 
 void MatchFinder::Delete(unsigned pos) {
-    Link& leaf = leaves_[pos - kWindowSize];
+    Node& leaf = nodes_[pos];
     const unsigned r = leaf.parent;
     if (r == kNone) return;
     const std::uint8_t* text = window_.data();
-    Inner& node = inner_[r];
+    Node& node = nodes_[r];
     // The leaf's string is the one a window back; its byte at the parent's level is
     // the byte of its edge.
     std::uint16_t* at = FindChildLink(r, text[pos - kWindowSize + node.level]);
@@ -239,19 +245,19 @@ void MatchFinder::Delete(unsigned pos) {
     unsigned own = node.position & ~unsigned{kPassUpFlag};
     if (own >= pos) own -= kWindowSize;
     unsigned newest = own;
-    unsigned q = node.link.parent;
+    unsigned q = node.parent;
     unsigned u;
-    while ((u = inner_[q].position) & kPassUpFlag) {
+    while ((u = nodes_[q].position) & kPassUpFlag) {
         u &= ~unsigned{kPassUpFlag};
         if (u >= pos) u -= kWindowSize;
         if (u > newest) newest = u;
-        inner_[q].position = static_cast<std::uint16_t>(newest | kWindowSize);
-        q = inner_[q].link.parent;
+        nodes_[q].position = static_cast<std::uint16_t>(newest | kWindowSize);
+        q = nodes_[q].parent;
     }
     if (q != kNone && q < kWindowSize) {
         if (u >= pos) u -= kWindowSize;
         if (u > newest) newest = u;
-        inner_[q].position = static_cast<std::uint16_t>(newest | kWindowSize | kPassUpFlag);
+        nodes_[q].position = static_cast<std::uint16_t>(newest | kWindowSize | kPassUpFlag);
     }
 
     // The remaining child is found by r's own string (its position before the update
@@ -260,14 +266,15 @@ void MatchFinder::Delete(unsigned pos) {
     // place in r's chain.
     at = FindChildLink(r, text[own + node.level]);
     const unsigned s = *at;
-    Link& child = LinkOf(s);
+    Node& child = nodes_[s];
     *at = child.next;
-    const unsigned parent = node.link.parent;
+    const unsigned parent = node.parent;
     at = FindChildLink(parent, text[own + Level(parent)]);
     child.parent = static_cast<std::uint16_t>(parent);
-    child.next = node.link.next;
+    child.next = node.next;
     *at = static_cast<std::uint16_t>(s);
-    node.link = Link{kNone, static_cast<std::uint16_t>(free_node_)};
+    node.parent = kNone;
+    node.next = static_cast<std::uint16_t>(free_node_);
     free_node_ = r;
 }
 

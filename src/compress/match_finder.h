@@ -49,17 +49,14 @@ class MatchFinder {
 
   private:
     // Every child of an internal node is in one chain of siblings (see ChainHead), a
-    // child of a root in root_child_; its parent and its successor in the chain are
-    // read together, so they share a record. A root's child has no successor.
-    struct Link {
-        std::uint16_t parent;  // 0 = not in the tree
-        std::uint16_t next;    // next in the chain; for a free node, the next free one
-    };
-    // An internal node (1-8191) or a root (8192 + first byte). A step of the search
-    // reads the chain link and the node's fields together: one record, one cache line.
-    struct Inner {
-        Link link;               // roots have none
-        std::uint16_t position;  // bit 15: still to be passed up to the parent
+    // child of a root in root_child_. A node's parent and its successor in the chain
+    // are read together with the node's own fields, so they share one record: a step
+    // of the search costs one cache line. A leaf uses only the parent and successor,
+    // a root only the position (always 0) and the level (always 1).
+    struct Node {
+        std::uint16_t parent;    // 0 = not in the tree
+        std::uint16_t next;      // next in the chain; for a free node, the next free one
+        std::uint16_t position;  // internal nodes: bit 15 = still to be passed up
         std::uint8_t level;      // bytes shared by every string below the node
         std::uint8_t children;   // internal nodes only
     };
@@ -67,11 +64,7 @@ class MatchFinder {
     // Removes the leaf of `pos` (the string 8192 bytes before it) when it is in the tree.
     void Delete(unsigned pos);
 
-    Link& LinkOf(unsigned node_or_leaf) {
-        return node_or_leaf >= kWindowSize ? leaves_[node_or_leaf - kWindowSize]
-                                           : inner_[node_or_leaf].link;
-    }
-    unsigned Level(unsigned node) const { return inner_[node].level; }
+    unsigned Level(unsigned node) const { return nodes_[node].level; }
     std::uint16_t* FindChildLink(unsigned node, unsigned byte);
     void PushChild(unsigned node, unsigned byte, unsigned child);
     void Split(unsigned parent, unsigned old_node, std::uint16_t* old_link, unsigned pos);
@@ -82,8 +75,8 @@ class MatchFinder {
     static constexpr unsigned kHeadBits = 16;
 
     std::array<std::uint8_t, kWindowBufferSize + kCompareSlack> window_;
-    std::array<Inner, kWindowSize + 256> inner_;        // internal nodes, roots; 0 is a sentinel
-    std::array<Link, kWindowSize> leaves_;              // by leaf - 8192
+    // Internal nodes, leaves, roots; entry 0 is the sentinel of the chain walk.
+    std::array<Node, 2 * kWindowSize + 256> nodes_;
     std::array<std::uint16_t, 1u << kHeadBits> heads_;  // first child of each chain
     // Children of the roots, by the first two bytes of their strings: the lookup that
     // starts most searches needs no chain walk.
