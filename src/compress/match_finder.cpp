@@ -15,6 +15,8 @@ namespace {
 constexpr unsigned kNone = 0;
 constexpr unsigned kRootBase = 2 * kWindowSize;
 constexpr unsigned kNodeTableSize = kRootBase + 256;
+// A record that takes writes meant for no node; nothing reads it.
+constexpr unsigned kScratch = kNodeTableSize;
 // A node's position with this bit set still has to be passed up to the node's parent.
 constexpr std::uint16_t kPassUpFlag = 0x8000;
 // From this previous match length on, the next string is known to share at least
@@ -146,8 +148,9 @@ bool MatchFinder::StartBelowLastMatch(unsigned pos, unsigned length, unsigned& p
         nodes_[t].position = static_cast<std::uint16_t>(pos);
         t = nodes_[t].parent;
     }
-    if (t != kNone && t < kWindowSize)
-        nodes_[t].position = static_cast<std::uint16_t>(pos | kPassUpFlag);
+    // Roots take no position; their write goes to the scratch record instead of
+    // being skipped by a branch that the data would decide.
+    nodes_[t < kWindowSize ? t : kScratch].position = static_cast<std::uint16_t>(pos | kPassUpFlag);
     parent = q;
     node = r;
     return true;
@@ -254,11 +257,10 @@ void MatchFinder::Delete(unsigned pos) {
         nodes_[q].position = static_cast<std::uint16_t>(newest | kWindowSize);
         q = nodes_[q].parent;
     }
-    if (q != kNone && q < kWindowSize) {
-        if (u >= pos) u -= kWindowSize;
-        if (u > newest) newest = u;
-        nodes_[q].position = static_cast<std::uint16_t>(newest | kWindowSize | kPassUpFlag);
-    }
+    if (u >= pos) u -= kWindowSize;
+    if (u > newest) newest = u;
+    nodes_[q < kWindowSize ? q : kScratch].position =
+        static_cast<std::uint16_t>(newest | kWindowSize | kPassUpFlag);
 
     // The remaining child is found by r's own string (its position before the update
     // above), so the bytes come from the old text, not from the lookahead; the same

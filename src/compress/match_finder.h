@@ -75,8 +75,9 @@ class MatchFinder {
     static constexpr unsigned kHeadBits = 16;
 
     std::array<std::uint8_t, kWindowBufferSize + kCompareSlack> window_;
-    // Internal nodes, leaves, roots; entry 0 is the sentinel of the chain walk.
-    std::array<Node, 2 * kWindowSize + 256> nodes_;
+    // Internal nodes, leaves, roots and a scratch record; entry 0 is the sentinel of
+    // the chain walk.
+    std::array<Node, 2 * kWindowSize + 256 + 1> nodes_;
     std::array<std::uint16_t, 1u << kHeadBits> heads_;  // first child of each chain
     // Children of the roots, by the first two bytes of their strings: the lookup that
     // starts most searches needs no chain walk.
