@@ -257,6 +257,7 @@ void MatchFinder::Delete(unsigned pos) {
         nodes_[q].position = static_cast<std::uint16_t>(newest | kWindowSize);
         q = nodes_[q].parent;
     }
+    // A root takes no position (see StartBelowLastMatch).
     if (u >= pos) u -= kWindowSize;
     if (u > newest) newest = u;
     nodes_[q < kWindowSize ? q : kScratch].position =

@@ -24,7 +24,7 @@ inline constexpr unsigned kPositionLimit = 2 * kWindowSize;
 
 class MatchFinder {
   public:
-    // The window starts zero-filled. The object is large (about 380 KB) and meant to
+    // The window starts zero-filled. The object is large (about 400 KB) and meant to
     // live on the heap; its tables are plain arrays inside it, so the search reaches
     // them at fixed offsets from one pointer.
     MatchFinder();
