@@ -25,18 +25,18 @@ unsigned SentLength(std::span<const std::uint8_t> lengths) {
 }  // namespace
 
 void BlockCoder::StartRun(std::uint8_t* sink, const std::uint32_t* consumed) {
-    sink_ = sink;
+    bits_.sink = sink;
     consumed_ = consumed;
-    written_ = 0;
-    stopped_ = false;
+    bits_.written = 0;
+    bits_.stopped = false;
 }
 
 void BlockCoder::ResetCoder() {
     lit_counts_.fill(0);
     dist_counts_.fill(0);
     code_len_counts_.fill(0);
-    bit_buffer_ = 0;
-    bit_count_ = 0;
+    bits_.buffer = 0;
+    bits_.count = 0;
 }
 
 void BlockCoder::WriteSingleSymbol(int count_bits, int symbol_bits, unsigned symbol) {
@@ -138,6 +138,7 @@ void BlockCoder::WriteLitLenLengths() {
 }
 
 void BlockCoder::WriteTokens(std::span<const std::uint8_t> tokens, std::uint32_t token_count) {
+    BitWriter w = bits_;
     std::size_t at = 0;
     unsigned flags = 0;
     for (std::uint32_t i = 0; i < token_count; ++i) {
@@ -150,20 +151,22 @@ void BlockCoder::WriteTokens(std::span<const std::uint8_t> tokens, std::uint32_t
             const unsigned symbol = tokens[at] + 256u;
             const unsigned distance_code = (unsigned{tokens[at + 1]} << 8) | tokens[at + 2];
             at += kMatchTokenBytes;
-            WriteBits(lit_lengths_[symbol], lit_codes_[symbol]);
+            w.Write(lit_lengths_[symbol], lit_codes_[symbol]);
             const unsigned bits = DistanceBits(distance_code);
-            WriteBits(dist_lengths_[bits], dist_codes_[bits]);
+            w.Write(dist_lengths_[bits], dist_codes_[bits]);
             // The top bit of a distance code is implied by its bit length.
-            if (bits > 1) WriteBits(bits - 1, distance_code);
+            if (bits > 1) w.Write(bits - 1, distance_code);
         } else {
             const unsigned symbol = tokens[at++];
-            WriteBits(lit_lengths_[symbol], lit_codes_[symbol]);
+            w.Write(lit_lengths_[symbol], lit_codes_[symbol]);
         }
-        if (stopped_) return;
+        if (w.stopped) break;
     }
+    bits_ = w;
 }
 
 void BlockCoder::FlushBlock(std::span<const std::uint8_t> tokens) {
+    bits_.bound = *consumed_;
     const unsigned lit_root = BuildHuffmanCode(lit_counts_, lit_lengths_, lit_codes_);
     // Every token counts exactly one literal/length symbol, so the root's count (or the
     // single symbol's) is the block's token count.
@@ -185,6 +188,7 @@ void BlockCoder::FlushBlock(std::span<const std::uint8_t> tokens) {
     }
 
     WriteTokens(tokens, token_count);
+    bits_.Drain();
     lit_counts_.fill(0);
     dist_counts_.fill(0);
 }
@@ -193,6 +197,7 @@ void BlockCoder::FinishStream(std::span<const std::uint8_t> tokens) {
     FlushBlock(tokens);
     // Seven zero bits push out a pending partial byte and never complete a new one.
     WriteBits(7, 0);
+    bits_.Drain();
 }
 
 }  // namespace fwforge::lzh

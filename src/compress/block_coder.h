@@ -43,8 +43,8 @@ class BlockCoder {
     // Sends the last block and pushes out the last partial byte, padded with zeros.
     void FinishStream(std::span<const std::uint8_t> tokens);
 
-    std::uint32_t Written() const { return written_; }
-    bool Stopped() const { return stopped_; }
+    std::uint32_t Written() const { return bits_.written; }
+    bool Stopped() const { return bits_.stopped; }
 
     // The number of significant bits of a distance code: its symbol.
     static unsigned DistanceBits(unsigned distance_code) {
@@ -52,21 +52,56 @@ class BlockCoder {
     }
 
   private:
-    void WriteBits(unsigned n, unsigned x) {
-        bit_buffer_ = (bit_buffer_ << n) | (x & ((1u << n) - 1));
-        bit_count_ += n;
-        while (bit_count_ >= 8) {
-            bit_count_ -= 8;
-            PutByte(static_cast<std::uint8_t>(bit_buffer_ >> bit_count_));
+    // MSB-first bit writer over the run's sink. Bits gather in a 64-bit buffer and
+    // leave it four bytes at a time while the output bound leaves room for all four,
+    // one byte at a time near it, so that every byte meets the same bound as when
+    // written alone. The bound (the consumed count) cannot change while a block is
+    // written, and FlushBlock drains every whole byte before it returns, so no byte is
+    // held back into a later block's bound. It is a small value so that the token loop
+    // can keep a copy in registers: a byte store through `sink` could alias its fields.
+    struct BitWriter {
+        std::uint64_t buffer = 0;  // pending bits in the low `count` bits
+        unsigned count = 0;
+        std::uint8_t* sink = nullptr;
+        std::uint32_t written = 0;
+        std::uint32_t bound = 0;  // the consumed count while the block is written
+        bool stopped = false;
+
+        void Write(unsigned n, unsigned x) {
+            buffer = (buffer << n) | (x & ((1u << n) - 1));
+            count += n;
+            if (count >= 32) PutWord();
         }
-    }
-    void PutByte(std::uint8_t byte) {
-        if (written_ < *consumed_) {
-            sink_[written_++] = byte;
-        } else {
-            stopped_ = true;
+        void PutWord() {
+            count -= 32;
+            if (written + 4 <= bound) {
+                const auto word = static_cast<std::uint32_t>(buffer >> count);
+                sink[written] = static_cast<std::uint8_t>(word >> 24);
+                sink[written + 1] = static_cast<std::uint8_t>(word >> 16);
+                sink[written + 2] = static_cast<std::uint8_t>(word >> 8);
+                sink[written + 3] = static_cast<std::uint8_t>(word);
+                written += 4;
+            } else {
+                for (int shift = 24; shift >= 0; shift -= 8)
+                    PutByte(static_cast<std::uint8_t>(buffer >> (count + shift)));
+            }
         }
-    }
+        void Drain() {
+            while (count >= 8) {
+                count -= 8;
+                PutByte(static_cast<std::uint8_t>(buffer >> count));
+            }
+        }
+        void PutByte(std::uint8_t byte) {
+            if (written < bound) {
+                sink[written++] = byte;
+            } else {
+                stopped = true;
+            }
+        }
+    };
+
+    void WriteBits(unsigned n, unsigned x) { bits_.Write(n, x); }
 
     void WriteCodeLengthCode();
     void WriteLitLenLengths();
@@ -86,13 +121,8 @@ class BlockCoder {
     std::array<std::uint8_t, kNumDistBits> dist_lengths_{};
     std::array<std::uint16_t, kNumDistBits> dist_codes_{};
 
-    std::uint32_t bit_buffer_ = 0;  // pending bits in the low bit_count_ bits
-    unsigned bit_count_ = 0;
-
-    std::uint8_t* sink_ = nullptr;
+    BitWriter bits_;
     const std::uint32_t* consumed_ = nullptr;
-    std::uint32_t written_ = 0;
-    bool stopped_ = false;
 };
 
 }  // namespace fwforge::lzh

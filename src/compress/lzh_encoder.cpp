@@ -57,8 +57,7 @@ void LzhEncoder::Advance() {
         remaining_ += Read(text + kWindowSize + kMaxMatch, kRefill);
         pos_ = kFirstPosition;
     }
-    finder_->Delete(pos_);
-    finder_->Insert(pos_);
+    finder_->Step(pos_);
 }
 
 // A block is cut only when a new group of eight starts, so a block always holds whole

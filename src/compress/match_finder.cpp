@@ -7,36 +7,37 @@
 namespace fwforge::lzh {
 namespace {
 
-// Node numbers are 16-bit: 0 is none, 1-8191 internal nodes, 8192 + c the root of
-// the strings that start with byte c, and a leaf carries the position of its string
-// (8192-16383; a position below 8192 after a slide maps onto the same leaf).
+// Node numbers are 16-bit: 0 is none, 1-8191 internal nodes, a leaf carries the
+// position of its string (8192-16383; a position below 8192 after a slide maps onto
+// the same leaf), and 16384 + c is the root of the strings that start with byte c.
+// Which number a node has never decides a match, so the roots sit above the leaves
+// and every node's record is found in one table without a test of its kind.
 constexpr unsigned kNone = 0;
-constexpr unsigned kRootBase = kWindowSize;
-constexpr unsigned kNodeTableSize = kWindowSize + 256;  // internal nodes and roots
-constexpr unsigned kLeafLimit = 2 * kWindowSize;        // internal nodes and leaves
-// The children of node q whose edge starts with byte c are in the chain headed at
-// next[16384 + head(q, c)]. A lookup walks the chain for the entry whose parent is q,
-// so head(q, c) must differ for every c of one q (then a chain holds at most one
-// child of any node); beyond that the function decides only how long the chains are,
-// never which child is found. 32768 heads keep most chains at one entry or none.
-// Nothing else reads a chain: the next link of a leaf out of the tree is followed only
-// for a leaf that a 256-byte match replaced, and that link names the replacing leaf.
-constexpr unsigned kChainBase = 2 * kWindowSize;
-constexpr unsigned kHeadBits = 15;
-constexpr unsigned kNextTableSize = kChainBase + (1u << kHeadBits);
+constexpr unsigned kRootBase = 2 * kWindowSize;
+constexpr unsigned kNodeTableSize = kRootBase + 256;
+// A record that takes writes meant for no node; nothing reads it.
+constexpr unsigned kScratch = kNodeTableSize;
 // A node's position with this bit set still has to be passed up to the node's parent.
 constexpr std::uint16_t kPassUpFlag = 0x8000;
-// Reading eight bytes at a time may look up to seven bytes past the last lookahead.
-constexpr unsigned kCompareSlack = 8;
 // From this previous match length on, the next string is known to share at least
 // length - 1 bytes with the string after the match's source.
 constexpr unsigned kShortcutMinLength = 4;
 
+// The child of internal node q whose edge starts with byte c is in the chain headed at
+// heads_[ChainHead(q, c)]. A lookup walks the chain for the entry whose parent is q,
+// so ChainHead must differ for every c of one q (then a chain holds at most one child
+// of any node); beyond that it decides only how long the chains are, never which child
+// is found. Each entry passed over costs a cache miss, so the heads are many: 65536
+// keep most chains at one entry or none. The next link of a leaf out of the tree is
+// followed only for a leaf that a 256-byte match replaced, and that link names the
+// replacing leaf.
+//
 // The node scattered by Fibonacci hashing (the top bits of node times 2^32 / golden
-// ratio), plus the byte times an odd number: distinct modulo 2^15 for distinct bytes.
-unsigned ChainHead(unsigned node, std::uint8_t byte) {
+// ratio), plus the byte times an odd number: distinct modulo 2^16 for distinct bytes.
+template <unsigned kHeadBits>
+unsigned ChainHead(unsigned node, unsigned byte) {
     constexpr unsigned kHeadMask = (1u << kHeadBits) - 1;
-    return kChainBase + ((((node * 0x9E3779B1u) >> (32 - kHeadBits)) + byte * 0x3B5u) & kHeadMask);
+    return (((node * 0x9E3779B1u) >> (32 - kHeadBits)) + byte * 0x3B5u) & kHeadMask;
 }
 
 // The first index from `from` on below `limit` at which a and b differ, else `limit`.
@@ -64,99 +65,112 @@ inline unsigned CommonLength(const std::uint8_t* a, const std::uint8_t* b, unsig
 
 }  // namespace
 
-MatchFinder::MatchFinder()
-    : window_(kWindowBufferSize + kCompareSlack, 0),
-      level_(kNodeTableSize, 0),
-      position_(kNodeTableSize, 0),
-      child_count_(kNodeTableSize, 0),
-      parent_(kLeafLimit, 0),
-      prev_(kLeafLimit, 0),
-      next_(kNextTableSize, 0) {}
+MatchFinder::MatchFinder() : window_{}, nodes_{}, heads_{}, root_child_{} {}
 
 void MatchFinder::ResetTree() {
     for (unsigned root = kRootBase; root < kNodeTableSize; ++root) {
-        level_[root] = 1;
-        position_[root] = 0;
+        nodes_[root] = Node{};
+        nodes_[root].level = 1;
     }
-    std::fill(parent_.begin() + kWindowSize, parent_.end(), std::uint16_t{kNone});
+    for (unsigned leaf = kWindowSize; leaf < kRootBase; ++leaf) nodes_[leaf] = Node{};
     free_node_ = 1;
-    for (unsigned node = 1; node < kWindowSize - 1; ++node)
-        next_[node] = static_cast<std::uint16_t>(node + 1);
-    next_[kWindowSize - 1] = kNone;
-    std::fill(next_.begin() + kChainBase, next_.end(), std::uint16_t{kNone});
+    for (unsigned node = 1; node < kWindowSize; ++node) {
+        nodes_[node].next = static_cast<std::uint16_t>(node + 1 < kWindowSize ? node + 1 : 0);
+    }
+    std::fill(heads_.begin(), heads_.end(), std::uint16_t{kNone});
+    std::fill(root_child_.begin(), root_child_.end(), std::uint16_t{kNone});
 }
 
-unsigned MatchFinder::Child(unsigned node, std::uint8_t byte) {
-    unsigned r = next_[ChainHead(node, byte)];
-    // A chain holds at most one child of any node; entry 0 stops the walk.
-    parent_[kNone] = static_cast<std::uint16_t>(node);
-    while (parent_[r] != node) r = next_[r];
-    return r;
+// The link that points at the child of `node` for `byte`, or the link that ends the
+// chain (holding 0) when there is none. A root's children are links of their own.
+// Entry 0's parent is set to `node` so that the walk needs no separate test for the
+// chain's end.
+std::uint16_t* MatchFinder::FindChildLink(unsigned node, unsigned byte) {
+    if (node >= kRootBase) return &root_child_[(node - kRootBase) << 8 | byte];
+    nodes_[kNone].parent = static_cast<std::uint16_t>(node);
+    std::uint16_t* at = &heads_[ChainHead<kHeadBits>(node, byte)];
+    for (;;) {
+        Node& child = nodes_[*at];
+        if (child.parent == node) return at;
+        at = &child.next;
+    }
 }
 
-// New children go to the head of their chain.
-void MatchFinder::MakeChild(unsigned node, std::uint8_t byte, unsigned child) {
-    const unsigned head = ChainHead(node, byte);
-    const unsigned old_first = next_[head];
-    next_[head] = static_cast<std::uint16_t>(child);
-    next_[child] = static_cast<std::uint16_t>(old_first);
-    prev_[old_first] = static_cast<std::uint16_t>(child);
-    prev_[child] = static_cast<std::uint16_t>(head);
-    parent_[child] = static_cast<std::uint16_t>(node);
-    ++child_count_[node];
+void MatchFinder::PushChild(unsigned node, unsigned byte, unsigned child) {
+    std::uint16_t& head = heads_[ChainHead<kHeadBits>(node, byte)];
+    Node& link = nodes_[child];
+    link.parent = static_cast<std::uint16_t>(node);
+    link.next = head;
+    head = static_cast<std::uint16_t>(child);
 }
 
-// The strings at `old_node` and `pos` part after match_length_ bytes: a new internal
-// node takes old_node's place with both as its children, the old one linked first.
-void MatchFinder::Split(unsigned old_node, unsigned pos) {
+// The strings at `old_node` (a child of `parent`, pointed at by `old_link`) and `pos`
+// part after match_length_ bytes: a new internal node takes old_node's place with
+// both as its children.
+void MatchFinder::Split(unsigned parent, unsigned old_node, std::uint16_t* old_link, unsigned pos) {
     const std::uint8_t* text = window_.data();
     const unsigned node = free_node_;
-    free_node_ = next_[node];
-    child_count_[node] = 0;
-    unsigned t = prev_[old_node];
-    prev_[node] = static_cast<std::uint16_t>(t);
-    next_[t] = static_cast<std::uint16_t>(node);
-    t = next_[old_node];
-    next_[node] = static_cast<std::uint16_t>(t);
-    prev_[t] = static_cast<std::uint16_t>(node);
-    parent_[node] = parent_[old_node];
-    level_[node] = static_cast<std::uint8_t>(match_length_);
-    position_[node] = static_cast<std::uint16_t>(pos);
-    MakeChild(node, text[match_position_ + match_length_], old_node);
-    MakeChild(node, text[pos + match_length_], pos);
+    Node& n = nodes_[node];
+    free_node_ = n.next;
+    n.parent = static_cast<std::uint16_t>(parent);
+    n.next = nodes_[old_node].next;
+    *old_link = static_cast<std::uint16_t>(node);
+    n.position = static_cast<std::uint16_t>(pos);
+    n.level = static_cast<std::uint8_t>(match_length_);
+    n.children = 2;
+    PushChild(node, text[match_position_ + match_length_], old_node);
+    PushChild(node, text[pos + match_length_], pos);
+}
+
+// When the previous match was at least 4 bytes long, the string at pos is known to
+// share `length` bytes with the string after the match's source. Finds the deepest
+// node on that string's path whose level is below `length` (`parent`) and its child
+// on the path (`node`), and hands the current position to the ancestors that the
+// descent from there skips: flagged ones directly, the first unflagged internal one
+// as pending. False when the source's leaf cannot be found in the tree.
+bool MatchFinder::StartBelowLastMatch(unsigned pos, unsigned length, unsigned& parent,
+                                      unsigned& node) {
+    unsigned r = (match_position_ + 1) | kWindowSize;
+    unsigned q;
+    // A leaf that a 256-byte match replaced left the tree and names its successor,
+    // a newer leaf, so the walk is short; the bound only keeps a broken chain from
+    // looping.
+    for (unsigned steps = 0; (q = nodes_[r].parent) == kNone; ++steps) {
+        r = nodes_[r].next;
+        if (r < kWindowSize || steps == kWindowSize) return false;
+    }
+    while (Level(q) >= length) {
+        r = q;
+        q = nodes_[q].parent;
+    }
+    unsigned t = q;
+    while (nodes_[t].position & kPassUpFlag) {
+        nodes_[t].position = static_cast<std::uint16_t>(pos);
+        t = nodes_[t].parent;
+    }
+    // Roots take no position; their write goes to the scratch record instead of
+    // being skipped by a branch that the data would decide.
+    nodes_[t < kWindowSize ? t : kScratch].position = static_cast<std::uint16_t>(pos | kPassUpFlag);
+    parent = q;
+    node = r;
+    return true;
 }
 
 void MatchFinder::Insert(unsigned pos) {
     const std::uint8_t* text = window_.data();
+    Node& leaf = nodes_[pos];
     unsigned q;
     unsigned r;
+    std::uint16_t* at = nullptr;  // the link that points at r, once looked up
     unsigned length = match_length_;
-    if (length >= kShortcutMinLength) {
-        // Start below the deepest node on the path of the previous source + 1 that the
-        // known overlap still covers, instead of descending from the root.
-        --length;
-        r = (match_position_ + 1) | kWindowSize;
-        // A leaf that a 256-byte match replaced left the tree and points to its
-        // successor through its next link.
-        while ((q = parent_[r]) == kNone) r = next_[r];
-        while (level_[q] >= length) {
-            r = q;
-            q = parent_[q];
-        }
-        // The descent below skips these ancestors, so hand them the current position
-        // here: flagged ones directly, the first unflagged internal one as pending.
-        unsigned t = q;
-        while (position_[t] & kPassUpFlag) {
-            position_[t] = static_cast<std::uint16_t>(pos);
-            t = parent_[t];
-        }
-        if (t < kWindowSize) position_[t] = static_cast<std::uint16_t>(pos | kPassUpFlag);
-    } else {
+    if (length < kShortcutMinLength || !StartBelowLastMatch(pos, --length, q, r)) {
         q = text[pos] + kRootBase;
-        const std::uint8_t byte = text[pos + 1];
-        r = Child(q, byte);
+        at = FindChildLink(q, text[pos + 1]);
+        r = *at;
         if (r == kNone) {
-            MakeChild(q, byte, pos);
+            leaf.parent = static_cast<std::uint16_t>(q);
+            leaf.next = kNone;
+            *at = static_cast<std::uint16_t>(pos);
             match_length_ = 1;
             return;
         }
@@ -170,8 +184,8 @@ void MatchFinder::Insert(unsigned pos) {
             limit = kMaxMatch;
             candidate = r;
         } else {
-            limit = level_[r];
-            candidate = position_[r] & ~unsigned{kPassUpFlag};
+            limit = nodes_[r].level;
+            candidate = nodes_[r].position & ~unsigned{kPassUpFlag};
         }
         // Positions at or above the current one denote the string one window earlier.
         if (candidate >= pos) candidate -= kWindowSize;
@@ -179,17 +193,23 @@ void MatchFinder::Insert(unsigned pos) {
         length = CommonLength(text + pos, text + candidate, length, limit);
         if (length < limit) {
             match_length_ = length;
-            Split(r, pos);
+            // The string at pos shares more than q's level with r, so its byte at
+            // that level is the byte of r's edge.
+            if (at == nullptr) at = FindChildLink(q, text[pos + Level(q)]);
+            Split(q, r, at, pos);
             return;
         }
         if (length >= kMaxMatch) break;
-        position_[r] = static_cast<std::uint16_t>(pos);
+        nodes_[r].position = static_cast<std::uint16_t>(pos);
         q = r;
-        const std::uint8_t byte = text[pos + length];
-        r = Child(q, byte);
+        at = FindChildLink(q, text[pos + length]);
+        r = *at;
         if (r == kNone) {
             match_length_ = length;
-            MakeChild(q, byte, pos);
+            leaf.parent = static_cast<std::uint16_t>(q);
+            leaf.next = kNone;
+            *at = static_cast<std::uint16_t>(pos);
+            ++nodes_[q].children;
             return;
         }
         // The child was found by this byte, so it matches too.
@@ -199,66 +219,71 @@ void MatchFinder::Insert(unsigned pos) {
     // A full-length match: the current position takes the old leaf's place, since
     // the newer string matches everything the old one would.
     match_length_ = length;
-    unsigned t = prev_[r];
-    prev_[pos] = static_cast<std::uint16_t>(t);
-    next_[t] = static_cast<std::uint16_t>(pos);
-    t = next_[r];
-    next_[pos] = static_cast<std::uint16_t>(t);
-    prev_[t] = static_cast<std::uint16_t>(pos);
-    parent_[pos] = static_cast<std::uint16_t>(q);
-    parent_[r] = kNone;
-    next_[r] = static_cast<std::uint16_t>(pos);
+    if (at == nullptr) at = FindChildLink(q, text[pos + Level(q)]);
+    Node& old = nodes_[r];
+    leaf.parent = static_cast<std::uint16_t>(q);
+    leaf.next = old.next;
+    *at = static_cast<std::uint16_t>(pos);
+    old.parent = kNone;
+    old.next = static_cast<std::uint16_t>(pos);
 }
 
 void MatchFinder::Delete(unsigned pos) {
-    if (parent_[pos] == kNone) return;
-    unsigned r = prev_[pos];
-    unsigned s = next_[pos];
-    next_[r] = static_cast<std::uint16_t>(s);
-    prev_[s] = static_cast<std::uint16_t>(r);
-    r = parent_[pos];
-    parent_[pos] = kNone;
-    if (r >= kWindowSize || --child_count_[r] > 1) return;
+    Node& leaf = nodes_[pos];
+    const unsigned r = leaf.parent;
+    if (r == kNone) return;
+    const std::uint8_t* text = window_.data();
+    Node& node = nodes_[r];
+    // The leaf's string is the one a window back; its byte at the parent's level is
+    // the byte of its edge.
+    std::uint16_t* at = FindChildLink(r, text[pos - kWindowSize + node.level]);
+    *at = leaf.next;
+    leaf.parent = kNone;
+    if (r >= kRootBase || --node.children > 1) return;
 
     // r is an internal node with one child left and goes away. Its position (possibly
     // a pending one) passes up through the flagged ancestors: each keeps the newest
     // position seen, counting positions at or above pos as one window older, and the
     // first unflagged internal ancestor receives it as pending.
-    unsigned own = position_[r] & ~unsigned{kPassUpFlag};
+    unsigned own = node.position & ~unsigned{kPassUpFlag};
     if (own >= pos) own -= kWindowSize;
     unsigned newest = own;
-    unsigned q = parent_[r];
+    unsigned q = node.parent;
     unsigned u;
-    while ((u = position_[q]) & kPassUpFlag) {
+    while ((u = nodes_[q].position) & kPassUpFlag) {
         u &= ~unsigned{kPassUpFlag};
         if (u >= pos) u -= kWindowSize;
         if (u > newest) newest = u;
-        position_[q] = static_cast<std::uint16_t>(newest | kWindowSize);
-        q = parent_[q];
+        nodes_[q].position = static_cast<std::uint16_t>(newest | kWindowSize);
+        q = nodes_[q].parent;
     }
-    if (q < kWindowSize) {
-        if (u >= pos) u -= kWindowSize;
-        if (u > newest) newest = u;
-        position_[q] = static_cast<std::uint16_t>(newest | kWindowSize | kPassUpFlag);
-    }
+    // A root takes no position (see StartBelowLastMatch).
+    if (u >= pos) u -= kWindowSize;
+    if (u > newest) newest = u;
+    nodes_[q < kWindowSize ? q : kScratch].position =
+        static_cast<std::uint16_t>(newest | kWindowSize | kPassUpFlag);
 
-    // The remaining child is looked up by r's own string (its position before the
-    // update above), so the byte comes from the old text, not from the lookahead.
-    s = Child(r, window_[own + level_[r]]);
-    unsigned t = prev_[s];
-    u = next_[s];
-    next_[t] = static_cast<std::uint16_t>(u);
-    prev_[u] = static_cast<std::uint16_t>(t);
-    t = prev_[r];
-    next_[t] = static_cast<std::uint16_t>(s);
-    prev_[s] = static_cast<std::uint16_t>(t);
-    t = next_[r];
-    prev_[t] = static_cast<std::uint16_t>(s);
-    next_[s] = static_cast<std::uint16_t>(t);
-    parent_[s] = parent_[r];
-    parent_[r] = kNone;
-    next_[r] = static_cast<std::uint16_t>(free_node_);
+    // The remaining child is found by r's own string (its position before the update
+    // above), so the bytes come from the old text, not from the lookahead; the same
+    // string gives the byte of r's own edge. The child leaves its chain and takes r's
+    // place in r's chain.
+    at = FindChildLink(r, text[own + node.level]);
+    const unsigned s = *at;
+    Node& child = nodes_[s];
+    *at = child.next;
+    const unsigned parent = node.parent;
+    at = FindChildLink(parent, text[own + Level(parent)]);
+    child.parent = static_cast<std::uint16_t>(parent);
+    child.next = node.next;
+    *at = static_cast<std::uint16_t>(s);
+    node.parent = kNone;
+    node.next = static_cast<std::uint16_t>(free_node_);
     free_node_ = r;
+}
+
+void MatchFinder::Step(unsigned pos) {
+    Delete(pos);
+    Insert(pos);
 }
 
 }  // namespace fwforge::lzh

@@ -4,11 +4,13 @@
 // position finds the longest match among them on the way down.
 //
 // Which of several equally long matches is found decides the distance that is sent,
-// so the node numbering, the chain order and the position updates below are part of
-// the output format as far as this system is concerned, not implementation details.
+// so the tree's shape, the positions its nodes hold and the order in which they are
+// updated are part of the output format as far as this system is concerned. How a
+// node finds its child for a byte is not: a node has at most one child per byte, so
+// any lookup structure returns the same child.
 
+#include <array>
 #include <cstdint>
-#include <vector>
 
 #include "compress/lzh_format.h"
 
@@ -22,38 +24,64 @@ inline constexpr unsigned kPositionLimit = 2 * kWindowSize;
 
 class MatchFinder {
   public:
-    // Allocates the window (zero-filled) and the tree; throws std::bad_alloc.
+    // The window starts zero-filled. The object is large (about 400 KB) and meant to
+    // live on the heap; its tables are plain arrays inside it, so the search reaches
+    // them at fixed offsets from one pointer.
     MatchFinder();
 
     // Empties the tree: roots at level 1 with position 0, no leaf in the tree, a fresh
-    // free list, all child chains empty. The window keeps its bytes.
+    // free list, no child links. The window keeps its bytes.
     void ResetTree();
 
     std::uint8_t* Window() { return window_.data(); }
 
-    // Removes the leaf of `pos` (the string 8192 bytes before it) when it is in the tree.
-    void Delete(unsigned pos);
     // Inserts the string at `pos` and leaves the longest match in MatchLength() and
     // MatchPosition(). The match length the previous insertion left (as the main loop
     // may have cut it) selects the shortcut for the overlap of a long match.
     void Insert(unsigned pos);
+    // Removes the string 8192 bytes before `pos` from the tree, then inserts `pos`:
+    // one step of the window, in one call.
+    void Step(unsigned pos);
 
     unsigned MatchLength() const { return match_length_; }
     unsigned MatchPosition() const { return match_position_; }
     void SetMatchLength(unsigned length) { match_length_ = length; }
 
   private:
-    unsigned Child(unsigned node, std::uint8_t byte);
-    void MakeChild(unsigned node, std::uint8_t byte, unsigned child);
-    void Split(unsigned old_node, unsigned pos);
+    // Every child of an internal node is in one chain of siblings (see ChainHead), a
+    // child of a root in root_child_. A node's parent and its successor in the chain
+    // are read together with the node's own fields, so they share one record: a step
+    // of the search costs one cache line. A leaf uses only the parent and successor,
+    // a root only the position (always 0) and the level (always 1).
+    struct Node {
+        std::uint16_t parent;    // 0 = not in the tree
+        std::uint16_t next;      // next in the chain; for a free node, the next free one
+        std::uint16_t position;  // internal nodes: bit 15 = still to be passed up
+        std::uint8_t level;      // bytes shared by every string below the node
+        std::uint8_t children;   // internal nodes only
+    };
 
-    std::vector<std::uint8_t> window_;
-    std::vector<std::uint8_t> level_;        // internal nodes and roots
-    std::vector<std::uint16_t> position_;    // internal nodes and roots; bit 15 = flag
-    std::vector<std::uint8_t> child_count_;  // internal nodes and roots
-    std::vector<std::uint16_t> parent_;      // internal nodes and leaves
-    std::vector<std::uint16_t> prev_;        // internal nodes and leaves
-    std::vector<std::uint16_t> next_;        // nodes and leaves, then the chain heads
+    // Removes the leaf of `pos` (the string 8192 bytes before it) when it is in the tree.
+    void Delete(unsigned pos);
+
+    unsigned Level(unsigned node) const { return nodes_[node].level; }
+    std::uint16_t* FindChildLink(unsigned node, unsigned byte);
+    void PushChild(unsigned node, unsigned byte, unsigned child);
+    void Split(unsigned parent, unsigned old_node, std::uint16_t* old_link, unsigned pos);
+    bool StartBelowLastMatch(unsigned pos, unsigned length, unsigned& parent, unsigned& node);
+
+    // Reading eight bytes at a time may look up to seven bytes past the last lookahead.
+    static constexpr unsigned kCompareSlack = 8;
+    static constexpr unsigned kHeadBits = 16;
+
+    std::array<std::uint8_t, kWindowBufferSize + kCompareSlack> window_;
+    // Internal nodes, leaves, roots and a scratch record; entry 0 is the sentinel of
+    // the chain walk.
+    std::array<Node, 2 * kWindowSize + 256 + 1> nodes_;
+    std::array<std::uint16_t, 1u << kHeadBits> heads_;  // first child of each chain
+    // Children of the roots, by the first two bytes of their strings: the lookup that
+    // starts most searches needs no chain walk.
+    std::array<std::uint16_t, 256 * 256> root_child_;
     unsigned free_node_ = 1;
 
     unsigned match_length_ = 0;
