@@ -8,7 +8,8 @@ expected section of the file.
 A case file holds steps, one per line ('#' starts a comment line):
     gen NAME KIND SIZE SEED     generated input: random, text, code, or fill (SEED = byte)
     hex NAME BYTES...           input from hex bytes
-    write NAME ... end          a text file, written with CR LF line ends
+    write NAME ... end          a text file, written with CR LF line ends (its lines are
+                                kept as they are, empty ones and '#' ones included)
     write-lf NAME ... end       the same with LF line ends
     mkdir NAME
     symlink NAME TARGET         NAME links to TARGET (/dev/full makes a write fail); not listed
@@ -144,8 +145,12 @@ def run_steps(steps, bin_dir, work):
 def run_case(path, bin_dir, update):
     text = open(path, encoding="latin-1").read()
     head, _, expected = text.partition(MARK + "\n")
-    steps = [line for line in head.split("\n")
-             if line.strip() and not line.startswith("#")]
+    steps, in_write = [], False
+    for line in head.split("\n"):
+        # Inside a write block every line is file content, empty ones included.
+        if in_write or (line.strip() and not line.startswith("#")):
+            steps.append(line)
+            in_write = (in_write and line != "end") or line.split(" ")[0] in ("write", "write-lf")
     with tempfile.TemporaryDirectory(prefix="fwforge-case-") as work:
         got = run_steps(steps, bin_dir, work)
     if update:
