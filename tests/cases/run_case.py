@@ -15,13 +15,15 @@ A case file holds steps, one per line ('#' starts a comment line):
     symlink NAME TARGET         NAME links to TARGET (/dev/full makes a write fail); not listed
     run TOOL ARGS...            fwforge, fwforge-inspect or fwforge-lzh
     poke NAME OFFSET BYTES...   overwrite bytes of a file (OFFSET in hex; negative from the end)
+    copy NAME NEW               a copy of a file, to damage one image in several ways
+    cd DIR                      later runs start in DIR (a folder of the case; '.' goes back)
 and then '==== expected', below which --update writes what the steps gave: each run's
 stdout ('| ' lines), stderr ('! ' lines) and exit status, then each file that is not an
 unchanged input, with its size and digest.
 
 FWFORGE_RUNNER (say "wine") is put in front of each tool; FWFORGE_EXE_SUFFIX after its name.
 """
-import argparse, hashlib, os, shlex, subprocess, sys, tempfile
+import argparse, hashlib, os, shlex, shutil, subprocess, sys, tempfile
 
 MARK = "==== expected"
 TOOLS = ("fwforge", "fwforge-inspect", "fwforge-lzh")
@@ -77,7 +79,7 @@ def render(data, prefix):
 def run_steps(steps, bin_dir, work):
     runner = shlex.split(os.environ.get("FWFORGE_RUNNER", ""))
     suffix = os.environ.get("FWFORGE_EXE_SUFFIX", "")
-    inputs, got = {}, []
+    inputs, got, cwd = {}, [], work
     i = 0
     while i < len(steps):
         words = steps[i].split()
@@ -117,11 +119,15 @@ def run_steps(steps, bin_dir, work):
             open(path, "wb").write(data)
             if args[0] in inputs:
                 inputs[args[0]] = bytes(data)
+        elif op == "copy":
+            shutil.copyfile(os.path.join(work, args[0]), os.path.join(work, args[1]))
+        elif op == "cd":
+            cwd = os.path.join(work, args[0])
         elif op == "run":
             if args[0] not in TOOLS:
                 raise SystemExit(f"unknown tool: {args[0]}")
             exe = os.path.join(bin_dir, args[0] + suffix)
-            p = subprocess.run(runner + [exe] + args[1:], cwd=work, capture_output=True,
+            p = subprocess.run(runner + [exe] + args[1:], cwd=cwd, capture_output=True,
                                timeout=300)
             got.append("$ " + " ".join(args))
             got += render(p.stdout, "| ") + render(p.stderr, "! ")
