@@ -2,8 +2,8 @@
 
 #include <algorithm>
 
+#include "format/module_header.h"
 #include "inspect/module_data.h"
-#include "layout/module_header.h"
 #include "platform/byte_order.h"
 #include "platform/text_format.h"
 

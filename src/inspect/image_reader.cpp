@@ -8,10 +8,10 @@
 #include <algorithm>
 #include <cstring>
 
+#include "format/module_header.h"
 #include "inspect/image_model.h"
 #include "inspect/module_chain.h"
 #include "inspect/module_data.h"
-#include "layout/module_header.h"
 #include "platform/byte_order.h"
 #include "platform/text_format.h"
 

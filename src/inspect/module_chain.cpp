@@ -2,7 +2,7 @@
 
 #include <set>
 
-#include "layout/module_header.h"
+#include "format/module_header.h"
 #include "platform/byte_order.h"
 #include "platform/text_format.h"
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 
 #include "compress/lzh_format.h"
-#include "layout/module_header.h"
+#include "format/module_header.h"
 #include "platform/byte_order.h"
 #include "platform/text_format.h"
 
@@ -23,12 +23,11 @@ Sizes SizesOf(std::span<const std::uint8_t> image, const Module& m) {
     if (!m.Compressed() || m.pieces.empty()) return s;
     // The compressed-data header is at the start of the first piece.
     const Piece& first = m.pieces.front();
-    if (first.length < lzh::compressed_data_header::kSize) return s;
+    if (first.length < compressed_data_header::kSize) return s;
     s.compressed = true;
-    s.total =
-        load_le32(image.data() + first.offset + lzh::compressed_data_header::TotalSize.offset);
+    s.total = load_le32(image.data() + first.offset + compressed_data_header::TotalSize.offset);
     s.original =
-        load_le32(image.data() + first.offset + lzh::compressed_data_header::OriginalSize.offset);
+        load_le32(image.data() + first.offset + compressed_data_header::OriginalSize.offset);
     return s;
 }
 

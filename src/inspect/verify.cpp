@@ -3,9 +3,9 @@
 #include <algorithm>
 
 #include "compress/lzh_format.h"
+#include "format/checksum.h"
+#include "format/module_header.h"
 #include "inspect/module_data.h"
-#include "layout/checksum.h"
-#include "layout/module_header.h"
 #include "platform/byte_order.h"
 #include "platform/text_format.h"
 

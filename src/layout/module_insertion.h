@@ -10,8 +10,6 @@
 
 namespace fwforge {
 
-inline constexpr std::uint8_t kDescriptorModuleId = 0x15;
-
 // Inserts module `index` (ModuleCount for the image information module). In sequential
 // placement it goes directly below the PlacementCursor, which it lowers; in gap placement
 // it goes upwards from the PlacementCursor, which names its room.

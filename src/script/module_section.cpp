@@ -245,7 +245,7 @@ void ScriptParser::CheckModuleSection() {
             "Alignment tag not supported for Non-Critical Block modules. "
             "Refer to %s, line %d.");
     }
-    if (module.Header.ModuleId() == kAddOnRomModuleId) {
+    if (module.Header.ModuleId() == kAddonRomModuleId) {
         if (given.link) {
             if (!(given.moduleid && given.vendorid && given.deviceid && given.linkvenid &&
                   given.linkdevid)) {

@@ -28,8 +28,6 @@ struct KeyEntry {
 inline constexpr std::size_t kMaxTokenLength = 260;
 inline constexpr std::size_t kMaxBiosTagLength = 11;
 inline constexpr std::size_t kMaxNameLength = 63;
-inline constexpr std::uint8_t kBootBlockStampModuleId = 0x1B;
-inline constexpr std::uint8_t kAddOnRomModuleId = 0x20;
 
 class ScriptParser {
   public:

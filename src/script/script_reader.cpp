@@ -38,8 +38,8 @@ ScriptParser::ScriptParser(BuildContext& ctx, std::string path)
     : ctx_(ctx), desc_(ctx.description), script_file_name_(std::move(path)) {}
 
 void ScriptParser::Run() {
-    desc_.ModuleHeaderExtension = 8;
-    desc_.MainHeaderExtension = 10;
+    desc_.ModuleHeaderExtension = module_header::kExtensionSize;
+    desc_.MainHeaderExtension = main_header::kExtensionSize;
     ReadScriptFile();
     ctx_.diag.Printf("Parsing %s...\n", script_file_name_.c_str());
 

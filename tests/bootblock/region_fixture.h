@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "driver/build_context.h"
-#include "layout/checksum.h"
+#include "format/checksum.h"
 #include "support/test_files.h"
 
 namespace fwforge::testing {
