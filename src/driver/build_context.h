@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "compress/module_compressor.h"
-#include "driver/diagnostics.h"
+#include "diagnostics/diagnostics.h"
 #include "layout/layout_state.h"
 #include "script/build_description.h"
 
