@@ -2,7 +2,7 @@
 // linked add-on ROMs moved behind their parents, fixed-address reservations, and the
 // hand-off of Extended Boot Block modules.
 
-#include "bootblock/ebb_module_list.h"
+#include "script/ebb_module_list.h"
 #include "script/hex_input.h"
 #include "script/script_parser.h"
 
