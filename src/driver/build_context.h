@@ -13,6 +13,7 @@
 #include "diagnostics/diagnostics.h"
 #include "layout/layout_state.h"
 #include "script/build_description.h"
+#include "script/script_reader.h"
 
 namespace fwforge {
 
@@ -49,5 +50,10 @@ class BuildContext {
   private:
     std::unique_ptr<lzh::Encoder> encoder_;
 };
+
+// Reads the build script into the context's description, with the run's verbosity.
+inline void ParseBuildScript(BuildContext& ctx, const std::string& path) {
+    ParseBuildScript(ctx.diag, ctx.description, path, ctx.options.VerboseMode);
+}
 
 }  // namespace fwforge
