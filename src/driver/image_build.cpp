@@ -59,10 +59,6 @@ void WriteRomFile(BuildContext& ctx) {
 
 }  // namespace
 
-void ReleaseImageBuffers(BuildContext& ctx) {
-    std::vector<std::uint8_t>().swap(ctx.image.ImageBuffer);
-}
-
 void BuildRomImage(BuildContext& ctx) {
     const BuildDescription& desc = ctx.description;
     AllocateImage(ctx);

@@ -9,7 +9,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "driver/build_context.h"
+#include "context/build_context.h"
 #include "format/image_info_records.h"
 #include "format/module_header.h"
 

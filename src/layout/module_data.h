@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "driver/build_context.h"
+#include "context/build_context.h"
 #include "format/compressed_data_header.h"
 
 namespace fwforge {

@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "driver/build_context.h"
+#include "context/build_context.h"
 
 namespace fwforge {
 

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 
-#include "driver/image_build.h"
 #include "format/checksum.h"
 #include "layout/main_header.h"
 #include "layout/module_chain.h"

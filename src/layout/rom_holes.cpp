@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <new>
 
-#include "driver/image_build.h"
 #include "format/block_header.h"
 #include "layout/module_insertion.h"
 #include "platform/file_io.h"

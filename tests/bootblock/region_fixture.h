@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "driver/build_context.h"
+#include "context/build_context.h"
 #include "format/checksum.h"
 #include "support/test_files.h"
 
