@@ -1,4 +1,4 @@
-#include "layout/gap_placement.h"
+#include "driver/gap_placement.h"
 
 #include "imageinfo/image_info.h"
 #include "layout/gap_map.h"
