@@ -37,12 +37,19 @@ inline constexpr std::uint32_t kRegionCap = 0x80000;
 inline constexpr std::uint16_t kCappedLength = 0xFFFF;
 inline constexpr std::uint32_t kCappedRegion = (kRegionCap - 1) / kLengthUnit * kLengthUnit;
 
+// The bytes below the header's end that a Length field of `length` says the checksum
+// covers.
+constexpr std::uint32_t RegionLength(std::uint16_t length) {
+    return length == kCappedLength ? kCappedRegion : std::uint32_t(length) * kLengthUnit;
+}
+
 // Size of an extension of `extension` bytes and the header together, rounded up to a
 // paragraph. Rounding bytes would lie above the header and are never written.
 constexpr std::uint32_t BlockSize(std::uint32_t extension) {
     const std::uint32_t raw = extension + std::uint32_t(kSize);
     return raw + (16 - raw % 16) % 16;
 }
+inline constexpr std::uint32_t kBlockSize = BlockSize(kExtensionSize);  // as the build writes it
 }  // namespace main_header
 
 // RomImageFlags bits, in the main BIOS header and in the image information.

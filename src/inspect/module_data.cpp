@@ -1,7 +1,7 @@
 #include "inspect/module_data.h"
 
 #include "compress/lzh_decoder.h"
-#include "compress/lzh_format.h"
+#include "format/compressed_data_header.h"
 #include "platform/byte_order.h"
 #include "platform/text_format.h"
 
