@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "format/main_header.h"
+#include "format/main_header_block.h"
 #include "format/module_header.h"
 
 namespace fwforge::inspect {

@@ -11,7 +11,7 @@
 
 #include "format/block_header.h"
 #include "format/image_info_records.h"
-#include "format/main_header.h"
+#include "format/main_header_block.h"
 #include "format/module_header.h"
 #include "inspect/image_model.h"
 #include "inspect/module_chain.h"

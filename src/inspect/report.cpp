@@ -4,7 +4,7 @@
 
 #include "format/compressed_data_header.h"
 #include "format/image_info_records.h"
-#include "format/main_header.h"
+#include "format/main_header_block.h"
 #include "format/module_header.h"
 #include "platform/byte_order.h"
 #include "platform/text_format.h"

@@ -7,7 +7,7 @@
 #include "format/checksum.h"
 #include "format/compressed_data_header.h"
 #include "format/image_info_records.h"
-#include "format/main_header.h"
+#include "format/main_header_block.h"
 #include "format/module_header.h"
 #include "inspect/module_data.h"
 #include "platform/byte_order.h"

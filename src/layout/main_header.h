@@ -1,11 +1,11 @@
 #pragma once
-// Writing the main BIOS header block (format/main_header.h): created when the main BIOS
-// starts, finished with its length and checksum once the last module has been placed.
+// Writing the main BIOS header block (format/main_header_block.h): created when the
+// main BIOS starts, finished with its length and checksum once the last module is placed.
 
 #include <cstdint>
 
 #include "context/build_context.h"
-#include "format/main_header.h"
+#include "format/main_header_block.h"
 
 namespace fwforge {
 

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "format/main_header.h"
+#include "format/main_header_block.h"
 #include "format/module_header.h"
 #include "platform/byte_order.h"
 
