@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "bootblock/block_header.h"
+#include "format/block_header.h"
 #include "bootblock/region_fixture.h"
 #include "compress/lzh_decoder.h"
 #include "platform/byte_order.h"

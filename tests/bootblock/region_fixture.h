@@ -11,8 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "driver/build_context.h"
-#include "layout/checksum.h"
+#include "context/build_context.h"
+#include "format/checksum.h"
 #include "support/test_files.h"
 
 namespace fwforge::testing {

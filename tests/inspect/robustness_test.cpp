@@ -12,7 +12,7 @@
 #include "inspect/report.h"
 #include "inspect/test_image.h"
 #include "inspect/verify.h"
-#include "layout/checksum.h"
+#include "format/checksum.h"
 
 namespace fwforge::inspect {
 namespace {

@@ -18,7 +18,7 @@
 #include "inspect/inspect_cli.h"
 #include "inspect/report.h"
 #include "inspect/verify.h"
-#include "layout/checksum.h"
+#include "format/checksum.h"
 #include "platform/byte_order.h"
 
 namespace fwforge::inspect::testing {

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "compress/module_compressor.h"
-#include "driver/build_context.h"
+#include "context/build_context.h"
 #include "layout/gap_map.h"
 #include "layout/main_header.h"
 #include "platform/byte_order.h"

@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "driver/build_context.h"
+#include "context/build_context.h"
 #include "script/script_reader.h"
 #include "support/test_files.h"
 

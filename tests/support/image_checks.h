@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "driver/build_context.h"
+#include "context/build_context.h"
 
 namespace fwforge::testing {
 
