@@ -16,7 +16,7 @@
 #include <string>
 #include <vector>
 
-#include "driver/build_context.h"
+#include "context/build_context.h"
 #include "driver/image_build.h"
 
 namespace fs = std::filesystem;

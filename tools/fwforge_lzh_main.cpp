@@ -35,7 +35,7 @@ std::optional<std::vector<std::uint8_t>> ReadWholeFile(const std::string& name) 
     }
     const auto size = file->Size();
     // Sizes are 32-bit in the compressed data header.
-    if (!size || *size > std::uint32_t(-1) - fwforge::lzh::kCompressedOverhead) {
+    if (!size || *size > std::uint32_t(-1) - fwforge::kCompressedOverhead) {
         Fail(fwforge::StrFormat("cannot read input file %s: size unknown or above 4 GB",
                                 name.c_str()));
         return std::nullopt;
@@ -60,7 +60,7 @@ bool WriteWholeFile(const std::string& name, std::span<const std::uint8_t> data)
 int Compress(const std::string& input, const std::string& output) {
     const auto data = ReadWholeFile(input);
     if (!data) return 1;
-    std::vector<std::uint8_t> result(data->size() + fwforge::lzh::kCompressedOverhead);
+    std::vector<std::uint8_t> result(data->size() + fwforge::kCompressedOverhead);
     // A fresh encoder: its window starts out zero, so the output depends on the input only.
     fwforge::lzh::Encoder encoder;
     const auto compressed = encoder.CompressModule(*data, result);

@@ -5,7 +5,7 @@
 #include <stdexcept>
 #include <vector>
 
-#include "layout/checksum.h"
+#include "format/checksum.h"
 #include "platform/byte_order.h"
 #include "platform/file_io.h"
 #include "platform/text_format.h"

@@ -5,8 +5,8 @@
 #include <stdexcept>
 #include <vector>
 
-#include "bootblock/block_header.h"
-#include "layout/checksum.h"
+#include "format/block_header.h"
+#include "format/checksum.h"
 #include "platform/byte_order.h"
 #include "platform/file_io.h"
 #include "platform/text_format.h"
@@ -67,7 +67,7 @@ ModuleBuffer ReadModuleFile(BuildContext& ctx, const EbbModuleRecord& record) {
 std::uint64_t CompressInPlace(BuildContext& ctx, EbbModuleRecord& record, ModuleBuffer& buffer) {
     std::vector<std::uint8_t> source = AllocateFilled(ctx, buffer.file_size, 0);
     std::copy_n(buffer.bytes.begin(), buffer.file_size, source.begin());
-    if (ctx.options.VerboseMode && record.Header.ModuleId() == 0x80) {
+    if (ctx.options.VerboseMode && record.Header.ModuleId() == kImageInfoModuleId) {
         ctx.diag.Print(" (compressed)");
     }
     const lzh::CompressResult result = ctx.Encoder().CompressModule(source, buffer.bytes);
@@ -175,12 +175,12 @@ void BuildExtendedBootBlock(BuildContext& ctx) {
         // A module's checksum covers its link, so each is sealed once its link is final:
         // the last at once, every other one when the module after it is written.
         if (i + 1 == modules.size()) {
-            SetModuleLink(image, header, 0xFFFFFFFF);
+            SetModuleLink(image, header, kEndOfChain);
             SealModule(image, header);
         }
         if (i != 0) {
             const std::size_t previous = ebb_start + modules[i - 1].EbbOffset;
-            SetModuleLink(image, previous, std::uint32_t(fill + module_header::kExtensionSize));
+            SetModuleLink(image, previous, Link32(std::uint32_t(fill), 0));
             SealModule(image, previous);
         }
         fill += size + kSize;

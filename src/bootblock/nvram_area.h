@@ -1,6 +1,6 @@
 #pragma once
 
-#include "driver/build_context.h"
+#include "context/build_context.h"
 
 namespace fwforge {
 

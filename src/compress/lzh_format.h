@@ -6,6 +6,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "format/compressed_data_header.h"
+
 namespace fwforge::lzh {
 
 // Sliding window: 13 bits, so a match reaches back at most 8191 bytes and a distance
@@ -35,17 +37,8 @@ inline constexpr unsigned kZeroRunSymbols = 3;
 // The code-length code's own lengths carry a 2-bit skip count after the third length.
 inline constexpr unsigned kCodeLenSkipAfter = 3;
 
-// Compressed module data: CompressedDataHeader, the bit stream, a closing 0x00.
-struct DataField {
-    std::size_t offset;
-    std::size_t width;
-};
-namespace compressed_data_header {
-inline constexpr std::size_t kSize = 8;
-inline constexpr DataField TotalSize{0, 4};     // header + bit stream + closing byte
-inline constexpr DataField OriginalSize{4, 4};  // input bytes the encoder consumed
-}  // namespace compressed_data_header
-// The header plus the closing byte: what a run adds around its bit stream.
-inline constexpr std::uint32_t kCompressedOverhead = compressed_data_header::kSize + 1;
+// Compressed module data: the header of format/compressed_data_header.h, the bit
+// stream, a closing 0x00. Fields of other LZH structures are described the same way.
+using DataField = HeaderField;
 
 }  // namespace fwforge::lzh

@@ -5,8 +5,8 @@
 #include "bootblock/boot_block.h"
 #include "bootblock/extended_boot_block.h"
 #include "bootblock/nvram_area.h"
+#include "driver/gap_placement.h"
 #include "imageinfo/image_info.h"
-#include "layout/gap_placement.h"
 #include "layout/main_header.h"
 #include "layout/module_insertion.h"
 #include "layout/module_sizing.h"
@@ -58,10 +58,6 @@ void WriteRomFile(BuildContext& ctx) {
 }
 
 }  // namespace
-
-void ReleaseImageBuffers(BuildContext& ctx) {
-    std::vector<std::uint8_t>().swap(ctx.image.ImageBuffer);
-}
 
 void BuildRomImage(BuildContext& ctx) {
     const BuildDescription& desc = ctx.description;

@@ -2,7 +2,7 @@
 
 #include <new>
 
-#include "driver/build_context.h"
+#include "context/build_context.h"
 #include "driver/image_build.h"
 #include "script/script_reader.h"
 

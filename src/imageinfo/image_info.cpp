@@ -63,20 +63,21 @@ std::vector<std::uint8_t> ImageInformationData(const BuildDescription& d) {
     RecordWriter out;
 
     const std::string_view version = kToolVersion;
-    std::size_t item = out.Append(rec::kToolVersionType, 4, 1);
-    std::copy_n(version.begin(), std::min<std::size_t>(version.size(), 4), out.at(item));
+    std::size_t item = out.Append(rec::kToolVersionType, rec::kToolVersionItemSize, 1);
+    std::copy_n(version.begin(), std::min(version.size(), rec::ToolVersion.width),
+                out.at(item + rec::ToolVersion.offset));
 
-    item = out.Append(rec::kRomImageType, 2, 1);
-    *out.at(item) = d.RomImage.RomImageVersion;
-    *out.at(item + 1) = d.RomImage.RomImageFlags;
+    item = out.Append(rec::kRomImageType, rec::kRomImageItemSize, 1);
+    *out.at(item + rec::RomImageVersion.offset) = d.RomImage.RomImageVersion;
+    *out.at(item + rec::RomImageFlags.offset) = d.RomImage.RomImageFlags;
 
-    item = out.Append(rec::kBootBlockOffsetsType, 8, 1);
-    store_le32(out.at(item), d.Init.BiosTagOffset);
-    store_le32(out.at(item + 4), d.Init.ChecksumOffset);
+    item = out.Append(rec::kBootBlockOffsetsType, rec::kBootBlockOffsetsItemSize, 1);
+    store_le32(out.at(item + rec::BiosTagOffset.offset), d.Init.BiosTagOffset);
+    store_le32(out.at(item + rec::ChecksumOffset.offset), d.Init.ChecksumOffset);
 
-    item = out.Append(rec::kBootAreaSizesType, 8, 1);
-    store_le32(out.at(item), d.Bios.BootBlockSize + d.Bios.MaxEbbSize);
-    store_le32(out.at(item + 4), d.Bios.NvramSize);
+    item = out.Append(rec::kBootAreaSizesType, rec::kBootAreaSizesItemSize, 1);
+    store_le32(out.at(item + rec::BootAreaSize.offset), d.Bios.BootBlockSize + d.Bios.MaxEbbSize);
+    store_le32(out.at(item + rec::NvramSize.offset), d.Bios.NvramSize);
 
     // The slots follow the script's count of alignment and startaddress keys, which
     // can exceed the number of modules (a key given twice counts twice).

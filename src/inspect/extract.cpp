@@ -2,13 +2,18 @@
 
 #include <algorithm>
 
+#include "format/compressed_data_header.h"
+#include "format/image_info_records.h"
+#include "format/main_header_block.h"
+#include "format/module_header.h"
 #include "inspect/module_data.h"
-#include "layout/module_header.h"
 #include "platform/byte_order.h"
 #include "platform/text_format.h"
 
 namespace fwforge::inspect {
 namespace {
+
+namespace rec = image_info_record;
 
 // The boot block file that fwforge reads is a 64 KB segment whose last BootBlockSize
 // bytes are the boot block; the bytes in front of it are never read.
@@ -115,7 +120,8 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
             const bool reserve_shows = model.gap_placement && m.area != ModuleArea::Ebb &&
                                        m.header.data_size == round4(decoded.total) &&
                                        round4(decoded.total + 2) != round4(decoded.total);
-            if ((m.header.id == kStampModuleId && m.area != ModuleArea::Ebb) || reserve_shows) {
+            if ((m.header.id == kBootBlockStampModuleId && m.area != ModuleArea::Ebb) ||
+                reserve_shows) {
                 module_files[i] = name;
                 recompress[i] = true;
             }
@@ -198,7 +204,7 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
     if (ebb) s.Key("maxebbsize", StrFormat("%08x", ebb));
     s.Key("tag", Lower(tag));
     s.Line("");
-    const bool force32 = (flags & 0x01) && model.size <= 0x100000;
+    const bool force32 = (flags & rom_image_flag::Mode32Bit) && model.size <= 0x100000;
     if (version != 0 || force32 || model.size > 0x100000) {
         s.Line("[romimage]");
         s.Key("version", StrFormat("%x", version));
@@ -224,8 +230,10 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
     auto placed_size = [&](std::size_t i) {
         const Module& m = *main_chain[i];
         std::uint64_t size = m.header.data_size;
-        if (m.Compressed() && !m.pieces.empty() && m.pieces.front().length >= 4) {
-            const std::uint64_t total = load_le32(image.data() + m.pieces.front().offset);
+        if (m.Compressed() && !m.pieces.empty() &&
+            m.pieces.front().length >= compressed_data_header::TotalSize.end()) {
+            const std::uint64_t total = load_le32(image.data() + m.pieces.front().offset +
+                                                  compressed_data_header::TotalSize.offset);
             size = std::max(size, (total + 2 + 3) & ~std::uint64_t(3));
         }
         for (const ImageInfoItemConstrained& c : model.info.constrained) {
@@ -327,7 +335,7 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
         s.Line("");
         if (recompress[k]) {
             lost.push_back(DescribeModule(model, m) +
-                           (m.header.id == kStampModuleId
+                           (m.header.id == kBootBlockStampModuleId
                                 ? ": given decompressed (it supplies the boot block stamp)"
                                 : ": given decompressed (its placement counts its compressed "
                                   "size, which the stored data rounds away)") +
@@ -389,10 +397,11 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
     // ROM holes and non-critical blocks, from the image information module.
     int hole_number = 0, block_number = 0;
     for (const ImageInfoItemHole& hole : model.info.holes) {
-        s.Line(hole.kind == 2 ? "[noncriticalrom]" : "[romhole]");
-        if (hole.kind == 2) {
+        s.Line(hole.kind == rec::kNonCriticalBlock ? "[noncriticalrom]" : "[romhole]");
+        if (hole.kind == rec::kNonCriticalBlock) {
             s.Key("name", StrFormat("ncb%d", ++block_number));
-        } else if (hole.kind == 1 && std::uint64_t(hole.start) + hole.size <= model.size) {
+        } else if (hole.kind == rec::kFileHole &&
+                   std::uint64_t(hole.start) + hole.size <= model.size) {
             const std::string name = StrFormat("romhole%d.bin", ++hole_number);
             plan.files.push_back(
                 {name, std::vector<std::uint8_t>(image.begin() + hole.start,
@@ -414,7 +423,7 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
     }
     if (model.main && model.main->stamp != 0 &&
         std::none_of(model.modules.begin(), model.modules.end(),
-                     [](const Module& m) { return m.header.id == kStampModuleId; })) {
+                     [](const Module& m) { return m.header.id == kBootBlockStampModuleId; })) {
         lost.push_back(
             StrFormat("the boot block stamp %08x: no module 1B supplies it", model.main->stamp));
     }

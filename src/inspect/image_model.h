@@ -2,7 +2,8 @@
 // What fwforge-inspect knows about a ROM image after reading it: the regions from the
 // top down, the module chains (main BIOS, Extended Boot Block, non-critical blocks),
 // the image information records, and every problem met while reading. The reader fills
-// it from the image bytes alone; verify, list, map, extract and diff only read it.
+// it from the image bytes alone, through the structures of src/format/; verify, list,
+// map, extract and diff only read it.
 
 #include <cstdint>
 #include <optional>
@@ -10,46 +11,10 @@
 #include <string>
 #include <vector>
 
+#include "format/main_header_block.h"
+#include "format/module_header.h"
+
 namespace fwforge::inspect {
-
-// Signatures and fixed sizes of the structures the reader looks for.
-inline constexpr char kMainHeaderSignature[] = "ZELBIOSC";
-inline constexpr char kEbbSignature[] = "ZELEBBLK";
-inline constexpr char kNcbSignature[] = "ZELNCBLK";
-inline constexpr std::size_t kSignatureSize = 8;
-
-// The main BIOS header block: a 10-byte extension, the 22-byte header; offsets are
-// counted from the signature's first byte, the extension lies at negative offsets.
-namespace main_header {
-inline constexpr std::size_t kExtensionSize = 10;
-inline constexpr std::size_t kHeaderSize = 22;
-inline constexpr std::size_t kBlockSize = 32;  // extension + header, rounded up to 16
-inline constexpr std::ptrdiff_t RomImageVersion = -5;
-inline constexpr std::ptrdiff_t RomImageFlags = -4;
-inline constexpr std::ptrdiff_t ModuleHeaderExtension = -2;
-inline constexpr std::ptrdiff_t MainHeaderExtension = -1;
-inline constexpr std::size_t BootBlockStamp = 8;
-inline constexpr std::size_t Length = 12;  // units of 8 bytes; 0xFFFF when capped
-inline constexpr std::size_t Checksum = 14;
-inline constexpr std::size_t Link = 18;  // 32-bit, or offset word at 18 + segment at 20
-inline constexpr std::uint16_t kCappedLength = 0xFFFF;
-inline constexpr std::uint32_t kCappedRegion = 0x7FFF8;  // bytes summed when capped
-}  // namespace main_header
-
-// The 24-byte header of the Extended Boot Block and of every non-critical block.
-namespace block_header {
-inline constexpr std::size_t kSize = 24;
-inline constexpr std::size_t HeaderLength = 8;        // 16-bit, 24
-inline constexpr std::size_t HeaderChecksum = 10;     // 16-bit
-inline constexpr std::size_t BlockLength = 12;        // 32-bit
-inline constexpr std::size_t BlockChecksum = 16;      // 32-bit
-inline constexpr std::size_t FirstModuleOffset = 20;  // 32-bit, 0x20 or 0xFFFFFFFF
-}  // namespace block_header
-
-inline constexpr std::uint32_t kEndOfChain = 0xFFFFFFFF;
-inline constexpr std::uint8_t kImageInfoModuleId = 0x80;
-inline constexpr std::uint8_t kAddonRomModuleId = 0x20;
-inline constexpr std::uint8_t kStampModuleId = 0x1B;
 
 enum class LinkForm { Auto, Bits16, Bits32 };
 
@@ -125,7 +90,7 @@ struct ImageInfoItemConstrained {  // record 0x40
 };
 
 struct ImageInfoItemHole {  // record 0x50
-    std::uint8_t kind = 0;  // 0 filler, 1 file, 2 non-critical block
+    std::uint8_t kind = 0;  // image_info_record::kFillerHole, kFileHole, kNonCriticalBlock
     std::uint8_t filler = 0;
     std::uint32_t start = 0;  // image offset
     std::uint32_t size = 0;
@@ -143,15 +108,17 @@ struct ImageInfo {
 };
 
 struct MainHeader {
-    std::uint32_t signature = 0;  // image offset of "ZELBIOSC"
+    std::uint32_t signature = 0;  // image offset of the signature
     std::uint8_t version = 0, flags = 0;
     std::uint8_t module_extension = 0, main_extension = 0;
     std::uint32_t stamp = 0;
     std::uint16_t length = 0;
     std::uint32_t checksum = 0;
     std::uint32_t link = 0;
-    std::uint32_t End() const { return signature + 22; }
-    std::uint32_t BlockStart() const { return signature - 10; }
+    std::uint32_t End() const { return signature + std::uint32_t(main_header::kSize); }
+    std::uint32_t BlockStart() const {
+        return signature - std::uint32_t(main_header::kExtensionSize);
+    }
 };
 
 struct ImageModel {

@@ -7,11 +7,15 @@
 
 #include <algorithm>
 #include <cstring>
+#include <string_view>
 
+#include "format/block_header.h"
+#include "format/image_info_records.h"
+#include "format/main_header_block.h"
+#include "format/module_header.h"
 #include "inspect/image_model.h"
 #include "inspect/module_chain.h"
 #include "inspect/module_data.h"
-#include "layout/module_header.h"
 #include "platform/byte_order.h"
 #include "platform/text_format.h"
 
@@ -19,15 +23,16 @@ namespace fwforge::inspect {
 namespace {
 
 using Bytes = std::span<const std::uint8_t>;
+namespace rec = image_info_record;
 
-std::vector<std::uint32_t> FindSignature(Bytes image, const char* signature) {
+std::vector<std::uint32_t> FindSignature(Bytes image, std::string_view signature) {
     std::vector<std::uint32_t> hits;
-    if (image.size() < kSignatureSize) return hits;
+    if (image.size() < signature.size()) return hits;
     const auto* begin = image.data();
     const auto* end = image.data() + image.size();
-    const auto* sig = reinterpret_cast<const std::uint8_t*>(signature);
+    const auto* sig = reinterpret_cast<const std::uint8_t*>(signature.data());
     for (const auto* p = begin; p < end;) {
-        p = std::search(p, end, sig, sig + kSignatureSize);
+        p = std::search(p, end, sig, sig + signature.size());
         if (p == end) break;
         hits.push_back(static_cast<std::uint32_t>(p - begin));
         ++p;
@@ -38,9 +43,8 @@ std::vector<std::uint32_t> FindSignature(Bytes image, const char* signature) {
 std::optional<MainHeader> FindMainHeader(Bytes image, ImageModel& model) {
     std::optional<MainHeader> best;
     int best_score = -1;
-    for (std::uint32_t sig : FindSignature(image, kMainHeaderSignature)) {
-        if (sig < main_header::kExtensionSize ||
-            !Fits(sig, main_header::kHeaderSize, image.size())) {
+    for (std::uint32_t sig : FindSignature(image, main_header::kSignature)) {
+        if (sig < main_header::kExtensionSize || !Fits(sig, main_header::kSize, image.size())) {
             continue;
         }
         const std::uint8_t* p = image.data() + sig;
@@ -48,12 +52,12 @@ std::optional<MainHeader> FindMainHeader(Bytes image, ImageModel& model) {
         h.signature = sig;
         h.version = p[main_header::RomImageVersion];
         h.flags = p[main_header::RomImageFlags];
-        h.module_extension = p[main_header::ModuleHeaderExtension];
-        h.main_extension = p[main_header::MainHeaderExtension];
-        h.stamp = load_le32(p + main_header::BootBlockStamp);
-        h.length = load_le16(p + main_header::Length);
-        h.checksum = load_le32(p + main_header::Checksum);
-        h.link = load_le32(p + main_header::Link);
+        h.module_extension = p[main_header::ModuleExtensionSize];
+        h.main_extension = p[main_header::MainExtensionSize];
+        h.stamp = load_le32(p + main_header::BootBlockStamp.offset);
+        h.length = load_le16(p + main_header::Length.offset);
+        h.checksum = load_le32(p + main_header::Checksum.offset);
+        h.link = load_le32(p + main_header::FirstLink.offset);
         // A copy of the signature inside some module's data is possible; the real
         // header has the extension sizes and a link that leads to a header.
         int score = 0;
@@ -84,7 +88,7 @@ void ChooseLinkForm(Bytes image, const InspectOptions& options, ImageModel& mode
                                             : "16-bit links (forced with --16)");
         return;
     }
-    if (h.flags & 0x01) {
+    if (h.flags & rom_image_flag::Mode32Bit) {
         model.links32 = true;
         model.notes.push_back("32-bit links (flags byte has the 32-bit mode bit)");
         return;
@@ -110,13 +114,15 @@ void ChooseLinkForm(Bytes image, const InspectOptions& options, ImageModel& mode
 std::optional<Block> ReadBlockHeader(Bytes image, std::uint32_t at) {
     if (!Fits(at, block_header::kSize, image.size())) return std::nullopt;
     const std::uint8_t* p = image.data() + at;
-    if (load_le16(p + block_header::HeaderLength) != block_header::kSize) return std::nullopt;
+    if (load_le16(p + block_header::HeaderLength.offset) != block_header::kSize) {
+        return std::nullopt;
+    }
     Block b;
     b.offset = at;
-    b.length = load_le32(p + block_header::BlockLength);
-    b.header_checksum = load_le16(p + block_header::HeaderChecksum);
-    b.block_checksum = load_le32(p + block_header::BlockChecksum);
-    b.first_module = load_le32(p + block_header::FirstModuleOffset);
+    b.length = load_le32(p + block_header::BlockLength.offset);
+    b.header_checksum = load_le16(p + block_header::HeaderChecksum.offset);
+    b.block_checksum = load_le32(p + block_header::BlockChecksum.offset);
+    b.first_module = load_le32(p + block_header::FirstModuleOffset.offset);
     if (b.length < block_header::kSize) return std::nullopt;
     return b;
 }
@@ -152,14 +158,16 @@ void ReadImageInfo(Bytes image, ImageModel& model) {
     }
     std::size_t at = 0;
     for (int guard = 0; guard < 16; ++guard) {
-        if (at + 5 > data.size()) {
+        if (at + rec::kHeadSize > data.size()) {
             model.problems.push_back(
                 {"image information module", StrFormat("record at %zx is cut off", at)});
             return;
         }
-        const std::uint16_t next = load_le16(&data[at]);
-        const std::uint8_t type = data[at + 2], item = data[at + 3], count = data[at + 4];
-        const std::size_t items = at + 5;
+        const std::uint16_t next = load_le16(&data[at + rec::NextOffset.offset]);
+        const std::uint8_t type = data[at + rec::Type.offset];
+        const std::uint8_t item = data[at + rec::ItemSize.offset];
+        const std::uint8_t count = data[at + rec::ItemCount.offset];
+        const std::size_t items = at + rec::kHeadSize;
         if (items + std::size_t(item) * count > data.size()) {
             model.problems.push_back(
                 {"image information module",
@@ -167,28 +175,36 @@ void ReadImageInfo(Bytes image, ImageModel& model) {
             return;
         }
         const std::uint8_t* p = &data[items];
-        if (type == 0x60 && item == 4 && count >= 1) {
-            model.info.tool_version.assign(reinterpret_cast<const char*>(p), 4);
-        } else if (type == 0x10 && item == 2 && count >= 1) {
-            model.info.rom_image_version = p[0];
-            model.info.rom_image_flags = p[1];
-        } else if (type == 0x20 && item == 8 && count >= 1) {
-            model.info.bios_tag_offset = load_le32(p);
-            model.info.checksum_offset = load_le32(p + 4);
-        } else if (type == 0x30 && item == 8 && count >= 1) {
-            model.info.boot_area_size = load_le32(p);
-            model.info.nvram_size = load_le32(p + 4);
-        } else if (type == 0x40 && item == 6) {
-            for (int i = 0; i < count; ++i, p += 6) {
-                model.info.constrained.push_back({p[0], p[1], load_le32(p + 2)});
+        if (type == rec::kToolVersionType && item == rec::kToolVersionItemSize && count >= 1) {
+            model.info.tool_version.assign(
+                reinterpret_cast<const char*>(p + rec::ToolVersion.offset), rec::ToolVersion.width);
+        } else if (type == rec::kRomImageType && item == rec::kRomImageItemSize && count >= 1) {
+            model.info.rom_image_version = p[rec::RomImageVersion.offset];
+            model.info.rom_image_flags = p[rec::RomImageFlags.offset];
+        } else if (type == rec::kBootBlockOffsetsType && item == rec::kBootBlockOffsetsItemSize &&
+                   count >= 1) {
+            model.info.bios_tag_offset = load_le32(p + rec::BiosTagOffset.offset);
+            model.info.checksum_offset = load_le32(p + rec::ChecksumOffset.offset);
+        } else if (type == rec::kBootAreaSizesType && item == rec::kBootAreaSizesItemSize &&
+                   count >= 1) {
+            model.info.boot_area_size = load_le32(p + rec::BootAreaSize.offset);
+            model.info.nvram_size = load_le32(p + rec::NvramSize.offset);
+        } else if (type == rec::kConstrainedModulesType && item == rec::kModuleItemSize) {
+            for (int i = 0; i < count; ++i, p += rec::kModuleItemSize) {
+                model.info.constrained.push_back({p[rec::ModuleInsertionIndex.offset],
+                                                  p[rec::ModuleAlignment.offset],
+                                                  load_le32(p + rec::ModuleStartAddress.offset)});
             }
-        } else if (type == 0x50 && item == 10) {
-            for (int i = 0; i < count; ++i, p += 10) {
-                model.info.holes.push_back({p[0], p[1], load_le32(p + 2), load_le32(p + 6)});
+        } else if (type == rec::kRomHolesType && item == rec::kRomHoleItemSize) {
+            for (int i = 0; i < count; ++i, p += rec::kRomHoleItemSize) {
+                model.info.holes.push_back({p[rec::RomHoleKind.offset],
+                                            p[rec::RomHoleFiller.offset],
+                                            load_le32(p + rec::RomHoleStart.offset),
+                                            load_le32(p + rec::RomHoleSize.offset)});
             }
         }
         model.info.data_length = items + std::size_t(item) * count;
-        if (next == 0xFFFF) return;
+        if (next == rec::kLastRecord) return;
         if (next <= at) {
             model.problems.push_back({"image information module",
                                       StrFormat("record at %zx links back to %x", at, next)});
@@ -199,7 +215,7 @@ void ReadImageInfo(Bytes image, ImageModel& model) {
 }
 
 void FindBlocks(Bytes image, ImageModel& model) {
-    for (std::uint32_t at : FindSignature(image, kEbbSignature)) {
+    for (std::uint32_t at : FindSignature(image, block_header::kEbbSignature)) {
         if (InsideMainModuleData(model, at)) continue;
         auto block = ReadBlockHeader(image, at);
         if (!block) continue;
@@ -212,7 +228,7 @@ void FindBlocks(Bytes image, ImageModel& model) {
         model.ebb = block;  // the highest one wins: the EBB sits right below the boot block
     }
     std::vector<Block> found;
-    for (std::uint32_t at : FindSignature(image, kNcbSignature)) {
+    for (std::uint32_t at : FindSignature(image, block_header::kNcbSignature)) {
         // Non-critical blocks start at paragraph addresses.
         if (at % 16 != 0 || InsideMainModuleData(model, at)) continue;
         auto block = ReadBlockHeader(image, at);
@@ -228,7 +244,7 @@ void FindBlocks(Bytes image, ImageModel& model) {
     // Blocks are built in the order the image information lists them; that order also
     // numbers their modules. Blocks it does not list follow in address order.
     for (const ImageInfoItemHole& hole : model.info.holes) {
-        if (hole.kind != 2) continue;
+        if (hole.kind != rec::kNonCriticalBlock) continue;
         auto it = std::find_if(found.begin(), found.end(),
                                [&](const Block& b) { return b.offset == hole.start; });
         if (it != found.end()) {
@@ -275,7 +291,8 @@ ImageModel ReadImage(std::span<const std::uint8_t> image, const InspectOptions& 
     model.size = static_cast<std::uint32_t>(image.size());
     model.main = FindMainHeader(image, model);
     if (!model.main) {
-        model.problems.push_back({"image", "no main BIOS header (signature \"ZELBIOSC\") found"});
+        model.problems.push_back({"image", "no main BIOS header (signature \"" +
+                                               std::string(main_header::kSignature) + "\") found"});
     } else {
         ChooseLinkForm(image, options, model);
         model.address_base = model.links32 || model.size > 0x100000 ? 0 : 0x100000 - model.size;
@@ -285,9 +302,7 @@ ImageModel ReadImage(std::span<const std::uint8_t> image, const InspectOptions& 
                                                model.main->module_extension)});
         }
         const MainHeader& h = *model.main;
-        const std::uint32_t region = h.length == main_header::kCappedLength
-                                         ? main_header::kCappedRegion
-                                         : std::uint32_t(h.length) * 8;
+        const std::uint32_t region = main_header::RegionLength(h.length);
         if (region > h.End()) {
             model.problems.push_back(
                 {"main BIOS header",
@@ -313,7 +328,7 @@ ImageModel ReadImage(std::span<const std::uint8_t> image, const InspectOptions& 
     FindBootArea(options, model);
     const std::uint8_t flags =
         model.info.rom_image_flags.value_or(model.main ? model.main->flags : 0);
-    model.gap_placement = (flags & 0x02) != 0 || !model.info.holes.empty();
+    model.gap_placement = (flags & rom_image_flag::HasRomHoles) != 0 || !model.info.holes.empty();
     for (const auto& c : model.info.constrained) {
         if (c.start_address != kEndOfChain) model.gap_placement = true;
     }

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "format/module_header.h"
 #include "inspect/report.h"
 #include "inspect/verify.h"
 #include "platform/text_format.h"
@@ -32,7 +33,7 @@ std::vector<MapEntry> ModuleEntries(const ImageModel& model, const Module& m, in
                        index});
     }
     const std::uint32_t end = m.Linked() || m.pieces.empty()
-                                  ? m.header.offset + 20
+                                  ? m.header.offset + std::uint32_t(module_header::kSize)
                                   : m.pieces.back().offset + m.pieces.back().length;
     out.push_back({m.header.offset, end, MapKind::Module, depth,
                    m.Split() ? name + " last piece" : name, details, index});

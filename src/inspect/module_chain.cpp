@@ -2,7 +2,8 @@
 
 #include <set>
 
-#include "layout/module_header.h"
+#include "format/block_header.h"
+#include "format/module_header.h"
 #include "platform/byte_order.h"
 #include "platform/text_format.h"
 
@@ -58,8 +59,8 @@ namespace {
 
 using Bytes = std::span<const std::uint8_t>;
 
-// Attribute bits that no writer sets.
-constexpr std::uint8_t kUnusedAttributeBits = 0x0F;
+constexpr std::uint32_t kHeader = module_header::kSize;
+constexpr std::uint32_t kBase = module_header::kExtensionSize;  // links point here
 
 HeaderView ReadHeader(Bytes image, std::uint32_t at) {
     const std::uint8_t* p = image.data() + at;
@@ -90,7 +91,7 @@ bool LinkWithoutBit(const HeaderView& h, const Module* before) {
     return before != nullptr && h.id == kAddonRomModuleId &&
            before->header.id == kAddonRomModuleId &&
            (h.attributes & (module_attr::LinkedRom | module_attr::SplitPiece)) == 0 &&
-           h.offset + std::uint64_t(module_header::kSize) == FirstHeader(*before) &&
+           h.offset + std::uint64_t(kHeader) == FirstHeader(*before) &&
            h.data_size == before->header.data_size;
 }
 
@@ -108,19 +109,15 @@ void NoteLinkWithoutBit(ImageModel& model, const Module& m) {
 // image that ends at 0xFFFFF; 32-bit links are the base header's image offset.
 std::optional<std::uint32_t> DecodeMainLink(std::uint32_t value, bool links32, std::uint32_t size) {
     if (value == kEndOfChain) return std::nullopt;
-    std::uint64_t base_header;
-    if (links32) {
-        base_header = value;
-    } else {
-        if (size > 0x100000) return std::nullopt;
-        const std::uint64_t address = std::uint64_t(value >> 16) * 16 + (value & 0xFFFF);
-        const std::uint64_t address_base = 0x100000 - size;
-        if (address < address_base) return std::nullopt;
-        base_header = address - address_base;
+    std::uint64_t base_header = value;
+    if (!links32) {
+        const std::optional<std::uint64_t> target = RealModeLinkTarget(value, size);
+        if (!target) return std::nullopt;
+        base_header = *target;
     }
-    if (base_header < module_header::kExtensionSize) return std::nullopt;
-    const std::uint64_t header = base_header - module_header::kExtensionSize;
-    if (!Fits(header, module_header::kSize, size)) return std::nullopt;
+    if (base_header < kBase) return std::nullopt;
+    const std::uint64_t header = base_header - kBase;
+    if (!Fits(header, kHeader, size)) return std::nullopt;
     return static_cast<std::uint32_t>(header);
 }
 
@@ -128,8 +125,9 @@ std::optional<std::uint32_t> DecodeMainLink(std::uint32_t value, bool links32, s
 bool PlausibleHeader(Bytes image, std::uint32_t at) {
     const HeaderView h = ReadHeader(image, at);
     if (h.attributes & module_attr::LinkedRom) return true;
-    if (h.attributes & module_attr::SplitPiece) return Fits(at + 20ull, h.data_size, image.size());
-    return Fits(at + 20ull, h.data_size, image.size()) || h.data_size16 == 0xFFFF;
+    const std::uint64_t data = std::uint64_t(at) + kHeader;
+    if (h.attributes & module_attr::SplitPiece) return Fits(data, h.data_size, image.size());
+    return Fits(data, h.data_size, image.size()) || h.data_size16 == 0xFFFF;
 }
 
 // Walks the main chain. Split pieces are gathered into the module that their last
@@ -153,8 +151,8 @@ void WalkMainChain(Bytes image, ImageModel& model) {
             break;
         }
         const HeaderView h = ReadHeader(image, *at);
-        const std::uint32_t data = *at + 20;
-        if (h.attributes & kUnusedAttributeBits) {
+        const std::uint32_t data = *at + kHeader;
+        if (h.attributes & module_attr::kUnused) {
             model.problems.push_back(
                 {from, StrFormat("link %08x leads to a header at %x with unknown attribute bits "
                                  "(%02x): not a module header?",
@@ -237,7 +235,7 @@ void WalkBlockChain(Bytes image, ImageModel& model, const Block& block, ModuleAr
                     int block_index, const std::string& name, int& index) {
     std::set<std::uint32_t> visited;
     std::uint32_t link = block.first_module;
-    if (link != kEndOfChain && link != block_header::kSize + module_header::kExtensionSize) {
+    if (link != kEndOfChain && link != block_header::kFirstModuleOffset) {
         model.problems.push_back(
             {name + " header",
              StrFormat("first module offset %08x is neither 20 nor ffffffff", link)});
@@ -248,7 +246,6 @@ void WalkBlockChain(Bytes image, ImageModel& model, const Block& block, ModuleAr
     // add-on ROM with linked ones, that is the lowest link header: the links lie below
     // their parent and follow it in the chain. The chain starts at the parent, the
     // first header above them whose links run down through them to the lowest one.
-    constexpr std::uint32_t kHeader = module_header::kSize;
     const std::uint64_t first = std::uint64_t(block.offset) + block_header::kSize;
     auto linked_at = [&](std::uint64_t at) {
         if (at + kHeader > block_end) return false;
@@ -259,17 +256,16 @@ void WalkBlockChain(Bytes image, ImageModel& model, const Block& block, ModuleAr
         return h.id == kAddonRomModuleId && above.id == kAddonRomModuleId &&
                h.data_size == above.data_size && (h.attributes & module_attr::SplitPiece) == 0;
     };
-    if (link == block_header::kSize + module_header::kExtensionSize && linked_at(first)) {
+    if (link == block_header::kFirstModuleOffset && linked_at(first)) {
         std::uint64_t parent = first;
         while (linked_at(parent)) parent += kHeader;
         bool chained = parent + kHeader <= block_end;
         for (std::uint64_t at = parent; chained && at > first; at -= kHeader) {
             chained = ReadHeader(image, static_cast<std::uint32_t>(at)).next_link ==
-                      at - kHeader - block.offset + module_header::kExtensionSize;
+                      at - kHeader - block.offset + kBase;
         }
         if (chained) {
-            link =
-                static_cast<std::uint32_t>(parent - block.offset + module_header::kExtensionSize);
+            link = static_cast<std::uint32_t>(parent - block.offset + kBase);
             model.notes.push_back(name +
                                   ": the chain starts at the add-on ROM above the link "
                                   "headers that its header names");
@@ -277,8 +273,8 @@ void WalkBlockChain(Bytes image, ImageModel& model, const Block& block, ModuleAr
     }
     const Module* before = nullptr;  // the module before in this block's chain
     while (link != kEndOfChain) {
-        const std::uint64_t header = std::uint64_t(block.offset) + link - 8;
-        if (link < block_header::kSize + 8 || header + 20 > block_end) {
+        const std::uint64_t header = std::uint64_t(block.offset) + link - kBase;
+        if (link < block_header::kFirstModuleOffset || header + kHeader > block_end) {
             model.problems.push_back(
                 {from, StrFormat("link %08x points outside %s", link, name.c_str())});
             break;
@@ -298,19 +294,19 @@ void WalkBlockChain(Bytes image, ImageModel& model, const Block& block, ModuleAr
             m.link_without_bit = true;
             NoteLinkWithoutBit(model, m);
         }
-        if (m.header.attributes & kUnusedAttributeBits) {
+        if (m.header.attributes & module_attr::kUnused) {
             model.problems.push_back(
                 {from, StrFormat("link %08x leads to a header at %x with unknown attribute bits "
                                  "(%02x): not a module header?",
                                  link, at, m.header.attributes)});
         }
         if (!m.Linked()) {
-            Piece piece{at + 20, m.header.data_size};
-            if (at + 20ull + m.header.data_size > block_end) {
+            Piece piece{at + kHeader, m.header.data_size};
+            if (at + std::uint64_t(kHeader) + m.header.data_size > block_end) {
                 model.problems.push_back(
                     {DescribeModule(model, m), StrFormat("data of %x bytes runs past the end of %s",
                                                          m.header.data_size, name.c_str())});
-                piece.length = static_cast<std::uint32_t>(block_end - (at + 20));
+                piece.length = static_cast<std::uint32_t>(block_end - (at + kHeader));
                 m.truncated = true;
             }
             m.pieces.push_back(piece);

@@ -1,7 +1,7 @@
 #include "inspect/module_data.h"
 
 #include "compress/lzh_decoder.h"
-#include "compress/lzh_format.h"
+#include "format/compressed_data_header.h"
 #include "platform/byte_order.h"
 #include "platform/text_format.h"
 
@@ -15,16 +15,16 @@ constexpr std::uint32_t kLargestOriginal = 64u << 20;
 }  // namespace
 
 DecodeResult DecodeStoredData(std::span<const std::uint8_t> stored) {
-    namespace header = lzh::compressed_data_header;
+    namespace header = compressed_data_header;
     DecodeResult r;
-    if (stored.size() < lzh::kCompressedOverhead) {
+    if (stored.size() < kCompressedOverhead) {
         r.status = DecodeStatus::BadHeader;
         r.message = StrFormat("%zx bytes are too few for compressed data", stored.size());
         return r;
     }
     r.total = load_le32(stored.data() + header::TotalSize.offset);
     r.original = load_le32(stored.data() + header::OriginalSize.offset);
-    if (r.total < lzh::kCompressedOverhead || r.total > stored.size()) {
+    if (r.total < kCompressedOverhead || r.total > stored.size()) {
         r.status = DecodeStatus::BadHeader;
         r.message =
             StrFormat("total size %x does not fit the %zx stored bytes", r.total, stored.size());
@@ -38,9 +38,9 @@ DecodeResult DecodeStoredData(std::span<const std::uint8_t> stored) {
     }
     // The encoder stops when its output would outgrow the input it has read; its total
     // is then exactly what it read + 9, and the stream ends wherever it was cut.
-    const bool stopped_size = r.total == r.original + lzh::kCompressedOverhead;
+    const bool stopped_size = r.total == r.original + kCompressedOverhead;
     std::string error;
-    auto bytes = lzh::DecodeLh5(stored.subspan(header::kSize, r.total - lzh::kCompressedOverhead),
+    auto bytes = lzh::DecodeLh5(stored.subspan(header::kSize, r.total - kCompressedOverhead),
                                 r.original, &error);
     if (bytes) {
         r.status = DecodeStatus::Ok;

@@ -2,8 +2,10 @@
 
 #include <algorithm>
 
-#include "compress/lzh_format.h"
-#include "layout/module_header.h"
+#include "format/compressed_data_header.h"
+#include "format/image_info_records.h"
+#include "format/main_header_block.h"
+#include "format/module_header.h"
 #include "platform/byte_order.h"
 #include "platform/text_format.h"
 
@@ -23,12 +25,11 @@ Sizes SizesOf(std::span<const std::uint8_t> image, const Module& m) {
     if (!m.Compressed() || m.pieces.empty()) return s;
     // The compressed-data header is at the start of the first piece.
     const Piece& first = m.pieces.front();
-    if (first.length < lzh::compressed_data_header::kSize) return s;
+    if (first.length < compressed_data_header::kSize) return s;
     s.compressed = true;
-    s.total =
-        load_le32(image.data() + first.offset + lzh::compressed_data_header::TotalSize.offset);
+    s.total = load_le32(image.data() + first.offset + compressed_data_header::TotalSize.offset);
     s.original =
-        load_le32(image.data() + first.offset + lzh::compressed_data_header::OriginalSize.offset);
+        load_le32(image.data() + first.offset + compressed_data_header::OriginalSize.offset);
     return s;
 }
 
@@ -39,9 +40,9 @@ std::string Ratio(const Sizes& s) {
 
 std::string FlagsText(std::uint8_t flags) {
     std::vector<std::string> parts;
-    if (flags & 0x01) parts.push_back("32-bit mode");
-    if (flags & 0x02) parts.push_back("ROM holes");
-    if (flags & 0x04) parts.push_back("module split");
+    if (flags & rom_image_flag::Mode32Bit) parts.push_back("32-bit mode");
+    if (flags & rom_image_flag::HasRomHoles) parts.push_back("ROM holes");
+    if (flags & rom_image_flag::ModuleSplit) parts.push_back("module split");
     std::string out;
     for (const auto& p : parts) out += (out.empty() ? "" : ", ") + p;
     return out.empty() ? "none" : out;
@@ -163,8 +164,8 @@ std::string ListText(std::span<const std::uint8_t> image, const ImageModel& mode
                 "    length ffff (capped: checksum over the %x bytes below the header end)\n",
                 main_header::kCappedRegion);
         } else {
-            out += StrFormat("    length %x (%x bytes), checksum %08x\n", h.length, h.length * 8u,
-                             h.checksum);
+            out += StrFormat("    length %x (%x bytes), checksum %08x\n", h.length,
+                             main_header::RegionLength(h.length), h.checksum);
         }
     }
     if (!model.info.tool_version.empty()) {
@@ -177,10 +178,10 @@ std::string ListText(std::span<const std::uint8_t> image, const ImageModel& mode
         out += "\n";
     }
     for (const ImageInfoItemHole& hole : model.info.holes) {
-        if (hole.kind == 2) continue;
+        if (hole.kind == image_info_record::kNonCriticalBlock) continue;
         out += StrFormat("  ROM hole             %s, filler %02x%s\n",
                          Range(model, hole.start, hole.size).c_str(), hole.filler,
-                         hole.kind == 1 ? ", loaded from a file" : "");
+                         hole.kind == image_info_record::kFileHole ? ", loaded from a file" : "");
     }
 
     out += StrFormat("\nMain BIOS modules in chain order (%zu):\n",

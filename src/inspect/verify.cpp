@@ -3,9 +3,13 @@
 #include <algorithm>
 
 #include "compress/lzh_format.h"
+#include "format/block_header.h"
+#include "format/checksum.h"
+#include "format/compressed_data_header.h"
+#include "format/image_info_records.h"
+#include "format/main_header_block.h"
+#include "format/module_header.h"
 #include "inspect/module_data.h"
-#include "layout/checksum.h"
-#include "layout/module_header.h"
 #include "platform/byte_order.h"
 #include "platform/text_format.h"
 
@@ -13,6 +17,9 @@ namespace fwforge::inspect {
 namespace {
 
 using Bytes = std::span<const std::uint8_t>;
+namespace rec = image_info_record;
+
+constexpr std::uint32_t kHeader = module_header::kSize;
 
 std::string ModuleName(const ImageModel& model, const Module& m) {
     return DescribeModule(model, m) + StrFormat(" at %x", model.Address(m.header.offset));
@@ -49,21 +56,23 @@ SplitSum SplitDataSum(Bytes image, const Module& m, const DecodeResult* decoded)
         return out;
     }
     const std::size_t s = data.size();
-    // The module buffer holds the file, 9 bytes of 0xFF after it, and ends there or at
-    // the module's end, whichever is further; a compressed module's file lies under
-    // its compressed data.
+    // The module buffer holds the file, room for the compressed-data frame (0xFF) after
+    // it, and ends there or at the module's end, whichever is further; a compressed
+    // module's file lies under its compressed data.
     auto with_file = [&](std::span<const std::uint8_t> file, std::size_t file_size) {
         std::uint32_t sum = known;
         for (std::size_t k = 0; lane + k < 4; ++k) {
             const std::size_t i = s + k;
-            const std::uint32_t byte = i < file.size() ? file[i] : i < file_size + 9 ? 0xFF : 0;
+            const std::uint32_t byte = i < file.size()                       ? file[i]
+                                       : i < file_size + kCompressedOverhead ? 0xFF
+                                                                             : 0;
             sum += byte << (8 * (lane + k));
         }
         out.candidates.push_back(sum);
     };
     // Stored as its file is: the file ends inside the 0xFF bytes that end the data.
     std::size_t ff = 0;
-    while (ff < s && ff < 9 && data[s - 1 - ff] == 0xFF) ++ff;
+    while (ff < s && ff < kCompressedOverhead && data[s - 1 - ff] == 0xFF) ++ff;
     for (std::size_t n = s - ff; n <= s; ++n) with_file({}, n);
     if (decoded && decoded->status == DecodeStatus::Ok) {
         with_file(decoded->bytes, decoded->bytes.size());
@@ -88,7 +97,7 @@ void CheckModule(Bytes image, const ImageModel& model, const Module& m, const Mo
     std::optional<DecodeResult> decoded;
     if (m.Compressed()) decoded = DecodeStoredData(m.StoredData(image));
     ++report.checks;
-    const std::uint32_t header_sum = DwordSum(image, m.header.offset, module_header::kSize);
+    const std::uint32_t header_sum = DwordSum(image, m.header.offset, kHeader);
     std::uint32_t sum = header_sum;  // of the covered bytes, for the message
     bool sealed;
     if (m.Linked() && !m.link_without_bit) {
@@ -102,8 +111,7 @@ void CheckModule(Bytes image, const ImageModel& model, const Module& m, const Mo
     } else {
         // A link header without the LinkedRom bit covers DataSize bytes after it as a
         // module's header does: those of its parent.
-        sum = DwordSum(image, m.header.offset,
-                       module_header::kSize + std::size_t(m.header.data_size));
+        sum = DwordSum(image, m.header.offset, kHeader + std::size_t(m.header.data_size));
         // The first module of a non-critical block is sealed while the main chain's
         // last split module is still pending; that seal counts the split data instead
         // of its own.
@@ -184,9 +192,7 @@ void CheckMainRegion(Bytes image, const ImageModel& model, VerifyReport& report)
         report.problems.push_back({name, "length is 0"});
         return;
     }
-    const std::uint32_t length = h.length == main_header::kCappedLength
-                                     ? main_header::kCappedRegion
-                                     : std::uint32_t(h.length) * 8;
+    const std::uint32_t length = main_header::RegionLength(h.length);
     if (length > h.End()) return;  // reported by the reader
     const std::uint32_t begin = h.End() - length;
     std::vector<std::uint8_t> region(image.begin() + begin, image.begin() + h.End());
@@ -209,20 +215,17 @@ void CheckMainRegion(Bytes image, const ImageModel& model, VerifyReport& report)
 void CheckEbb(Bytes image, const ImageModel& model, VerifyReport& report) {
     const Block& b = *model.ebb;
     const std::string name = StrFormat("EBB at %x", model.Address(b.offset));
-    std::vector<std::uint8_t> header(image.begin() + b.offset,
-                                     image.begin() + b.offset + block_header::kSize);
-    store_le16(&header[block_header::HeaderChecksum], 0);
     ++report.checks;
     // Taken over the header with BlockChecksum in place, low 16 bits of a dword sum.
     const std::uint16_t expect =
-        static_cast<std::uint16_t>(DwordChecksum(header, 0, header.size()));
+        BlockHeaderChecksum(image, b.offset, HeaderChecksumRule::LowWordOfDwordChecksum);
     if (expect != b.header_checksum) {
         report.problems.push_back({name, StrFormat("header checksum %04x does not match (%04x)",
                                                    b.header_checksum, expect)});
     }
     std::vector<std::uint8_t> block(image.begin() + b.offset, image.begin() + b.offset + b.length);
-    store_le16(&block[block_header::HeaderChecksum], 0);
-    store_le32(&block[block_header::BlockChecksum], 0);
+    store_le16(&block[block_header::HeaderChecksum.offset], 0);
+    store_le32(&block[block_header::BlockChecksum.offset], 0);
     ++report.checks;
     const std::uint32_t expect_block = DwordChecksum(block, 0, block.size());
     if (expect_block != b.block_checksum) {
@@ -246,17 +249,14 @@ void CheckNcb(Bytes image, const ImageModel& model, std::size_t i, VerifyReport&
         StrFormat("non-critical block %zu at %x", i + 1, model.Address(b.offset));
     std::vector<std::uint8_t> block(image.begin() + b.offset, image.begin() + b.offset + b.length);
     ++report.checks;
-    std::uint16_t words = 0;
-    for (std::size_t at = 0; at < block_header::kSize; at += 2) {
-        if (at != block_header::HeaderChecksum) words += load_le16(&block[at]);
-    }
-    const auto expect = static_cast<std::uint16_t>(0u - words);
+    const std::uint16_t expect =
+        BlockHeaderChecksum(image, b.offset, HeaderChecksumRule::WordChecksum);
     if (expect != b.header_checksum) {
         report.problems.push_back({name, StrFormat("header checksum %04x does not match (%04x)",
                                                    b.header_checksum, expect)});
     }
-    store_le16(&block[block_header::HeaderChecksum], 0);
-    store_le32(&block[block_header::BlockChecksum], 0);
+    store_le16(&block[block_header::HeaderChecksum.offset], 0);
+    store_le32(&block[block_header::BlockChecksum.offset], 0);
     ++report.checks;
     const std::uint32_t expect_block = DwordChecksum(block, 0, block.size());
     if (expect_block != b.block_checksum) {
@@ -272,7 +272,7 @@ void CheckOverlaps(const ImageModel& model, VerifyReport& report) {
         std::vector<Extent> inner;
         for (const Module* m : model.ModulesIn(area, block)) {
             const std::uint32_t end = m->pieces.empty()
-                                          ? m->header.offset + 20
+                                          ? m->header.offset + kHeader
                                           : m->pieces.back().offset + m->pieces.back().length;
             inner.push_back({m->header.offset, end, DescribeModule(model, *m)});
         }
@@ -344,18 +344,18 @@ std::vector<Extent> TopLevelExtents(const ImageModel& model, bool with_modules) 
         if (m.area != ModuleArea::Main || !with_modules) continue;
         const std::string name = DescribeModule(model, m);
         for (std::size_t i = 0; i < m.piece_headers.size(); ++i) {
-            add(m.piece_headers[i].offset, 20 + std::uint64_t(m.pieces[i].length),
+            add(m.piece_headers[i].offset, kHeader + std::uint64_t(m.pieces[i].length),
                 name + StrFormat(" piece %zu", i + 1));
         }
         const std::uint64_t data = m.Linked() ? 0 : m.pieces.back().length;
-        add(m.header.offset, 20 + data, m.Split() ? name + " last piece" : name);
+        add(m.header.offset, kHeader + data, m.Split() ? name + " last piece" : name);
     }
     for (std::size_t i = 0; i < model.ncbs.size(); ++i) {
         add(model.ncbs[i].offset, model.ncbs[i].length, StrFormat("non-critical block %zu", i + 1));
     }
     for (const ImageInfoItemHole& hole : model.info.holes) {
-        if (hole.kind == 2) continue;  // listed as the block itself
-        add(hole.start, hole.size, hole.kind == 1 ? "ROM hole (file)" : "ROM hole");
+        if (hole.kind == rec::kNonCriticalBlock) continue;  // listed as the block itself
+        add(hole.start, hole.size, hole.kind == rec::kFileHole ? "ROM hole (file)" : "ROM hole");
     }
     std::sort(items.begin(), items.end(),
               [](const Extent& a, const Extent& b) { return a.begin < b.begin; });
@@ -404,7 +404,7 @@ VerifyReport Verify(std::span<const std::uint8_t> image, const ImageModel& model
     std::uint64_t budget = ModuleByteBudget(model);
     int previous_block = -1;
     for (const Module& m : model.modules) {
-        const std::uint64_t cost = m.StoredLength() + 20ull;
+        const std::uint64_t cost = m.StoredLength() + std::uint64_t(kHeader);
         if (cost > budget) {
             report.problems.push_back({"image",
                                        "its modules claim far more data than the image "

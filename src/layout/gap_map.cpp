@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <numeric>
 
-#include "driver/image_build.h"
 #include "layout/main_header.h"
 
 namespace fwforge {

@@ -3,14 +3,13 @@
 #include <algorithm>
 #include <cstring>
 
-#include "layout/checksum.h"
+#include "format/checksum.h"
 #include "platform/text_format.h"
 
 namespace fwforge {
 
 std::uint32_t MainHeaderBlockSize(const BuildDescription& description) {
-    const std::uint32_t raw = description.MainHeaderExtension + main_header::kSize;
-    return raw + (16 - raw % 16) % 16;
+    return main_header::BlockSize(description.MainHeaderExtension);
 }
 
 void CreateMainHeader(BuildContext& ctx) {
@@ -47,7 +46,7 @@ void CreateMainHeader(BuildContext& ctx) {
     }
     sig[main_header::ModuleExtensionSize] = desc.ModuleHeaderExtension;
     sig[main_header::MainExtensionSize] = desc.MainHeaderExtension;
-    std::memcpy(sig + main_header::Signature.offset, main_header::kSignature,
+    std::memcpy(sig + main_header::Signature.offset, main_header::kSignature.data(),
                 main_header::Signature.width);
     store_le32(sig + main_header::BootBlockStamp.offset, desc.BootBlockStamp);
 
@@ -66,7 +65,7 @@ void FinishMainHeader(BuildContext& ctx, PlacementMode mode) {
         // The region starts on an 8-byte boundary; the firmware reads the bytes between
         // that boundary and the lowest module as part of the main BIOS, so they get a
         // fixed value ('0') instead of staying erased.
-        const std::uint32_t r = image.PlacementCursor % 8;
+        const std::uint32_t r = image.PlacementCursor % main_header::kLengthUnit;
         const std::uint32_t bottom = image.PlacementCursor - r;
         std::fill(buf.begin() + bottom, buf.begin() + image.PlacementCursor, std::uint8_t{0x30});
         length = end - bottom;
@@ -78,10 +77,11 @@ void FinishMainHeader(BuildContext& ctx, PlacementMode mode) {
         store_le16(sig + main_header::Length.offset, main_header::kCappedLength);
         length = main_header::kRegionCap - 1;
     } else {
-        store_le16(sig + main_header::Length.offset, static_cast<std::uint16_t>(length / 8));
+        store_le16(sig + main_header::Length.offset,
+                   static_cast<std::uint16_t>(length / main_header::kLengthUnit));
     }
     store_le32(sig + main_header::Checksum.offset, 0);
-    const std::uint32_t covered = length / 8 * 8;
+    const std::uint32_t covered = length / main_header::kLengthUnit * main_header::kLengthUnit;
     store_le32(sig + main_header::Checksum.offset, DwordChecksum(buf, end - covered, covered));
 }
 

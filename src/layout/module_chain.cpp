@@ -1,6 +1,6 @@
 #include "layout/module_chain.h"
 
-#include "layout/checksum.h"
+#include "format/checksum.h"
 #include "layout/main_header.h"
 
 namespace fwforge {
@@ -12,24 +12,13 @@ constexpr std::uint32_t kBase = module_header::kExtensionSize;
 
 }  // namespace
 
-std::uint32_t RealModeLink(std::uint32_t bios_size, std::uint32_t header) {
-    const std::uint32_t address = 0x100000u - bios_size + header + kBase;
-    std::uint16_t offset = address % 16;
-    std::uint16_t segment = static_cast<std::uint16_t>(address / 16);
-    if (offset < kBase) {
-        offset += 16;
-        --segment;
-    }
-    return offset | std::uint32_t(segment) << 16;
-}
-
 std::uint32_t LinkTo(const BuildContext& ctx, std::uint32_t header, bool from_main_header) {
     if (!ctx.description.RomImage.Use32BitMode) {
         return RealModeLink(ctx.description.Bios.BiosSize, header);
     }
     // Links inside a non-critical block count from the block's start; the main BIOS
     // header's own link is always an image offset.
-    return header + kBase - (from_main_header ? 0 : ctx.layout.NcbBase);
+    return Link32(header, from_main_header ? 0 : ctx.layout.NcbBase);
 }
 
 std::uint32_t ModuleHeaderChecksum(const BuildContext& ctx, std::uint32_t header) {
@@ -83,7 +72,7 @@ void SealNewHeader(BuildContext& ctx) {
 }
 
 bool IsLinkedAddonRom(const ModuleEntry& entry) {
-    return entry.Header.ModuleId() == kAddonRomId && entry.LinkVendorId != 0xFFFF &&
+    return entry.Header.ModuleId() == kAddonRomModuleId && entry.LinkVendorId != 0xFFFF &&
            entry.LinkDeviceId != 0xFFFF;
 }
 

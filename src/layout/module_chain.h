@@ -1,24 +1,15 @@
 #pragma once
-// The chain of module headers that starts at the main BIOS header: how a link to a new
-// header is encoded, how a header's checksum is formed, and the three operations with
-// which every writer of a module header joins it to the chain. A writer of one header at
-// the PlacementCursor calls LinkToLastHeader, SealLastHeader and SealNewHeader in this
+// The chain of module headers that starts at the main BIOS header: which form of link
+// (format/module_header.h) a new header gets, how a header's checksum is formed, and the three
+// operations with which every writer of a module header joins it to the chain. A writer of one
+// header at the PlacementCursor calls LinkToLastHeader, SealLastHeader and SealNewHeader in this
 // order and then sets LastHeader to PlacementCursor + 8.
 
 #include <cstdint>
 
-#include "driver/build_context.h"
+#include "context/build_context.h"
 
 namespace fwforge {
-
-inline constexpr std::uint32_t kEndOfChain = 0xFFFFFFFF;
-inline constexpr std::uint8_t kAddonRomId = 0x20;
-
-// The 16-bit form of a link to the base header of the module header at image offset
-// `header`: the real-mode address split into offset (low word) and segment (high word),
-// with the offset kept at 8 or more so that segment:(offset - 8) reaches the header's
-// first byte through the same segment.
-std::uint32_t RealModeLink(std::uint32_t bios_size, std::uint32_t header);
 
 // The value that links to the module header at image offset `header` in the current mode.
 std::uint32_t LinkTo(const BuildContext& ctx, std::uint32_t header, bool from_main_header);

@@ -3,7 +3,7 @@
 #include <chrono>
 #include <new>
 
-#include "layout/module_header.h"
+#include "format/module_header.h"
 #include "platform/file_io.h"
 #include "platform/text_format.h"
 #include "script/build_description.h"

@@ -8,13 +8,14 @@
 #include <string>
 #include <vector>
 
-#include "driver/build_context.h"
+#include "context/build_context.h"
+#include "format/compressed_data_header.h"
 
 namespace fwforge {
 
-// Compressed data carries a 9-byte frame (total, original size, closing 0x00), so a
+// Compressed data carries a frame (header and closing 0x00) around its stream, so a
 // compression result can be up to this much longer than its input.
-inline constexpr std::uint32_t kCompressionSlack = 9;
+inline constexpr std::uint32_t kCompressionSlack = kCompressedOverhead;
 
 // Opens the module file; fatal "Cannot open module file: %s" when that fails. Returns
 // the file's size, which must fit a 32-bit image.

@@ -63,7 +63,8 @@ std::uint64_t LoadModuleData(BuildContext& ctx, const ModuleEntry& m, bool trace
     buffer = ReadModuleFile(ctx, m.FileName, n);
     std::uint64_t d = n;
     if (IsCompressedByBuild(m.Header.ModuleAttributes(), m.CompressionFlags)) {
-        if (trace_compression && ctx.options.VerboseMode && m.Header.ModuleId() == 0x80) {
+        if (trace_compression && ctx.options.VerboseMode &&
+            m.Header.ModuleId() == kImageInfoModuleId) {
             ctx.diag.Print(" (compressed)");
         }
         d = CompressInPlace(ctx, buffer, n).total;
@@ -160,7 +161,7 @@ void InsertLinkedRom(BuildContext& ctx, std::uint32_t index) {
     }
     const std::uint8_t* last =
         image.ImageBuffer.data() + ctx.layout.LastHeader - module_header::kExtensionSize;
-    if (last[module_header::ModuleId.offset] != kAddonRomId) {
+    if (last[module_header::ModuleId.offset] != kAddonRomModuleId) {
         ctx.diag.Fatal("Addon-rom must precede linked modules");
     }
     k.InsertionIndex = ctx.layout.InsertionCounter++;

@@ -6,11 +6,9 @@
 #include <cstdint>
 #include <vector>
 
-#include "driver/build_context.h"
+#include "context/build_context.h"
 
 namespace fwforge {
-
-inline constexpr std::uint8_t kDescriptorModuleId = 0x15;
 
 // Inserts module `index` (ModuleCount for the image information module). In sequential
 // placement it goes directly below the PlacementCursor, which it lowers; in gap placement

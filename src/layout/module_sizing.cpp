@@ -50,7 +50,7 @@ void SizeModule(BuildContext& ctx, std::uint32_t index) {
         return;
     }
     ctx.layout.LinkParent =
-        m.Header.ModuleId() == kAddonRomId ? static_cast<std::uint8_t>(index) : kNoIndex;
+        m.Header.ModuleId() == kAddonRomModuleId ? static_cast<std::uint8_t>(index) : kNoIndex;
 
     // Sizes are 32-bit as the firmware format counts them: a MaxModuleSize within a few
     // bytes of 4 GB wraps here, and the module is refused where its data would be copied.

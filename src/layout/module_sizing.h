@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include "driver/build_context.h"
+#include "context/build_context.h"
 
 namespace fwforge {
 

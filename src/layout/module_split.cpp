@@ -2,8 +2,7 @@
 
 #include <algorithm>
 
-#include "driver/image_build.h"
-#include "layout/checksum.h"
+#include "format/checksum.h"
 #include "layout/main_header.h"
 #include "layout/module_chain.h"
 #include "layout/module_insertion.h"

@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <span>
 
-#include "driver/build_context.h"
+#include "context/build_context.h"
 
 namespace fwforge {
 

@@ -1,7 +1,7 @@
 #include "layout/placement_passes.h"
 
+#include "format/module_header.h"
 #include "layout/gap_map.h"
-#include "layout/module_header.h"
 
 namespace fwforge {
 

@@ -3,8 +3,7 @@
 #include <algorithm>
 #include <new>
 
-#include "bootblock/block_header.h"
-#include "driver/image_build.h"
+#include "format/block_header.h"
 #include "layout/module_insertion.h"
 #include "platform/file_io.h"
 #include "platform/text_format.h"

@@ -1,12 +1,13 @@
 #pragma once
 // ROM holes and non-critical blocks, loaded once the main BIOS header is finished: every
 // range from the build script is filled with its filler, a ROM hole then takes its file,
-// and a non-critical block is built as a container of its own ("ZELNCBLK" header, its
-// modules chained with 32-bit links counted from the block's start).
+// and a non-critical block is built as a container of its own (a block header with the
+// non-critical block's signature, its modules chained with 32-bit links counted from the
+// block's start).
 
 #include <cstdint>
 
-#include "driver/build_context.h"
+#include "context/build_context.h"
 
 namespace fwforge {
 

@@ -8,7 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "layout/module_header.h"
+#include "format/main_header_block.h"
+#include "format/module_header.h"
 #include "platform/byte_order.h"
 
 namespace fwforge {
@@ -24,13 +25,6 @@ namespace compression_flag {
 inline constexpr std::uint8_t AlreadyCompressed = 0x01;  // nowcompressed = yes
 inline constexpr std::uint8_t MinSize = 0x02;            // compressed = minsize
 }  // namespace compression_flag
-
-// RomImageFlags bits.
-namespace rom_image_flag {
-inline constexpr std::uint8_t Mode32Bit = 0x01;
-inline constexpr std::uint8_t HasRomHoles = 0x02;
-inline constexpr std::uint8_t ModuleSplit = 0x04;
-}  // namespace rom_image_flag
 
 enum PlacementState : std::uint8_t { Unplaced = 0, Placed = 1, NoWholeFit = 2 };
 
@@ -125,8 +119,8 @@ struct BuildDescription {
     BiosSettings Bios;
     RomImageSettings RomImage;
 
-    std::uint8_t ModuleHeaderExtension = 8;
-    std::uint8_t MainHeaderExtension = 10;
+    std::uint8_t ModuleHeaderExtension = module_header::kExtensionSize;
+    std::uint8_t MainHeaderExtension = main_header::kExtensionSize;
 
     // Fixed-size tables: record ModuleCount is taken by the image information module.
     std::vector<ModuleEntry> ModuleTable = std::vector<ModuleEntry>(kModuleTableSize);

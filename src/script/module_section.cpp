@@ -2,7 +2,7 @@
 // linked add-on ROMs moved behind their parents, fixed-address reservations, and the
 // hand-off of Extended Boot Block modules.
 
-#include "bootblock/ebb_module_list.h"
+#include "script/ebb_module_list.h"
 #include "script/hex_input.h"
 #include "script/script_parser.h"
 
@@ -245,7 +245,7 @@ void ScriptParser::CheckModuleSection() {
             "Alignment tag not supported for Non-Critical Block modules. "
             "Refer to %s, line %d.");
     }
-    if (module.Header.ModuleId() == kAddOnRomModuleId) {
+    if (module.Header.ModuleId() == kAddonRomModuleId) {
         if (given.link) {
             if (!(given.moduleid && given.vendorid && given.deviceid && given.linkvenid &&
                   given.linkdevid)) {

@@ -11,7 +11,8 @@
 #include <string_view>
 #include <vector>
 
-#include "driver/build_context.h"
+#include "diagnostics/diagnostics.h"
+#include "script/build_description.h"
 
 namespace fwforge::script {
 
@@ -28,12 +29,10 @@ struct KeyEntry {
 inline constexpr std::size_t kMaxTokenLength = 260;
 inline constexpr std::size_t kMaxBiosTagLength = 11;
 inline constexpr std::size_t kMaxNameLength = 63;
-inline constexpr std::uint8_t kBootBlockStampModuleId = 0x1B;
-inline constexpr std::uint8_t kAddOnRomModuleId = 0x20;
 
 class ScriptParser {
   public:
-    ScriptParser(BuildContext& ctx, std::string path);
+    ScriptParser(Diagnostics& diag, BuildDescription& description, std::string path, bool verbose);
 
     // Reads the file, walks it and runs the end-of-script check.
     void Run();
@@ -58,7 +57,7 @@ class ScriptParser {
 
     // A fatal report of a message whose format ends in "Refer to %s, line %d.".
     [[noreturn]] void Fail(const char* format_with_tail);
-    [[noreturn]] void Fatal(const std::string& message) { ctx_.diag.Fatal(message); }
+    [[noreturn]] void Fatal(const std::string& message) { diag_.Fatal(message); }
 
     // --- [init], [bios], [romimage] (settings_sections.cpp) ---
     void ParseInitSection(std::size_t index);
@@ -113,8 +112,9 @@ class ScriptParser {
     void NameKey(std::string_view key);
     void CheckRomHoleSection();
 
-    BuildContext& ctx_;
+    Diagnostics& diag_;
     BuildDescription& desc_;
+    const bool verbose_;  // VerboseMode of the run
 
     // Reader state of this parse.
     std::string script_file_name_;    // as given; the "%s" of every "Refer to" tail

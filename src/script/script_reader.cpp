@@ -9,13 +9,14 @@
 
 namespace fwforge {
 
-void ParseBuildScript(BuildContext& ctx, const std::string& path) {
-    script::ScriptParser parser(ctx, path);
+void ParseBuildScript(Diagnostics& diag, BuildDescription& description, const std::string& path,
+                      bool verbose) {
+    script::ScriptParser parser(diag, description, path, verbose);
     try {
         parser.Run();
     } catch (const std::bad_alloc&) {
         // The text buffer and the records the script adds are the only allocations.
-        ctx.diag.Fatal("Out of memory");
+        diag.Fatal("Out of memory");
     }
 }
 
@@ -34,14 +35,15 @@ bool IsBlank(std::uint8_t c) {
 
 }  // namespace
 
-ScriptParser::ScriptParser(BuildContext& ctx, std::string path)
-    : ctx_(ctx), desc_(ctx.description), script_file_name_(std::move(path)) {}
+ScriptParser::ScriptParser(Diagnostics& diag, BuildDescription& description, std::string path,
+                           bool verbose)
+    : diag_(diag), desc_(description), verbose_(verbose), script_file_name_(std::move(path)) {}
 
 void ScriptParser::Run() {
-    desc_.ModuleHeaderExtension = 8;
-    desc_.MainHeaderExtension = 10;
+    desc_.ModuleHeaderExtension = module_header::kExtensionSize;
+    desc_.MainHeaderExtension = main_header::kExtensionSize;
     ReadScriptFile();
-    ctx_.diag.Printf("Parsing %s...\n", script_file_name_.c_str());
+    diag_.Printf("Parsing %s...\n", script_file_name_.c_str());
 
     // Keywords, yes/no values and file names are compared in lower case from here on.
     // The conversion stops at the first zero byte, like the C string it once was.
@@ -100,8 +102,8 @@ void ScriptParser::TopLevelLoop() {
             const SectionEntry& entry = kSectionTable[i];
             if (!TextStartsWith(entry.text)) continue;
             matched = true;
-            if (ctx_.options.VerboseMode) {
-                ctx_.diag.Printf("PROCESSING: %s\n", std::string(entry.text).c_str());
+            if (verbose_) {
+                diag_.Printf("PROCESSING: %s\n", std::string(entry.text).c_str());
             }
             (this->*entry.parse)(i);
             // The stamp module's file is read again after every section (and comment)

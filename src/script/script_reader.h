@@ -2,12 +2,15 @@
 
 #include <string>
 
-#include "driver/build_context.h"
+#include "diagnostics/diagnostics.h"
+#include "script/build_description.h"
 
 namespace fwforge {
 
-// Reads and checks the whole build script into ctx.description. Returns only on
-// success; every failure is a fatal report.
-void ParseBuildScript(BuildContext& ctx, const std::string& path);
+// Reads and checks the whole build script into `description`, printing through `diag`;
+// `verbose` traces every section. Returns only on success; every failure is a fatal
+// report.
+void ParseBuildScript(Diagnostics& diag, BuildDescription& description, const std::string& path,
+                      bool verbose);
 
 }  // namespace fwforge

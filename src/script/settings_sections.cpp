@@ -132,12 +132,12 @@ void ScriptParser::VersionKey(std::string_view key) {
     if (!number) Fail("Expected 0 or 1 value.  Refer to %s, line %d.");
     // Only the low byte is kept and no range is tested: "101" is version 1.
     desc_.RomImage.RomImageVersion = static_cast<std::uint8_t>(*number);
-    ctx_.diag.Printf("ROM Image Version: %x\n", desc_.RomImage.RomImageVersion);
+    diag_.Printf("ROM Image Version: %x\n", desc_.RomImage.RomImageVersion);
 }
 
 void ScriptParser::Force32Key(std::string_view key) {
     if (YesNo(ReadKeyValue(key))) {
-        ctx_.diag.Print("\nFORCING 32BIT OPERATION\n");
+        diag_.Print("\nFORCING 32BIT OPERATION\n");
         desc_.RomImage.RomImageFlags |= rom_image_flag::Mode32Bit;
         desc_.RomImage.Use32BitMode = true;
     }
@@ -166,7 +166,7 @@ void ScriptParser::CheckBuildScript() {
         }
         desc_.RomImage.Use32BitMode = true;
         desc_.RomImage.RomImageFlags |= rom_image_flag::Mode32Bit;
-        ctx_.diag.Print("\nUsing 32-bit 1MB+ mode\n");
+        diag_.Print("\nUsing 32-bit 1MB+ mode\n");
     }
 }
 

@@ -5,7 +5,7 @@
 
 #include <sstream>
 
-#include "bootblock/ebb_module_list.h"
+#include "script/ebb_module_list.h"
 #include "bootblock/extended_boot_block.h"
 #include "support/test_files.h"
 

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "compress/module_compressor.h"
-#include "driver/build_context.h"
+#include "context/build_context.h"
 #include "driver/main_flow.h"
 #include "fuzz_support.h"
 #include "script/script_reader.h"

@@ -6,7 +6,7 @@
 #include <sstream>
 
 #include "compress/module_compressor.h"
-#include "driver/build_context.h"
+#include "context/build_context.h"
 #include "fuzz_support.h"
 #include "script/script_reader.h"
 

@@ -1,6 +1,8 @@
 #pragma once
-// DwordChecksum: the two's complement of the 32-bit wrapping sum of a range's
-// little-endian doublewords, so that the range with the checksum stored sums to zero.
+// The sums that seal the image. DwordChecksum: the two's complement of the 32-bit wrapping
+// sum of a range's little-endian doublewords, so that the range with the checksum stored
+// sums to zero. Module headers, the main BIOS header, the boot block and the block
+// headers are sealed with it; a non-critical block's header also with a 16-bit word sum.
 
 #include <cstddef>
 #include <cstdint>
@@ -32,6 +34,17 @@ inline std::uint32_t DwordSum(std::span<const std::uint8_t> buffer, std::size_t 
 inline std::uint32_t DwordChecksum(std::span<const std::uint8_t> buffer, std::size_t start,
                                    std::size_t length) {
     return 0u - DwordSum(buffer, start, length);
+}
+
+// The 16-bit wrapping sum of the little-endian words of `length` bytes (an even number,
+// inside `buffer`) from `start`.
+inline std::uint16_t WordSum(std::span<const std::uint8_t> buffer, std::size_t start,
+                             std::size_t length) {
+    std::uint16_t sum = 0;
+    for (std::size_t i = 0; i < length; i += 2) {
+        sum = std::uint16_t(sum + load_le16(buffer.data() + start + i));
+    }
+    return sum;
 }
 
 }  // namespace fwforge

@@ -1,4 +1,4 @@
-#include "bootblock/ebb_module_list.h"
+#include "script/ebb_module_list.h"
 
 namespace fwforge {
 

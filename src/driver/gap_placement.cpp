@@ -1,6 +1,5 @@
-#include "layout/gap_placement.h"
+#include "driver/gap_placement.h"
 
-#include "driver/image_build.h"
 #include "imageinfo/image_info.h"
 #include "layout/gap_map.h"
 #include "layout/main_header.h"

@@ -10,9 +10,10 @@
 #include <vector>
 
 #include "compress/module_compressor.h"
-#include "driver/diagnostics.h"
-#include "layout/layout_state.h"
+#include "context/layout_state.h"
+#include "diagnostics/diagnostics.h"
 #include "script/build_description.h"
+#include "script/script_reader.h"
 
 namespace fwforge {
 
@@ -49,5 +50,17 @@ class BuildContext {
   private:
     std::unique_ptr<lzh::Encoder> encoder_;
 };
+
+// Frees the image; a second call does nothing. The tables belong to the build
+// description and go with the context. Phases call it before a fatal report, the
+// pipeline once at its end.
+inline void ReleaseImageBuffers(BuildContext& ctx) {
+    std::vector<std::uint8_t>().swap(ctx.image.ImageBuffer);
+}
+
+// Reads the build script into the context's description, with the run's verbosity.
+inline void ParseBuildScript(BuildContext& ctx, const std::string& path) {
+    ParseBuildScript(ctx.diag, ctx.description, path, ctx.options.VerboseMode);
+}
 
 }  // namespace fwforge

@@ -1,11 +1,24 @@
-#include "bootblock/block_header.h"
+#include "format/block_header.h"
 
 #include <algorithm>
+#include <array>
 
-#include "layout/checksum.h"
+#include "format/checksum.h"
 #include "platform/byte_order.h"
 
 namespace fwforge {
+
+std::uint16_t BlockHeaderChecksum(std::span<const std::uint8_t> image, std::size_t block,
+                                  HeaderChecksumRule rule) {
+    using namespace block_header;
+    std::array<std::uint8_t, kSize> header;
+    std::copy_n(image.begin() + static_cast<std::ptrdiff_t>(block), kSize, header.begin());
+    store_le16(&header[HeaderChecksum.offset], 0);
+    if (rule == HeaderChecksumRule::LowWordOfDwordChecksum) {
+        return std::uint16_t(DwordChecksum(header, 0, kSize));
+    }
+    return std::uint16_t(0u - WordSum(header, 0, kSize));
+}
 
 void WriteBlockHeader(std::span<std::uint8_t> image, std::size_t block, std::string_view signature,
                       std::uint32_t block_length, bool holds_module, HeaderChecksumRule rule) {
@@ -18,19 +31,10 @@ void WriteBlockHeader(std::span<std::uint8_t> image, std::size_t block, std::str
     store_le16(header + HeaderChecksum.offset, 0);
     store_le32(header + BlockLength.offset, block_length);
     store_le32(header + BlockChecksum.offset, 0);
-    store_le32(header + FirstModuleOffset.offset, holds_module ? kFirstModuleOffset : kNoModule);
+    store_le32(header + FirstModuleOffset.offset, holds_module ? kFirstModuleOffset : kEndOfChain);
 
     store_le32(header + BlockChecksum.offset, DwordChecksum(image, block, block_length));
-
-    std::uint16_t header_checksum = 0;
-    if (rule == HeaderChecksumRule::LowWordOfDwordChecksum) {
-        header_checksum = std::uint16_t(DwordChecksum(image, block, kSize));
-    } else {
-        std::uint16_t sum = 0;
-        for (std::size_t i = 0; i < kSize; i += 2) sum = std::uint16_t(sum + load_le16(header + i));
-        header_checksum = std::uint16_t(0u - sum);
-    }
-    store_le16(header + HeaderChecksum.offset, header_checksum);
+    store_le16(header + HeaderChecksum.offset, BlockHeaderChecksum(image, block, rule));
 }
 
 }  // namespace fwforge

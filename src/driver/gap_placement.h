@@ -3,7 +3,7 @@
 // (ROM holes, non-critical blocks, modules with a start address). The ranges themselves
 // are loaded later, once the main BIOS header is finished (layout/rom_holes.h).
 
-#include "driver/build_context.h"
+#include "context/build_context.h"
 
 namespace fwforge {
 
