@@ -2,7 +2,7 @@
 # Installs what building and testing FWFORGE needs, and only what is missing.
 set -euo pipefail
 
-packages=(cmake g++ make libgtest-dev lhasa gzip clang libclang-rt-dev chromium)
+packages=(cmake g++ make libgtest-dev python3 gzip clang libclang-rt-dev)
 
 missing=()
 for p in "${packages[@]}"; do

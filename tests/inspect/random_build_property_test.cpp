@@ -53,20 +53,16 @@ const std::pair<const char*, int> kLeast[] = {
 // What some checksum covers: the boot block, the EBB and the main BIOS header's region
 // (with the non-critical blocks in it, which have checksums of their own), not the ROM
 // holes, which are filled after the region is sealed, nor the NVRAM area.
-std::vector<ByteRange> Covered(std::span<const std::uint8_t> rom, const RandomScript& script) {
+std::vector<ByteRange> Covered(const MainHeader& main, const RandomScript& script) {
     std::vector<ByteRange> out = {{script.bios_size - script.boot_block, script.boot_block}};
     if (script.ebb) out.push_back({script.bios_size - script.boot_block - script.ebb, script.ebb});
-    const std::uint32_t signature = FindMainHeader(rom);
-    const std::uint32_t end = signature + 22;
-    const std::uint16_t length = load_le16(&rom[signature + 12]);
-    std::uint32_t from = end - (length == 0xFFFF ? 0x7FFF8 : length * 8u);
-    std::vector<ByteRange> holes = script.holes;
-    std::sort(holes.begin(), holes.end(),
-              [](const ByteRange& a, const ByteRange& b) { return a.start < b.start; });
-    for (const ByteRange& hole : holes) {
-        if (hole.start + hole.size <= from || hole.start >= end) continue;
-        if (hole.start > from) out.push_back({from, hole.start - from});
-        from = hole.start + hole.size;
+    const std::uint32_t end = main.End();
+    std::uint32_t from = end - (main.length == 0xFFFF ? 0x7FFF8 : main.length * 8u);
+    for (const ScriptHole& hole : script.holes) {  // in address order
+        const std::uint32_t start = hole.range.start, size = (hole.range.size + 15) & ~15u;
+        if (start + size <= from || start >= end) continue;
+        if (start > from) out.push_back({from, start - from});
+        from = start + size;
     }
     if (from < end) out.push_back({from, end - from});
     return out;
@@ -161,6 +157,39 @@ void CheckModulesComeBack(const RandomScript& script, const ImageModel& model,
     EXPECT_EQ(report.cannot_unpack.size(), named);
 }
 
+// What the image cannot tell the inspector: ROM holes hold their file and then their
+// filler, a module's data lies at its start address or at an image offset that its
+// alignment divides (links move an add-on ROM's data up by their headers), and a module
+// whose region names no block is not announced.
+void CheckReservations(const RandomScript& script, std::span<const std::uint8_t> rom,
+                       const ImageModel& model, const std::string& console) {
+    for (const ScriptHole& hole : script.holes) {
+        for (std::uint32_t i = 0; i < hole.range.size; ++i) {
+            if (rom[hole.range.start + i] != (i < hole.file.size() ? hole.file[i] : hole.filler)) {
+                ADD_FAILURE() << StrFormat("ROM hole at %x differs at %x", hole.range.start, i);
+                break;
+            }
+        }
+    }
+    for (const ImageInfoItemConstrained& c : model.info.constrained) {
+        const auto main = model.ModulesIn(ModuleArea::Main);
+        ASSERT_LT(c.insertion_index, main.size());
+        const Module& m = *main[c.insertion_index];
+        const std::uint32_t data = m.pieces.front().offset;
+        if (c.start_address != kEndOfChain) {
+            EXPECT_EQ(model.Address(data), c.start_address);
+        }
+        if (c.alignment && !m.Split() && m.header.id != kAddonRomModuleId) {
+            EXPECT_EQ(data % c.alignment, 0u) << DescribeModule(model, m);
+        }
+    }
+    for (const ScriptModule& w : script.modules) {
+        if (!w.placed && !w.file.empty()) {
+            EXPECT_EQ(console.find(w.file), std::string::npos);
+        }
+    }
+}
+
 TEST(RandomBuildProperty, InspectorReadsBackEveryBuiltImage) {
     int built = 0, refused = 0;
     std::map<std::string, int> seen;
@@ -189,11 +218,13 @@ TEST(RandomBuildProperty, InspectorReadsBackEveryBuiltImage) {
         const ImageModel model = ReadImage(rom, {});
         const VerifyReport report = Verify(rom, model);
         EXPECT_EQ(report.Status(), status);
+        ASSERT_TRUE(model.main);
+        CheckReservations(script, rom, model, console);
 
         Random r(seed);
         for (int i = 0; i < kFlipsPerImage; ++i) {
             std::vector<std::uint8_t> flipped = rom;
-            const std::uint32_t at = Pick(Covered(rom, script), r);
+            const std::uint32_t at = Pick(Covered(*model.main, script), r);
             flipped[at] ^= static_cast<std::uint8_t>(1 + r.Below(255));
             EXPECT_EQ(Verify(flipped, ReadImage(flipped, {})).Status(), kVerifyDamaged)
                 << StrFormat("byte %x flipped", at) << "\n"

@@ -27,8 +27,7 @@ struct ModuleSpec {
 
 class ScriptMaker {
   public:
-    ScriptMaker(std::uint32_t seed, const TempDir& dir, ScriptProfile profile)
-        : r_(seed), dir_(dir), profile_(profile), all_(profile.every_kind) {}
+    ScriptMaker(std::uint32_t seed, const TempDir& dir) : r_(seed), dir_(dir) {}
 
     RandomScript Make();
 
@@ -52,8 +51,6 @@ class ScriptMaker {
 
     Random r_;
     const TempDir& dir_;
-    ScriptProfile profile_;
-    bool all_;
     std::ostringstream s_;
     RandomScript out_;
     int files_ = 0;
@@ -66,7 +63,7 @@ class ScriptMaker {
 // bytes it can take in the image: headers, data, the alignment reserve.
 std::uint32_t ScriptMaker::AddModule(const ModuleSpec& spec) {
     ScriptModule m;
-    const bool tiny = all_ && !spec.smallest && r_.OneIn(8);
+    const bool tiny = !spec.smallest && r_.OneIn(8);
     const std::uint32_t noise = r_.OneIn(4) ? 1 : r_.OneIn(2) || spec.smallest ? 2 : 8;
     // Noise past the encoder's first read (0x2100 bytes) can stop it before the end.
     const std::uint32_t largest =
@@ -74,7 +71,7 @@ std::uint32_t ScriptMaker::AddModule(const ModuleSpec& spec) {
     const std::uint32_t low =
         tiny ? 0 : std::max(std::min(spec.smallest, largest), r_.OneIn(2) ? largest / 3 : 0);
     const std::uint32_t size = low + r_.Below((tiny ? 15 : largest) - low + 1);
-    const std::uint32_t pick = r_.Below(all_ ? 20 : 12);
+    const std::uint32_t pick = r_.Below(20);
     m.storage = pick < 6    ? Storage::Compressed
                 : pick < 9  ? Storage::MinSize
                 : pick < 12 ? Storage::AsIs
@@ -111,7 +108,7 @@ std::uint32_t ScriptMaker::AddModule(const ModuleSpec& spec) {
         s_ << kStorage[static_cast<int>(m.storage)];
     std::uint32_t data =
         std::max<std::uint32_t>(static_cast<std::uint32_t>(bytes.size()), size) + 11;
-    if (all_ && r_.OneIn(6)) {
+    if (r_.OneIn(6)) {
         data += r_.Below(0x40);
         s_ << StrFormat("maxmodulesize = %08x\n", data);
     }
@@ -121,7 +118,7 @@ std::uint32_t ScriptMaker::AddModule(const ModuleSpec& spec) {
     std::uint32_t cost = Round4(data) + 20;
     if (spec.may_align && (r_.OneIn(3) || (spec.contiguous == "yes" && r_.OneIn(2)))) {
         static const std::uint32_t kAlign[] = {0x10, 0x20, 0x40, 0x80, 0x15, 0x05, 0x07, 0xFF};
-        m.alignment = all_ && r_.OneIn(2) ? 5 + r_.Below(0xFB) : kAlign[r_.Below(all_ ? 8 : 4)];
+        m.alignment = r_.OneIn(2) ? 5 + r_.Below(0xFB) : kAlign[r_.Below(8)];
         s_ << StrFormat("alignment = %x\n", m.alignment);
         cost += m.alignment;
     }
@@ -137,7 +134,7 @@ std::uint32_t ScriptMaker::AddModule(const ModuleSpec& spec) {
         s_ << StrFormat(
             "[module]\nmoduleid = 20\nvendorid = %04x\ndeviceid = %04x\n"
             "linkvenid = %04x\nlinkdevid = 0001\nlink = %s\n",
-            own, l, vendor, all_ && r_.OneIn(2) ? "no" : "yes");
+            own, l, vendor, r_.OneIn(2) ? "no" : "yes");
         ScriptModule& link = out_.modules.emplace_back();
         link.key = KeyOf(0x20, own, static_cast<std::uint16_t>(l));
         link.storage = Storage::Link;
@@ -174,7 +171,7 @@ void ScriptMaker::AddRanges(std::uint32_t base, std::uint32_t top, std::uint32_t
                 ModuleSpec spec;
                 spec.largest = 0x600;
                 spec.region = name;
-                spec.may_be_addon = all_;
+                spec.may_be_addon = true;
                 for (std::uint32_t k = 0, count = r_.Below(3); k < count; ++k)
                     used += AddModule(spec);
                 const std::uint32_t size = used + r_.Below(0x200);
@@ -184,13 +181,16 @@ void ScriptMaker::AddRanges(std::uint32_t base, std::uint32_t top, std::uint32_t
                 break;
             }
             default: {  // ROM hole, maybe with a file
+                ScriptHole& hole = out_.holes.emplace_back();
                 const std::uint32_t size = 0x10 + r_.Below(0x2FE0);
+                hole.range = {at, size};
+                hole.filler = static_cast<std::uint8_t>(r_.Below(0x100));
                 s_ << StrFormat("[romhole]\nstartaddress = %08x\nsize = %x\nfiller = %02x\n",
-                                base + at, size, r_.Below(0x100));
+                                base + at, size, hole.filler);
                 if (r_.OneIn(2)) {
-                    s_ << "file = " << File(RandomBytes(1 + r_.Below(size), r_.Next())) << "\n";
+                    hole.file = RandomBytes(1 + r_.Below(size), r_.Next());
+                    s_ << "file = " << File(hole.file) << "\n";
                 }
-                out_.holes.push_back({at, (size + 15) & ~15u});
                 reserved += size;
                 break;
             }
@@ -198,26 +198,25 @@ void ScriptMaker::AddRanges(std::uint32_t base, std::uint32_t top, std::uint32_t
     }
     if (ranges == 0) {
         s_ << StrFormat("[romhole]\nstartaddress = %08x\nsize = 100\n", base + 0x2000);
-        out_.holes.push_back({0x2000, 0x100});
+        out_.holes.push_back({{0x2000, 0x100}, 0xFF, {}});
     }
 }
 
 RandomScript ScriptMaker::Make() {
     packable_ = r_.OneIn(2);
-    out_.gap = profile_.placement == Placement::Gap ||
-               (profile_.placement == Placement::Either && r_.OneIn(2));
-    const bool big = all_ && r_.OneIn(16);
+    out_.gap = r_.OneIn(2);
+    const bool big = r_.OneIn(16);
     static const std::uint32_t kSizes[] = {0x20000, 0x40000, 0x40000, 0x80000};
-    out_.bios_size = big ? 0x200000 : all_ ? kSizes[r_.Below(4)] : 0x40000 << r_.Below(2);
-    const bool force32 = all_ && !big && r_.OneIn(4);
-    out_.boot_block = all_ ? 0x2000u << r_.Below(4) : 0x10000;
+    out_.bios_size = big ? 0x200000 : kSizes[r_.Below(4)];
+    const bool force32 = !big && r_.OneIn(4);
+    out_.boot_block = 0x2000u << r_.Below(4);
     out_.nvram = r_.OneIn(3) ? 0 : 0x100 * (1 + r_.Below(0x40));
-    if (all_ && r_.OneIn(10)) out_.options.push_back("-c");
+    if (r_.OneIn(10)) out_.options.push_back("-c");
 
     // Modules of the Extended Boot Block, in a script of their own until their place
     // among the others is chosen.
     std::vector<std::string> ebb_sections;
-    if (all_ && r_.OneIn(3)) {
+    if (r_.OneIn(3)) {
         out_.ebb = 24;
         for (std::uint32_t k = 0, count = r_.Below(4); k < count; ++k) {
             const std::string before = s_.str();
@@ -291,8 +290,8 @@ std::string KeyOf(std::uint8_t id, std::uint16_t vendor, std::uint16_t device) {
     return id == 0x20 ? StrFormat("20:%04x:%04x", vendor, device) : StrFormat("%02x", id);
 }
 
-RandomScript MakeRandomScript(std::uint32_t seed, const TempDir& dir, ScriptProfile profile) {
-    return ScriptMaker(seed, dir, profile).Make();
+RandomScript MakeRandomScript(std::uint32_t seed, const TempDir& dir) {
+    return ScriptMaker(seed, dir).Make();
 }
 
 int RunFwforge(const std::filesystem::path& folder, const std::vector<std::string>& args,

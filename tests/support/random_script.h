@@ -12,7 +12,6 @@
 #include <string>
 #include <vector>
 
-#include "support/image_checks.h"
 #include "support/test_files.h"
 
 namespace fwforge::testing {
@@ -31,15 +30,6 @@ class Random {
 
   private:
     std::uint32_t state_;
-};
-
-enum class Placement { Sequential, Gap, Either };
-
-struct ScriptProfile {
-    Placement placement = Placement::Either;
-    // false: 16-bit images with 64 KB boot blocks, alignments that are multiples of 4,
-    // and none of nowcompressed, `link = no`, maxmodulesize, the EBB, -c and tiny files.
-    bool every_kind = true;
 };
 
 // How the script has a module's file stored.
@@ -61,6 +51,19 @@ struct ScriptModule {
     bool placed = true;  // false when its region names no block
 };
 
+// A range of image offsets.
+struct ByteRange {
+    std::uint32_t start = 0;
+    std::uint32_t size = 0;
+};
+
+// A ROM hole as the script reserves it: the file's bytes, then the filler.
+struct ScriptHole {
+    ByteRange range;
+    std::uint8_t filler = 0xFF;
+    std::vector<std::uint8_t> file;
+};
+
 struct RandomScript {
     std::string path;  // the script file, CR LF line ends
     std::string text;
@@ -69,13 +72,13 @@ struct RandomScript {
     std::vector<ScriptModule> modules;
     bool gap = false;
     std::uint32_t bios_size = 0, boot_block = 0, ebb = 0, nvram = 0;
-    std::vector<ByteRange> holes;  // ROM holes as image offsets
+    std::vector<ScriptHole> holes;  // ROM holes as image offsets
 };
 
 std::string KeyOf(std::uint8_t id, std::uint16_t vendor, std::uint16_t device);
 
 // Writes the script and its files into `dir`.
-RandomScript MakeRandomScript(std::uint32_t seed, const TempDir& dir, ScriptProfile profile = {});
+RandomScript MakeRandomScript(std::uint32_t seed, const TempDir& dir);
 
 // Runs fwforge with `args` (output path, script, options) in `folder`, where relative
 // names in the script are found; returns its exit status, its console text in `console`.
