@@ -38,7 +38,6 @@ inline constexpr unsigned kZeroRunSymbols = 3;
 inline constexpr unsigned kCodeLenSkipAfter = 3;
 
 // Compressed module data: the header of format/compressed_data_header.h, the bit
-// stream, a closing 0x00. Fields of other LZH structures are described the same way.
-using DataField = HeaderField;
+// stream, a closing 0x00.
 
 }  // namespace fwforge::lzh
