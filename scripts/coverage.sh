@@ -4,7 +4,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-scripts/deps.sh
+scripts/deps.sh test
 cmake -S . -B build-cov -DCMAKE_BUILD_TYPE=Debug -DFWFORGE_BUILD_BENCH=OFF \
     -DCMAKE_CXX_FLAGS="--coverage -O0" -DCMAKE_EXE_LINKER_FLAGS="--coverage" >/dev/null
 cmake --build build-cov -j "$(nproc)"

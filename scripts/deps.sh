@@ -1,8 +1,23 @@
 #!/usr/bin/env bash
-# Installs what building and testing FWFORGE needs, and only what is missing.
+# Installs what a task needs, and only what is missing.
+# Usage: scripts/deps.sh GROUP...
+#   build    compiler, CMake and make: enough to build the tools and run the examples
+#   test     the test suite: GoogleTest, python3 for the case driver, gzip for the benchmark
+#   fuzz     clang and its sanitizer runtime for the fuzz targets
 set -euo pipefail
 
-packages=(cmake g++ make libgtest-dev python3 gzip clang libclang-rt-dev)
+declare -A group=(
+    [build]="cmake g++ make"
+    [test]="cmake g++ make libgtest-dev python3 gzip"
+    [fuzz]="cmake make clang libclang-rt-dev"
+)
+
+packages=()
+for g in "$@"; do
+    [ -n "${group[$g]+set}" ] || { echo "deps.sh: unknown group '$g' (known: ${!group[*]})" >&2; exit 2; }
+    read -r -a list <<<"${group[$g]}"
+    packages+=("${list[@]}")
+done
 
 missing=()
 for p in "${packages[@]}"; do

@@ -9,7 +9,7 @@ cd "$(dirname "$0")/.."
 seconds=${1:-30}
 shift || true
 
-scripts/deps.sh
+scripts/deps.sh fuzz
 CC=clang CXX=clang++ cmake -S . -B build-fuzz -DFWFORGE_FUZZ=ON -DFWFORGE_BUILD_TESTS=OFF \
     -DFWFORGE_BUILD_BENCH=OFF -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build build-fuzz -j "$(nproc)"

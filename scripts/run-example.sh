@@ -7,8 +7,8 @@ cd "$(dirname "$0")/.."
 example=${1:-firmware}
 shift || true
 
-scripts/deps.sh
-scripts/build.sh
+scripts/deps.sh build
+scripts/build.sh --tools-only
 
 # The build generated the inputs next to a copy of the script in the build tree.
 work=build/examples/$example
