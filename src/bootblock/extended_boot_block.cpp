@@ -70,7 +70,7 @@ std::uint64_t CompressInPlace(BuildContext& ctx, EbbModuleRecord& record, Module
     if (ctx.options.VerboseMode && record.Header.ModuleId() == kImageInfoModuleId) {
         ctx.diag.Print(" (compressed)");
     }
-    const lzh::CompressResult result = ctx.Encoder().CompressModule(source, buffer.bytes);
+    const lzh::CompressResult result = ctx.Compressor().CompressModule(source, buffer.bytes);
     if (result.stopped && result.consumed < buffer.file_size) {
         std::fill(buffer.bytes.begin(), buffer.bytes.end(), std::uint8_t(0xFF));
         std::copy(source.begin(), source.end(), buffer.bytes.begin());

@@ -35,6 +35,11 @@ void LzhEncoder::AllocateStorage() {
     }
 }
 
+std::uint8_t* LzhEncoder::Window() {
+    AllocateStorage();
+    return finder_->Window();
+}
+
 std::uint32_t LzhEncoder::Read(std::uint8_t* place, std::uint32_t count) {
     const std::uint32_t got = source_->ReadBytes(place, count);
     consumed_ += got;
@@ -56,6 +61,7 @@ void LzhEncoder::Advance() {
         std::memmove(text, text + kWindowSize, kWindowSize + kMaxMatch);
         remaining_ += Read(text + kWindowSize + kMaxMatch, kRefill);
         pos_ = kFirstPosition;
+        ++slides_;
     }
     finder_->Step(pos_);
 }
@@ -95,6 +101,7 @@ void LzhEncoder::EmitMatch(unsigned length, unsigned distance_code) {
 void LzhEncoder::EncodeStream(ByteSource& source, std::uint8_t* sink) {
     source_ = &source;
     consumed_ = 0;
+    slides_ = 0;
     coder_.StartRun(sink, &consumed_);
     AllocateStorage();
     finder_->ResetTree();

@@ -39,6 +39,10 @@ class LzhEncoder {
 
     std::uint32_t Written() const { return coder_.Written(); }
     std::uint32_t Consumed() const { return consumed_; }
+    // How often the window slid during the run.
+    std::uint32_t Slides() const { return slides_; }
+    // The window buffer (kWindowBufferSize bytes); allocates the working storage.
+    std::uint8_t* Window();
     bool Stopped() const { return coder_.Stopped(); }
     // 0 until the first run has allocated the token buffer.
     std::size_t TokenBufferSize() const { return tokens_.size(); }
@@ -59,6 +63,7 @@ class LzhEncoder {
 
     ByteSource* source_ = nullptr;
     std::uint32_t consumed_ = 0;
+    std::uint32_t slides_ = 0;
     std::int64_t remaining_ = 0;  // input bytes from the current position on
     unsigned pos_ = kFirstPosition;
 

@@ -58,6 +58,10 @@ std::size_t Encoder::TokenBufferSize() const {
     return state_->encoder.TokenBufferSize();
 }
 
+std::span<std::uint8_t> Encoder::Window() {
+    return {state_->encoder.Window(), kWindowBufferSize};
+}
+
 CompressResult Encoder::CompressModule(std::span<const std::uint8_t> source,
                                        std::span<std::uint8_t> destination) {
     // The bit stream never outgrows the input, so size + 9 is the most a run writes.
@@ -81,6 +85,7 @@ CompressResult Encoder::CompressModule(std::span<const std::uint8_t> source,
     result.total = encoder.Written() + kCompressedOverhead;
     result.consumed = encoder.Consumed();
     result.stopped = encoder.Stopped();
+    result.slides = encoder.Slides();
     destination[compressed_data_header::kSize + encoder.Written()] = 0x00;
     StoreHeader(destination.data(), result.total, result.consumed);
     return result;

@@ -15,6 +15,7 @@ struct CompressResult {
     std::uint32_t total = 0;     // bit-stream bytes + 9, as stored at offset 0
     std::uint32_t consumed = 0;  // input bytes consumed, as stored at offset 4
     bool stopped = false;        // the output bound cut the stream off
+    std::uint32_t slides = 0;    // how often the window slid
 };
 
 // The encoder ran out of memory: the program prints "Out of memory." to standard
@@ -51,6 +52,10 @@ class Encoder {
 
     // The token buffer size the first run settled on; 0 before it.
     std::size_t TokenBufferSize() const;
+
+    // The window buffer that carries from run to run (see compress/encoder_window.h).
+    // Allocates the working storage like a first run (OutOfMemory when that fails).
+    std::span<std::uint8_t> Window();
 
   private:
     struct State;

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "compress/module_compressor.h"
+#include "compress/build_compressor.h"
 #include "context/layout_state.h"
 #include "diagnostics/diagnostics.h"
 #include "script/build_description.h"
@@ -23,6 +23,12 @@ struct RunOptions {
     bool VerboseMode = false;
     bool CompatibilityMode = false;
     std::string OutputPath;
+    // Worker threads that compress announced modules ahead of the layout; below 2,
+    // none. Results are the same bytes whatever the count.
+    unsigned CompressionThreads = 1;
+    // Whether a module compressed to size it gives the same result when it is placed
+    // without being compressed again (again the same bytes either way).
+    bool ReuseCompression = true;
 };
 
 struct ImageState {
@@ -35,10 +41,18 @@ class BuildContext {
   public:
     explicit BuildContext(std::ostream& console) : diag(console) {}
 
-    // The build's encoder, created on first use and kept for the rest of the build.
-    lzh::Encoder& Encoder() {
-        if (!encoder_) encoder_ = std::make_unique<lzh::Encoder>();
-        return *encoder_;
+    // The build's compression, as one encoder would give it run after run; created on
+    // first use with the run options and kept for the rest of the build.
+    lzh::BuildCompressor& Compressor() {
+        if (!compressor_) {
+            compressor_ = std::make_unique<lzh::BuildCompressor>(lzh::CompressorOptions{
+                options.CompressionThreads, options.ReuseCompression});
+        }
+        return *compressor_;
+    }
+    // Stops the compression workers and frees the results they kept.
+    void ReleaseCompression() {
+        if (compressor_) compressor_->Release();
     }
 
     Diagnostics diag;
@@ -48,13 +62,14 @@ class BuildContext {
     LayoutState layout;
 
   private:
-    std::unique_ptr<lzh::Encoder> encoder_;
+    std::unique_ptr<lzh::BuildCompressor> compressor_;
 };
 
 // Frees the image; a second call does nothing. The tables belong to the build
 // description and go with the context. Phases call it before a fatal report, the
 // pipeline once at its end.
 inline void ReleaseImageBuffers(BuildContext& ctx) {
+    ctx.ReleaseCompression();
     std::vector<std::uint8_t>().swap(ctx.image.ImageBuffer);
 }
 

@@ -5,6 +5,7 @@
 #include "bootblock/boot_block.h"
 #include "bootblock/extended_boot_block.h"
 #include "bootblock/nvram_area.h"
+#include "driver/compression_plan.h"
 #include "driver/gap_placement.h"
 #include "imageinfo/image_info.h"
 #include "layout/main_header.h"
@@ -33,6 +34,12 @@ void RunSequentialPlacement(BuildContext& ctx) {
     BuildDescription& desc = ctx.description;
     ctx.diag.Printf("Generating final ROM image %s...\n", desc.Bios.RomFile.c_str());
     CreateMainHeader(ctx);
+    // Each module is compressed to size it and at once again to insert it. The second
+    // run never computes anything: it reads the same input, and the window bytes it can
+    // read without writing them first lie at 8192 + n and above for an input of n < 8448
+    // bytes (none for longer ones), where the first run wrote nothing (its first fill
+    // ends below, its slides and refills write below 8448), so the compression keeps the
+    // first result for it.
     for (std::uint32_t m = 0; m < desc.ModuleCount; ++m) {
         SizeModule(ctx, m);
         InsertModule(ctx, m);
@@ -62,6 +69,7 @@ void WriteRomFile(BuildContext& ctx) {
 void BuildRomImage(BuildContext& ctx) {
     const BuildDescription& desc = ctx.description;
     AllocateImage(ctx);
+    AnnounceModuleCompressions(ctx);
 
     // Each fixed phase checks that its region fits below the cursor, after its progress
     // line and its own limits: the end-of-script check compares the regions with BiosSize

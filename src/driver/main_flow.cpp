@@ -16,7 +16,8 @@ void PrintBanner(std::ostream& out) {
 
 }  // namespace
 
-int RunMainFlow(int argc, const char* const* argv, std::ostream& out) {
+int RunMainFlow(int argc, const char* const* argv, std::ostream& out,
+                unsigned compression_threads) {
     if (argc < 3) {
         PrintBanner(out);
         out << "Usage - FWFORGE OutputPath ScriptFile [-v] [-c]\n"
@@ -29,6 +30,7 @@ int RunMainFlow(int argc, const char* const* argv, std::ostream& out) {
 
     BuildContext ctx(out);
     ctx.options.OutputPath = argv[1];
+    ctx.options.CompressionThreads = compression_threads;
     // Options are looked for in the third and fourth positions only.
     for (int i = 3; i < argc && i <= 4; ++i) {
         const std::string_view arg = argv[i];

@@ -60,7 +60,7 @@ lzh::CompressResult CompressInPlace(BuildContext& ctx, std::vector<std::uint8_t>
         ctx.diag.Fatal("Out of memory");
     }
     const auto start = std::chrono::steady_clock::now();
-    const lzh::CompressResult result = ctx.Encoder().CompressModule(source, buffer);
+    const lzh::CompressResult result = ctx.Compressor().CompressModule(source, buffer);
     ctx.layout.CompressionTime += std::chrono::steady_clock::now() - start;
     return result;
 }

@@ -1,0 +1,53 @@
+#include "driver/compression_plan.h"
+
+#include <new>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "layout/module_chain.h"
+#include "layout/module_data.h"
+#include "platform/file_io.h"
+
+namespace fwforge {
+namespace {
+
+// Reads a whole module file; nothing when it cannot be read, which the build reports
+// in its own words when it gets there.
+lzh::BuildCompressor::Expected ModuleFile(std::string name, unsigned uses) {
+    auto load = [name = std::move(name)]() -> std::optional<std::vector<std::uint8_t>> {
+        auto file = platform::InputFile::Open(name);
+        if (!file) return std::nullopt;
+        const std::optional<std::uint64_t> size = file->Size();
+        if (!size || *size > 0xFFFFFFFFu) return std::nullopt;
+        std::vector<std::uint8_t> bytes(*size);
+        if (!file->ReadExactly(bytes)) return std::nullopt;
+        return bytes;
+    };
+    return {std::move(load), uses};
+}
+
+}  // namespace
+
+void AnnounceModuleCompressions(BuildContext& ctx) {
+    if (ctx.options.CompressionThreads < 2) return;
+    const BuildDescription& desc = ctx.description;
+    std::vector<lzh::BuildCompressor::Expected> runs;
+    if (desc.Bios.MaxEbbSize != 0) {
+        for (const EbbModuleRecord& record : desc.EbbModuleList) {
+            if (IsCompressedByBuild(record.Header.ModuleAttributes(), record.CompressionFlags)) {
+                runs.push_back(ModuleFile(record.FileName, 1));
+            }
+        }
+    }
+    for (std::uint32_t m = 0; m < desc.ModuleCount && m < desc.ModuleTable.size(); ++m) {
+        const ModuleEntry& entry = desc.ModuleTable[m];
+        if (!IsLinkedAddonRom(entry) &&
+            IsCompressedByBuild(entry.Header.ModuleAttributes(), entry.CompressionFlags)) {
+            runs.push_back(ModuleFile(entry.FileName, 2));
+        }
+    }
+    ctx.Compressor().Expect(std::move(runs));
+}
+
+}  // namespace fwforge
