@@ -17,7 +17,7 @@ void PrintBanner(std::ostream& out) {
 }  // namespace
 
 int RunMainFlow(int argc, const char* const* argv, std::ostream& out,
-                unsigned compression_threads) {
+                unsigned compression_threads, bool reuse_compression) {
     if (argc < 3) {
         PrintBanner(out);
         out << "Usage - FWFORGE OutputPath ScriptFile [-v] [-c]\n"
@@ -31,6 +31,7 @@ int RunMainFlow(int argc, const char* const* argv, std::ostream& out,
     BuildContext ctx(out);
     ctx.options.OutputPath = argv[1];
     ctx.options.CompressionThreads = compression_threads;
+    ctx.options.ReuseCompression = reuse_compression;
     // Options are looked for in the third and fourth positions only.
     for (int i = 3; i < argc && i <= 4; ++i) {
         const std::string_view arg = argv[i];

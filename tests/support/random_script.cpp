@@ -295,13 +295,13 @@ RandomScript MakeRandomScript(std::uint32_t seed, const TempDir& dir) {
 }
 
 int RunFwforge(const std::filesystem::path& folder, const std::vector<std::string>& args,
-               std::string& console) {
+               std::string& console, unsigned threads, bool reuse) {
     const std::filesystem::path before = std::filesystem::current_path();
     std::filesystem::current_path(folder);
     std::vector<const char*> argv = {"fwforge"};
     for (const std::string& a : args) argv.push_back(a.c_str());
     std::ostringstream out;
-    const int status = RunMainFlow(static_cast<int>(argv.size()), argv.data(), out);
+    const int status = RunMainFlow(static_cast<int>(argv.size()), argv.data(), out, threads, reuse);
     std::filesystem::current_path(before);
     console = out.str();
     return status;

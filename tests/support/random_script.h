@@ -82,7 +82,8 @@ RandomScript MakeRandomScript(std::uint32_t seed, const TempDir& dir);
 
 // Runs fwforge with `args` (output path, script, options) in `folder`, where relative
 // names in the script are found; returns its exit status, its console text in `console`.
+// `threads` and `reuse` tune how the build compresses, never what it writes.
 int RunFwforge(const std::filesystem::path& folder, const std::vector<std::string>& args,
-               std::string& console);
+               std::string& console, unsigned threads = 1, bool reuse = true);
 
 }  // namespace fwforge::testing
