@@ -9,7 +9,7 @@
 namespace fwforge::lzh {
 
 struct BuildCompressor::Run {
-    enum class State { Waiting, Running, Done, Failed };
+    enum class State { Running, Done, Failed };
 
     std::vector<std::uint8_t> input;
     // The bytes of StaleReadRange(input.size()) in the window the run starts from:
@@ -18,9 +18,20 @@ struct BuildCompressor::Run {
     std::vector<std::uint8_t> output;  // the result.total bytes the run writes
     CompressResult result;
     std::size_t token_buffer = 0;  // block cuts depend on it
-    State state = State::Waiting;
+    State state = State::Running;
     unsigned uses_left = 1;
+    bool asked = false;  // the build has asked for it once
 };
+
+namespace {
+
+// How many announced runs the workers compute ahead of the build, per worker: enough
+// to keep every core busy, few enough that memory stays near the image's size.
+constexpr unsigned kAheadPerWorker = 2;
+
+bool TooLarge(std::size_t size) { return size > std::uint32_t(-1) - kCompressedOverhead; }
+
+}  // namespace
 
 BuildCompressor::BuildCompressor(CompressorOptions options) : options_(options) {}
 
@@ -36,7 +47,7 @@ void BuildCompressor::StopWorkers() {
     {
         std::lock_guard lock(mutex_);
         stopping_ = true;
-        queue_.clear();
+        plan_.clear();
     }
     changed_.notify_all();
     for (std::thread& worker : workers_) worker.join();
@@ -47,35 +58,52 @@ void BuildCompressor::Release() {
     StopWorkers();
     std::lock_guard lock(mutex_);
     runs_.clear();
+    unasked_ = 0;
 }
 
 void BuildCompressor::Expect(std::vector<Expected> runs) {
     if (options_.threads < 2) return;
     try {
-        // The window each run will start from, if the calls come as announced: the
-        // real window now, then as each run before it leaves it.
+        // The first announced run starts from the real window as it is now.
         const std::span<const std::uint8_t> now = encoder_.Window();
-        std::vector<std::uint8_t> window(now.begin(), now.end());
-        StartWorkers();
-        for (Expected& expected : runs) {
-            std::optional<std::vector<std::uint8_t>> input = expected.load();
-            if (!input || input->size() > std::uint32_t(-1) - kCompressedOverhead) return;
-            auto run = std::make_unique<Run>();
-            const WindowRange range = StaleReadRange(input->size());
-            run->stale.assign(window.begin() + range.begin, window.begin() + range.end);
-            ReplayRun(window, *input, FullRunSlides(input->size()));
-            run->input = std::move(*input);
-            run->uses_left = expected.uses;
-            {
-                std::lock_guard lock(mutex_);
-                queue_.push_back(run.get());
-                runs_.push_back(std::move(run));
-            }
-            changed_.notify_one();
-        }
+        std::lock_guard lock(mutex_);
+        predicted_.assign(now.begin(), now.end());
+        for (Expected& expected : runs) plan_.push_back(std::move(expected));
     } catch (const std::bad_alloc&) {
-        // Announcing is only a guess; the runs not announced are computed when asked for.
+        return;  // announcing is only a guess; every run is computed when asked for
     } catch (const OutOfMemory&) {
+        return;
+    }
+    StartWorkers();
+    changed_.notify_all();
+}
+
+BuildCompressor::Run* BuildCompressor::PlanNext(const std::span<const std::uint8_t>* given) {
+    try {
+        Expected next = std::move(plan_.front());
+        plan_.pop_front();
+        std::vector<std::uint8_t> input;
+        if (given != nullptr) {
+            input.assign(given->begin(), given->end());
+        } else {
+            std::optional<std::vector<std::uint8_t>> loaded = next.load();
+            if (!loaded || TooLarge(loaded->size())) {
+                plan_.clear();  // the runs after it would start from another window
+                return nullptr;
+            }
+            input = std::move(*loaded);
+        }
+        auto run = std::make_unique<Run>();
+        const WindowRange range = StaleReadRange(input.size());
+        run->stale.assign(predicted_.begin() + range.begin, predicted_.begin() + range.end);
+        ReplayRun(predicted_, input, FullRunSlides(input.size()));
+        run->input = std::move(input);
+        run->uses_left = next.uses;
+        runs_.push_back(std::move(run));
+        return runs_.back().get();
+    } catch (const std::bad_alloc&) {
+        plan_.clear();
+        return nullptr;
     }
 }
 
@@ -83,11 +111,14 @@ void BuildCompressor::Work() {
     std::unique_ptr<Encoder> encoder;
     std::unique_lock lock(mutex_);
     for (;;) {
-        changed_.wait(lock, [this] { return stopping_ || !queue_.empty(); });
+        changed_.wait(lock, [this] {
+            return stopping_ || (!plan_.empty() && unasked_ < kAheadPerWorker * options_.threads);
+        });
         if (stopping_) return;
-        Run& run = *queue_.front();
-        queue_.pop_front();
-        run.state = Run::State::Running;
+        // Inputs are read here, one at a time and in order, as the prediction needs.
+        Run* run = PlanNext(nullptr);
+        if (run == nullptr) continue;
+        ++unasked_;
         lock.unlock();
 
         bool done = true;
@@ -95,20 +126,22 @@ void BuildCompressor::Work() {
             if (!encoder) encoder = std::make_unique<Encoder>();
             // Only the stale bytes of the worker's window matter: the run writes every
             // other byte it reads before it reads it.
-            const WindowRange range = StaleReadRange(run.input.size());
-            std::copy(run.stale.begin(), run.stale.end(), encoder->Window().begin() + range.begin);
-            run.output.resize(run.input.size() + kCompressedOverhead);
-            run.result = encoder->CompressModule(run.input, run.output);
-            run.output.resize(run.result.total);
-            run.output.shrink_to_fit();
-            run.token_buffer = encoder->TokenBufferSize();
+            const WindowRange range = StaleReadRange(run->input.size());
+            std::copy(run->stale.begin(), run->stale.end(),
+                      encoder->Window().begin() + range.begin);
+            run->output.resize(run->input.size() + kCompressedOverhead);
+            run->result = encoder->CompressModule(run->input, run->output);
+            run->output.resize(run->result.total);
+            run->output.shrink_to_fit();
+            run->token_buffer = encoder->TokenBufferSize();
         } catch (...) {
             // Out of memory in a worker: the run is computed when it is asked for.
             done = false;
         }
 
         lock.lock();
-        run.state = done ? Run::State::Done : Run::State::Failed;
+        run->state = done ? Run::State::Done : Run::State::Failed;
+        if (!done) --unasked_;
         changed_.notify_all();
     }
 }
@@ -116,30 +149,29 @@ void BuildCompressor::Work() {
 BuildCompressor::Run* BuildCompressor::FindReusable(std::span<const std::uint8_t> source,
                                                     std::span<const std::uint8_t> stale,
                                                     std::unique_lock<std::mutex>& lock) {
-    for (const std::unique_ptr<Run>& owned : runs_) {
-        Run& run = *owned;
-        if (run.state == Run::State::Failed || run.uses_left == 0) continue;
+    // By index: workers add runs while this waits; only the build's thread removes any.
+    for (std::size_t i = 0; i < runs_.size(); ++i) {
+        Run& run = *runs_[i];
+        if (run.state == Run::State::Failed) continue;
         if (run.input.size() != source.size() || !std::ranges::equal(run.stale, stale) ||
             !std::ranges::equal(run.input, source)) {
             continue;
         }
-        if (run.state == Run::State::Running) {
-            changed_.wait(lock, [&run] {
-                return run.state == Run::State::Done || run.state == Run::State::Failed;
-            });
+        changed_.wait(lock, [&run] { return run.state != Run::State::Running; });
+        if (run.state == Run::State::Done && run.token_buffer == encoder_.TokenBufferSize()) {
+            return &run;
         }
-        if (run.state == Run::State::Failed) continue;
-        if (run.state == Run::State::Done && run.token_buffer != encoder_.TokenBufferSize()) {
-            continue;
-        }
-        return &run;
     }
     return nullptr;
 }
 
 void BuildCompressor::Use(Run& run) {
+    if (!run.asked) {
+        run.asked = true;
+        if (unasked_ != 0) --unasked_;
+        changed_.notify_all();
+    }
     if (--run.uses_left != 0 && options_.reuse) return;
-    run.uses_left = 0;
     std::erase_if(runs_, [&run](const std::unique_ptr<Run>& r) { return r.get() == &run; });
 }
 
@@ -147,8 +179,7 @@ CompressResult BuildCompressor::CompressModule(std::span<const std::uint8_t> sou
                                                std::span<std::uint8_t> destination) {
     // Like a first run, this allocates the working storage (OutOfMemory when it fails).
     const std::span<std::uint8_t> window = encoder_.Window();
-    if (source.size() > std::uint32_t(-1) - kCompressedOverhead ||
-        destination.size() < source.size() + kCompressedOverhead) {
+    if (TooLarge(source.size()) || destination.size() < source.size() + kCompressedOverhead) {
         return encoder_.CompressModule(source, destination);  // refuses as it always does
     }
     const WindowRange range = StaleReadRange(source.size());
@@ -156,34 +187,6 @@ CompressResult BuildCompressor::CompressModule(std::span<const std::uint8_t> sou
 
     std::unique_lock lock(mutex_);
     if (Run* run = FindReusable(source, stale, lock)) {
-        if (run->state == Run::State::Waiting) {
-            // No worker has started it, and the build's own encoder is idle.
-            std::erase(queue_, run);
-            run->state = Run::State::Running;
-            lock.unlock();
-            CompressResult result;
-            try {
-                result = encoder_.CompressModule(run->input, destination);
-            } catch (...) {
-                lock.lock();
-                run->state = Run::State::Failed;
-                changed_.notify_all();
-                throw;
-            }
-            bool kept = true;
-            try {
-                run->output.assign(destination.begin(), destination.begin() + result.total);
-            } catch (const std::bad_alloc&) {
-                kept = false;
-            }
-            run->result = result;
-            run->token_buffer = encoder_.TokenBufferSize();
-            lock.lock();
-            run->state = kept ? Run::State::Done : Run::State::Failed;
-            changed_.notify_all();
-            if (kept) Use(*run);
-            return result;
-        }
         // The run read the same input and the same stale bytes, so it wrote these bytes;
         // the window goes on as that run left it.
         std::copy(run->output.begin(), run->output.end(), destination.begin());
@@ -193,26 +196,57 @@ CompressResult BuildCompressor::CompressModule(std::span<const std::uint8_t> sou
         ReplayRun(window, source, result.slides);
         return result;
     }
-    lock.unlock();
 
-    if (!options_.reuse) return encoder_.CompressModule(source, destination);
-    std::unique_ptr<Run> run;
-    try {
-        run = std::make_unique<Run>();
-        run->stale.assign(stale.begin(), stale.end());
-        run->input.assign(source.begin(), source.end());
-    } catch (const std::bad_alloc&) {
-        return encoder_.CompressModule(source, destination);  // not kept, then
+    // Computed here, from the real window. When the workers have not got this far, this
+    // is the next announced run: taking it keeps the prediction going past it.
+    Run* run = nullptr;
+    if (!plan_.empty()) {
+        run = PlanNext(&source);
+        if (run != nullptr) run->asked = true;
     }
-    const CompressResult result = encoder_.CompressModule(source, destination);
+    lock.unlock();
+    std::unique_ptr<Run> kept;
+    if (run == nullptr && options_.reuse) {
+        try {
+            kept = std::make_unique<Run>();
+            kept->input.assign(source.begin(), source.end());
+            run = kept.get();
+        } catch (const std::bad_alloc&) {
+            kept.reset();  // computed, but not kept
+        }
+    }
+
+    CompressResult result;
     try {
-        run->result = result;
-        run->output.assign(destination.begin(), destination.begin() + result.total);
-        run->token_buffer = encoder_.TokenBufferSize();
-        run->state = Run::State::Done;
-        lock.lock();
-        runs_.push_back(std::move(run));
+        if (run != nullptr) run->stale.assign(stale.begin(), stale.end());
+        result = encoder_.CompressModule(source, destination);
+        if (run != nullptr) {
+            run->output.assign(destination.begin(), destination.begin() + result.total);
+            run->result = result;
+            run->token_buffer = encoder_.TokenBufferSize();
+        }
     } catch (const std::bad_alloc&) {
+        if (run == nullptr) throw;
+        lock.lock();
+        run->state = Run::State::Failed;
+        changed_.notify_all();
+        return result.total != 0 ? result : encoder_.CompressModule(source, destination);
+    } catch (...) {
+        if (run != nullptr) {
+            lock.lock();
+            run->state = Run::State::Failed;
+            changed_.notify_all();
+        }
+        throw;
+    }
+    if (run == nullptr) return result;
+    lock.lock();
+    run->state = Run::State::Done;
+    changed_.notify_all();
+    if (kept) {
+        runs_.push_back(std::move(kept));
+    } else {
+        Use(*run);
     }
     return result;
 }

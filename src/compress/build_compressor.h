@@ -61,6 +61,11 @@ class BuildCompressor {
     void StartWorkers();
     void StopWorkers();
     void Work();
+    // Takes the next announced run with its input (loaded, or `given` when the build
+    // asks for it before a worker took it), notes the stale bytes of the window it is
+    // predicted to start from and moves the prediction past it. With the lock held;
+    // null when the announcement ends there.
+    Run* PlanNext(const std::span<const std::uint8_t>* given);
     Run* FindReusable(std::span<const std::uint8_t> source, std::span<const std::uint8_t> stale,
                       std::unique_lock<std::mutex>& lock);
     // Counts one use of `run`, and forgets it after its last.
@@ -72,7 +77,9 @@ class BuildCompressor {
     std::mutex mutex_;
     std::condition_variable changed_;
     std::vector<std::unique_ptr<Run>> runs_;
-    std::deque<Run*> queue_;
+    std::deque<Expected> plan_;             // announced runs no one has taken yet
+    std::vector<std::uint8_t> predicted_;   // the window the next of them starts from
+    unsigned unasked_ = 0;                  // runs computed ahead and not yet asked for
     std::vector<std::thread> workers_;
     bool stopping_ = false;
 };
