@@ -129,16 +129,14 @@ inline constexpr const char* kScript = R"js(
     }
     const min = Math.min(MIN_PX, height * 0.9 / Math.max(count, 1));
     const bytes = i => cuts[i + 1] - cuts[i];
+    // Fixing a piece below the scale lowers the scale of the rest, so once the smallest
+    // unfixed piece is tall enough, all larger ones are too.
     const fixed = new Uint8Array(n);
     let restPx = height, restBytes = hi - lo;
-    for (let changed = true; changed && restBytes > 0;) {
-      changed = false;
-      const scale = restPx / restBytes;
-      for (let i = 0; i < n; i++) {
-        if (want[i] && !fixed[i] && bytes(i) * scale < min) {
-          fixed[i] = 1; restPx -= min; restBytes -= bytes(i); changed = true;
-        }
-      }
+    const small = [...want.keys()].filter(i => want[i]).sort((a, b) => bytes(a) - bytes(b));
+    for (const i of small) {
+      if (restBytes <= 0 || bytes(i) * restPx / restBytes >= min) break;
+      fixed[i] = 1; restPx -= min; restBytes -= bytes(i);
     }
     const scale = restBytes > 0 ? restPx / restBytes : 0;
     const px = new Float64Array(n), y = new Float64Array(n + 1);
