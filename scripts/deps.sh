@@ -4,12 +4,14 @@
 #   build    compiler, CMake and make: enough to build the tools and run the examples
 #   test     the test suite: GoogleTest, python3 for the case driver, gzip for the benchmark
 #   fuzz     clang and its sanitizer runtime for the fuzz targets
+#   browser  headless Chromium, Node.js and npm for the check of the HTML map
 set -euo pipefail
 
 declare -A group=(
     [build]="cmake g++ make"
     [test]="cmake g++ make libgtest-dev python3 gzip"
     [fuzz]="cmake make clang libclang-rt-dev"
+    [browser]="chromium nodejs npm"
 )
 
 packages=()
@@ -20,8 +22,11 @@ for g in "$@"; do
 done
 
 missing=()
+# A program already on the PATH counts as installed: a Node.js package that brings its
+# own npm conflicts with Debian's npm package.
 for p in "${packages[@]}"; do
-    if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed'; then
+    if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' &&
+        ! command -v "$p" >/dev/null; then
         missing+=("$p")
     fi
 done

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "format/module_header.h"
+#include "inspect/map_page.h"
 #include "inspect/report.h"
 #include "inspect/verify.h"
 #include "platform/text_format.h"
@@ -63,20 +64,80 @@ std::string HtmlEscape(const std::string& text) {
     return out;
 }
 
-const char* KindClass(MapKind kind) {
-    switch (kind) {
-        case MapKind::Region:
-            return "region";
+// The colour class of a map item: modules by how they are stored, regions by what they are.
+std::string ItemKind(const ImageModel& model, const MapEntry& e) {
+    switch (e.kind) {
+        case MapKind::Module: {
+            const Module& m = model.modules[e.module];
+            if (e.module == model.info.module) return "info";
+            if (m.Linked()) return "linked";
+            if (m.header.id == kAddonRomModuleId) return "addon";
+            return m.Compressed() ? "compressed" : "uncompressed";
+        }
         case MapKind::Block:
-            return "block";
-        case MapKind::Module:
-            return "module";
+            return e.name == "Extended Boot Block" ? "ebb" : "ncb";
+        case MapKind::Region:
+            if (e.name == "boot block") return "boot";
+            if (e.name == "NVRAM area") return "nvram";
+            if (e.name == "main BIOS header") return "header";
+            if (e.name.starts_with("ROM hole")) return "hole";
+            return "region";
         case MapKind::Free:
             return "free";
         case MapKind::Other:
             return "other";
     }
     return "other";
+}
+
+// A JSON literal that may stand inside a script element: no "</script>" can close it
+// early, whatever the image or its path holds.
+std::string ScriptJson(const std::string& text) {
+    std::string out;
+    for (char c : JsonString(text)) {
+        if (c == '<') {
+            out += "\\u003c";
+        } else {
+            out += c;
+        }
+    }
+    return out;
+}
+
+std::string ModuleJson(std::span<const std::uint8_t> image, const ImageModel& model,
+                       const Module& m) {
+    const ModuleSizes s = SizesOf(image, m);
+    const std::string area = m.area == ModuleArea::Main  ? "main BIOS"
+                             : m.area == ModuleArea::Ebb ? "Extended Boot Block"
+                                                         : StrFormat("non-critical block %d",
+                                                                     m.block + 1);
+    std::string pieces;
+    for (std::size_t i = 0; i < m.piece_headers.size(); ++i) {
+        pieces += (i ? ", " : "") +
+                  ScriptJson(StrFormat("piece %zu: header %x (image %x), %x data bytes", i + 1,
+                                       model.Address(m.piece_headers[i].offset),
+                                       m.piece_headers[i].offset, m.pieces[i].length));
+    }
+    if (m.Split()) {
+        pieces += ", " + ScriptJson(StrFormat("last piece: header %x (image %x), %x data bytes",
+                                              model.Address(m.header.offset), m.header.offset,
+                                              m.pieces.back().length));
+    }
+    return StrFormat("{\"label\": %s, \"num\": %d, \"area\": %s, \"id\": \"%02X\", ",
+                     ScriptJson(DescribeModule(model, m)).c_str(), m.index,
+                     ScriptJson(area).c_str(), m.header.id) +
+           StrFormat("\"attr\": %s, \"dest\": %s, \"at\": %u, \"header\": \"%x (image %x)\", ",
+                     ScriptJson(DescribeAttributes(m)).c_str(),
+                     ScriptJson(DescribeDestination(m)).c_str(), m.header.offset,
+                     model.Address(m.header.offset), m.header.offset) +
+           StrFormat("\"data\": \"%s\", \"stored\": %u, \"original\": %s, ",
+                     m.pieces.empty() ? "-"
+                                      : StrFormat("%x (image %x)",
+                                                  model.Address(m.pieces.front().offset),
+                                                  m.pieces.front().offset)
+                                            .c_str(),
+                     s.stored, s.compressed ? StrFormat("%u", s.original).c_str() : "null") +
+           "\"ratio\": " + ScriptJson(RatioText(s)) + ", \"pieces\": [" + pieces + "]}";
 }
 
 }  // namespace
@@ -139,82 +200,50 @@ std::string MapText(std::span<const std::uint8_t> image, const ImageModel& model
 
 std::string MapHtml(std::span<const std::uint8_t> image, const ImageModel& model,
                     const std::string& title) {
+    std::string data = StrFormat("{\"size\": %u, \"base\": %u,\n\"items\": [\n", model.size,
+                                 model.address_base);
     const std::vector<MapEntry> map = BuildMap(image, model);
-    // Scale so that the smallest item is still a few pixels high, within bounds that
-    // a browser draws without trouble; every box gets at least 2 pixels.
-    std::uint32_t smallest = model.size ? model.size : 1;
-    for (const MapEntry& e : map) {
-        if (e.kind != MapKind::Other && e.end > e.begin)
-            smallest = std::min(smallest, e.end - e.begin);
+    for (std::size_t i = 0; i < map.size(); ++i) {
+        const MapEntry& e = map[i];
+        data += StrFormat("{\"b\": %u, \"e\": %u, \"d\": %d, \"k\": \"%s\", \"m\": %d, ", e.begin,
+                          e.end, e.depth, ItemKind(model, e).c_str(), e.module) +
+                "\"n\": " + ScriptJson(e.name) + ", \"x\": " + ScriptJson(e.details) + "}" +
+                (i + 1 < map.size() ? ",\n" : "\n");
     }
-    double scale = std::max(900.0 / std::max<std::uint32_t>(model.size, 1), 4.0 / smallest);
-    scale = std::min(scale, 16000.0 / std::max<std::uint32_t>(model.size, 1));
-    const double height = model.size * scale;
+    data += "],\n\"modules\": [\n";
+    for (std::size_t i = 0; i < model.modules.size(); ++i) {
+        data += ModuleJson(image, model, model.modules[i]) +
+                (i + 1 < model.modules.size() ? ",\n" : "\n");
+    }
+    data += "]}";
 
-    std::string h;
-    h += "<!DOCTYPE html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\">\n";
-    h += "<title>" + HtmlEscape(title) +
-         "</title>\n<style>\n"
-         "body{font-family:sans-serif;margin:16px;color:#222;display:flex;gap:24px;"
-         "align-items:flex-start}\n"
-         "#picture{position:relative;width:360px;flex:none;border:1px solid #444;"
-         "background:#fafafa}\n"
-         ".box{position:absolute;box-sizing:border-box;border:1px solid #333;overflow:hidden;"
-         "font-size:10px;line-height:11px;white-space:nowrap;min-height:2px}\n"
-         ".box:hover{outline:2px solid #d00;z-index:10}\n"
-         ".region{left:0;width:100%;background:#9ecae1}\n"
-         ".block{left:0;width:100%;background:#fdd0a2}\n"
-         ".module{left:0;width:100%;background:#a1d99b}\n"
-         ".box.module.nested{left:24px;width:calc(100% - 24px);background:#74c476}\n"
-         ".free{left:0;width:100%;background:repeating-linear-gradient(45deg,#fff,#fff 4px,"
-         "#eee 4px,#eee 8px);border-style:dashed}\n"
-         ".other{left:0;width:100%;background:#ddd;border:none}\n"
-         "table{border-collapse:collapse;font-size:12px}\n"
-         "td,th{border:1px solid #bbb;padding:2px 6px;text-align:left}\n"
-         "th{background:#eee}\n"
-         "#details{position:sticky;top:16px}\n"
-         "</style>\n</head>\n<body>\n";
-    h += StrFormat("<div id=\"picture\" style=\"height:%.0fpx\" data-size=\"%u\">\n", height + 1,
-                   model.size);
-    // The top of the image (highest address) at the top of the picture.
-    for (const MapEntry& e : map) {
-        const double top = (model.size - e.end) * scale;
-        const double box = std::max(2.0, (e.end - e.begin) * scale);
-        std::string cls = std::string("box ") + KindClass(e.kind);
-        if (e.kind == MapKind::Module && e.depth > 0) cls += " nested";
-        const std::string tip =
-            StrFormat("%s: %x-%x (image %x-%x, %x bytes)", e.name.c_str(), model.Address(e.begin),
-                      model.Address(e.end - 1), e.begin, e.end - 1, e.end - e.begin) +
-            (e.details.empty() ? "" : "\n" + e.details);
-        h += StrFormat(
-            "<div class=\"%s\"%s style=\"top:%.1fpx;height:%.1fpx\" title=\"%s\">%s</div>\n",
-            cls.c_str(), e.module >= 0 ? StrFormat(" data-module=\"%d\"", e.module).c_str() : "",
-            top, box, HtmlEscape(tip).c_str(), box >= 11 ? HtmlEscape(e.name).c_str() : "");
-    }
-    h += "</div>\n<div id=\"details\">\n<h1>" + HtmlEscape(title) + "</h1>\n";
-    h += StrFormat("<p>%x bytes, ROM addresses %x-%x, %s links, %s placement.</p>\n", model.size,
-                   model.Address(0), model.Address(model.size ? model.size - 1 : 0),
-                   model.links32 ? "32-bit" : "16-bit", model.gap_placement ? "gap" : "sequential");
-    h += "<table id=\"modules\">\n<tr><th>area</th><th>#</th><th>id</th><th>attributes</th>"
-         "<th>destination</th><th>header</th><th>data</th><th>data size</th></tr>\n";
-    for (const Module& m : model.modules) {
-        const char* area = m.area == ModuleArea::Main  ? "main"
-                           : m.area == ModuleArea::Ebb ? "EBB"
-                                                       : "NCB";
-        h += StrFormat(
-            "<tr><td>%s</td><td>%d</td><td>%02X</td><td>%s</td><td>%s</td><td>%x</td>"
-            "<td>%s</td><td>%x</td></tr>\n",
-            area, m.index, m.header.id, HtmlEscape(DescribeAttributes(m)).c_str(),
-            HtmlEscape(DescribeDestination(m)).c_str(), model.Address(m.header.offset),
-            m.pieces.empty() ? "-"
-                             : StrFormat("%x", model.Address(m.pieces.front().offset)).c_str(),
-            m.Linked() ? 0 : m.header.data_size);
-    }
-    h += "</table>\n";
+    std::string h = "<!DOCTYPE html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\">\n";
+    // Nothing but the page itself: no request leaves the browser.
+    h += "<meta http-equiv=\"Content-Security-Policy\" content=\"default-src 'none'; "
+         "style-src 'unsafe-inline'; script-src 'unsafe-inline'\">\n";
+    h += "<title>" + HtmlEscape(title) + "</title>\n<style>" + map_page::kStyle +
+         "</style>\n</head>\n<body>\n<header>\n<h1>" + HtmlEscape(title) + "</h1>\n";
+    h += StrFormat("<p id=\"summary\">%x bytes, ROM addresses %x-%x, %s links, %s placement, "
+                   "%zu modules.</p>\n",
+                   model.size, model.Address(0), model.Address(model.size ? model.size - 1 : 0),
+                   model.links32 ? "32-bit" : "16-bit", model.gap_placement ? "gap" : "sequential",
+                   model.modules.size());
+    h += "<div id=\"controls\"><button id=\"whole\">Whole image</button>"
+         "<button id=\"out\">Zoom out</button><span id=\"range\"></span>"
+         "<span class=\"hint\">wheel: zoom, drag: zoom to a range, click: zoom to an item, "
+         "Esc: whole image</span></div>\n</header>\n<main>\n"
+         "<div id=\"overview\" title=\"the range shown; click for the whole image\">"
+         "<div id=\"viewmark\"></div></div>\n<div id=\"axis\"></div>\n"
+         "<div id=\"picture\"><div id=\"band\"></div></div>\n<aside>\n"
+         "<ul id=\"legend\"></ul>\n<h2>Details</h2>\n<div id=\"details\"></div>\n";
     for (const Finding& f : model.problems) {
         h += "<p class=\"problem\">PROBLEM: " + HtmlEscape(f.where + ": " + f.what) + "</p>\n";
     }
-    h += "</div>\n</body>\n</html>\n";
+    h += "<h2>Modules</h2>\n<table id=\"modules\">\n<tr><th>area</th><th>#</th><th>id</th>"
+         "<th>attributes</th><th>destination</th><th>header</th><th>stored</th>"
+         "<th>original</th><th>ratio</th></tr>\n</table>\n</aside>\n</main>\n";
+    h += "<script>\nconst MAP = " + data + ";\n</script>\n<script>" + map_page::kScript +
+         "</script>\n</body>\n</html>\n";
     return h;
 }
 

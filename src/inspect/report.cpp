@@ -12,32 +12,6 @@
 namespace fwforge::inspect {
 namespace {
 
-struct Sizes {
-    bool compressed = false;
-    std::uint32_t stored = 0;    // DataSize
-    std::uint32_t total = 0;     // compressed total (header, stream, 0x00)
-    std::uint32_t original = 0;  // from the compressed-data header
-};
-
-Sizes SizesOf(std::span<const std::uint8_t> image, const Module& m) {
-    Sizes s;
-    s.stored = m.Linked() ? 0 : m.header.data_size;
-    if (!m.Compressed() || m.pieces.empty()) return s;
-    // The compressed-data header is at the start of the first piece.
-    const Piece& first = m.pieces.front();
-    if (first.length < compressed_data_header::kSize) return s;
-    s.compressed = true;
-    s.total = load_le32(image.data() + first.offset + compressed_data_header::TotalSize.offset);
-    s.original =
-        load_le32(image.data() + first.offset + compressed_data_header::OriginalSize.offset);
-    return s;
-}
-
-std::string Ratio(const Sizes& s) {
-    if (!s.compressed || s.original == 0) return "-";
-    return StrFormat("%.1f%%", 100.0 * s.total / s.original);
-}
-
 std::string FlagsText(std::uint8_t flags) {
     std::vector<std::string> parts;
     if (flags & rom_image_flag::Mode32Bit) parts.push_back("32-bit mode");
@@ -60,7 +34,7 @@ void ModuleTable(std::string& out, std::span<const std::uint8_t> image, const Im
         "  #    id  attributes                     destination     header(addr/image)  "
         "data(addr/image)    stored    original  ratio\n";
     for (const Module* m : modules) {
-        const Sizes s = SizesOf(image, *m);
+        const ModuleSizes s = SizesOf(image, *m);
         const std::string data = m->pieces.empty()
                                      ? std::string("-")
                                      : StrFormat("%x/%x", model.Address(m->pieces.front().offset),
@@ -70,7 +44,7 @@ void ModuleTable(std::string& out, std::span<const std::uint8_t> image, const Im
                       DescribeAttributes(*m).c_str(), DescribeDestination(*m).c_str(),
                       StrFormat("%x/%x", model.Address(m->header.offset), m->header.offset).c_str(),
                       data.c_str(), s.stored,
-                      s.compressed ? StrFormat("%x", s.original).c_str() : "-", Ratio(s).c_str());
+                      s.compressed ? StrFormat("%x", s.original).c_str() : "-", RatioText(s).c_str());
         for (std::size_t i = 0; i < m->piece_headers.size(); ++i) {
             out += StrFormat("       piece %zu: header %x/%x, %x data bytes\n", i + 1,
                              model.Address(m->piece_headers[i].offset), m->piece_headers[i].offset,
@@ -106,6 +80,25 @@ std::vector<FreeRun> FreeSpace(std::span<const std::uint8_t> image, const ImageM
         from = std::max(from, item.end);
     }
     return runs;
+}
+
+ModuleSizes SizesOf(std::span<const std::uint8_t> image, const Module& m) {
+    ModuleSizes s;
+    s.stored = m.Linked() ? 0 : m.header.data_size;
+    if (!m.Compressed() || m.pieces.empty()) return s;
+    // The compressed-data header is at the start of the first piece.
+    const Piece& first = m.pieces.front();
+    if (first.length < compressed_data_header::kSize) return s;
+    s.compressed = true;
+    s.total = load_le32(image.data() + first.offset + compressed_data_header::TotalSize.offset);
+    s.original =
+        load_le32(image.data() + first.offset + compressed_data_header::OriginalSize.offset);
+    return s;
+}
+
+std::string RatioText(const ModuleSizes& s) {
+    if (!s.compressed || s.original == 0) return "-";
+    return StrFormat("%.1f%%", 100.0 * s.total / s.original);
 }
 
 std::string DescribeAttributes(const Module& m) {
@@ -240,7 +233,7 @@ namespace {
 
 std::string JsonModule(std::span<const std::uint8_t> image, const ImageModel& model,
                        const Module& m) {
-    const Sizes s = SizesOf(image, m);
+    const ModuleSizes s = SizesOf(image, m);
     std::string out = StrFormat(
         "{\"index\": %d, \"area\": %s, \"id\": %u, \"attributes\": %u, \"compressed\": %s, "
         "\"linked\": %s, \"split\": %s, \"contiguous\": %s, ",

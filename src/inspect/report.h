@@ -23,6 +23,18 @@ inline constexpr std::uint32_t kMinFreeRun = 16;
 // Free runs in address order.
 std::vector<FreeRun> FreeSpace(std::span<const std::uint8_t> image, const ImageModel& model);
 
+// What a module stores: DataSize, and for a compressed module the totals of its
+// compressed-data header.
+struct ModuleSizes {
+    bool compressed = false;
+    std::uint32_t stored = 0;    // DataSize
+    std::uint32_t total = 0;     // compressed total (header, stream, 0x00)
+    std::uint32_t original = 0;  // from the compressed-data header
+};
+ModuleSizes SizesOf(std::span<const std::uint8_t> image, const Module& m);
+// The compressed total as a share of the original size, "44.0%"; "-" when not compressed.
+std::string RatioText(const ModuleSizes& s);
+
 // "compressed, contiguous" and the like.
 std::string DescribeAttributes(const Module& m);
 // "f000:8000", or "PCI 8086:1234" for an add-on ROM.

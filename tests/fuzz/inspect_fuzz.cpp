@@ -21,7 +21,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         const auto report = fwforge::inspect::Verify(image, model);
         (void)fwforge::inspect::VerifyJson(report);
         (void)fwforge::inspect::ListText(image, model);
-        (void)fwforge::inspect::BuildMap(image, model);
+        (void)fwforge::inspect::MapHtml(image, model, "map");
     }
     return 0;
 }
