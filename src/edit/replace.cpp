@@ -152,13 +152,21 @@ ReplaceOutcome ReplaceModule(std::span<const std::uint8_t> image, const ReplaceR
     const std::vector<std::uint8_t> stored = replaced->StoredData(result);
     if (replaced->Compressed() && stored != module.StoredData(image)) {
         const inspect::DecodeResult decoded = inspect::DecodeStoredData(stored);
-        inspect::CannotUnpack why;
-        if (inspect::DescribeCannotUnpack(after, *replaced, decoded, why)) {
-            out.error = StrFormat("%s with %s%s: %s, and the firmware could not unpack it; %s "
-                                  "and build the image again",
-                                  name.c_str(), request.file_name.c_str(),
-                                  request.as_is ? " as it is" : "", why.reason.c_str(),
-                                  why.change.c_str());
+        if (decoded.status == inspect::DecodeStatus::CutOff && !request.as_is) {
+            out.error = StrFormat(
+                "%s: %s does not compress: the encoder's output bound cut its stream off "
+                "(total %x = original size %x + 9), and the firmware could not unpack it; "
+                "the module is stored compressed: give it data that compresses, or build the "
+                "image again with `compressed = no` in its [module] section",
+                name.c_str(), request.file_name.c_str(), decoded.total, decoded.original);
+            return out;
+        }
+        if (decoded.status != inspect::DecodeStatus::Ok &&
+            decoded.status != inspect::DecodeStatus::Unavailable) {
+            out.error = StrFormat(
+                "%s: %s does not hold compressed data that the firmware could unpack (%s)%s",
+                name.c_str(), request.file_name.c_str(), decoded.message.c_str(),
+                request.as_is ? "; --as-is takes data as `fwforge-lzh c` writes it" : "");
             return out;
         }
     }
