@@ -7,10 +7,12 @@
 #include "edit/rebuild_with_file.h"
 #include "edit/replace_in_place.h"
 #include "format/main_header_block.h"
+#include "format/module_header.h"
 #include "inspect/extract.h"
 #include "inspect/module_data.h"
 #include "inspect/verify.h"
 #include "platform/text_format.h"
+#include "script/boot_block_stamp.h"
 
 namespace fwforge::edit {
 namespace {
@@ -86,6 +88,43 @@ std::string CheckUnmoved(std::span<const std::uint8_t> before, std::span<const s
     return {};
 }
 
+// The build reads the boot block stamp from the file of module 1B while the script is
+// read, and each 1B module's file that has a stamp sets it anew. When the image holds
+// one such module, the new file decides it alone.
+std::string StampOf(const ImageModel& model, const Module& module, const ReplaceRequest& request,
+                    std::optional<std::uint32_t>& stamp, std::vector<std::string>& report) {
+    if (module.header.id != kBootBlockStampModuleId) return {};
+    const auto count = std::count_if(model.modules.begin(), model.modules.end(), [](const Module& m) {
+        return m.header.id == kBootBlockStampModuleId;
+    });
+    if (count > 1) {
+        report.push_back(StrFormat("the boot block stamp is left as it is: %d modules have id "
+                                   "1B, and the order of the script decides which supplies it",
+                                   static_cast<int>(count)));
+        return {};
+    }
+    // Data given as it is stored was compressed from the file that carries the stamp.
+    std::vector<std::uint8_t> original = request.file;
+    if (request.as_is && module.Compressed()) {
+        inspect::DecodeResult decoded = inspect::DecodeStoredData(request.file);
+        if (decoded.status != inspect::DecodeStatus::Ok) return {};  // refused later
+        original = std::move(decoded.bytes);
+    }
+    const script::StampSearch search = script::FindBootBlockStamp(original);
+    if (search.result == script::StampSearch::Unreadable) {
+        return StrFormat("%s supplies the boot block stamp, and the segment table of %s "
+                         "reaches past its end (the build stops with \"Cannot read from boot "
+                         "block file\")",
+                         inspect::DescribeModule(model, module).c_str(),
+                         request.file_name.c_str());
+    }
+    stamp = search.result == script::StampSearch::Found ? search.stamp : 0;
+    if (*stamp != model.main->stamp) {
+        report.push_back(StrFormat("boot block stamp %08x becomes %08x", model.main->stamp, *stamp));
+    }
+    return {};
+}
+
 }  // namespace
 
 ReplaceOutcome ReplaceModule(std::span<const std::uint8_t> image, const ReplaceRequest& request) {
@@ -131,8 +170,14 @@ ReplaceOutcome ReplaceModule(std::span<const std::uint8_t> image, const ReplaceR
             data.resize(request.file.size() + 9);
             data.resize(lzh::Encoder().CompressModule(request.file, data).total);
         }
+        std::optional<std::uint32_t> stamp;
+        if (std::string error = StampOf(model, module, request, stamp, out.report);
+            !error.empty()) {
+            out.error = std::move(error);
+            return out;
+        }
         result.assign(image.begin(), image.end());
-        if (std::string error = ReplaceInPlace(result, model, module, std::move(data));
+        if (std::string error = ReplaceInPlace(result, model, module, std::move(data), stamp);
             !error.empty()) {
             out.error = std::move(error);
             return out;

@@ -73,7 +73,8 @@ std::uint32_t RegionSum(std::span<const std::uint8_t> image, const inspect::Main
 }  // namespace
 
 std::string ReplaceInPlace(std::vector<std::uint8_t>& image, const ImageModel& model,
-                           const Module& module, std::vector<std::uint8_t> data) {
+                           const Module& module, std::vector<std::uint8_t> data,
+                           std::optional<std::uint32_t> stamp) {
     const std::uint32_t header = module.header.offset;
     const std::uint32_t at = header + kHeader;
     const std::uint32_t old_size = module.header.data_size;
@@ -121,6 +122,11 @@ std::string ReplaceInPlace(std::vector<std::uint8_t>& image, const ImageModel& m
     const std::uint32_t hi = std::max(old_end, at + size);
     const std::uint32_t region_before =
         module.area == ModuleArea::Main ? RegionSum(image, *model.main, lo, hi) : 0;
+    // The stamp lies in the main BIOS header, far from any module's bytes.
+    const std::uint32_t stamp_at = model.main->signature + main_header::BootBlockStamp.offset;
+    const std::uint32_t stamp_before = RegionSum(image, *model.main, stamp_at, stamp_at + 4);
+    if (stamp) store_le32(&image[stamp_at], *stamp);
+    const std::uint32_t stamp_after = RegionSum(image, *model.main, stamp_at, stamp_at + 4);
 
     // Bytes that the data no longer takes are free space again, as a build leaves it,
     // and so are the rounding bytes behind the new data.
@@ -133,13 +139,14 @@ std::string ReplaceInPlace(std::vector<std::uint8_t>& image, const ImageModel& m
         SealHeader(image, link->header.offset, link->link_without_bit ? size : 0);
     }
 
-    if (module.area == ModuleArea::Main) {
-        // Only the changed doublewords enter the region's sum: ROM holes and blocks in
-        // the region were filled after it was sealed and are not counted as they stand.
-        const std::uint32_t field = model.main->signature + main_header::Checksum.offset;
-        const std::uint32_t region_after = RegionSum(image, *model.main, lo, hi);
-        store_le32(&image[field], load_le32(&image[field]) + region_before - region_after);
-    } else {
+    // Only the changed doublewords enter the region's sum: ROM holes and blocks in the
+    // region were filled after it was sealed and are not counted as they stand.
+    const std::uint32_t field = model.main->signature + main_header::Checksum.offset;
+    const std::uint32_t region_after =
+        module.area == ModuleArea::Main ? RegionSum(image, *model.main, lo, hi) : 0;
+    store_le32(&image[field], load_le32(&image[field]) + region_before - region_after +
+                                  stamp_before - stamp_after);
+    if (module.area != ModuleArea::Main) {
         const bool ebb = module.area == ModuleArea::Ebb;
         const inspect::Block& block = ebb ? *model.ebb : model.ncbs[module.block];
         WriteBlockHeader(image, block.offset,
