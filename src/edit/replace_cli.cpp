@@ -136,9 +136,12 @@ int RunReplace(int argc, const char* const* argv, std::ostream& out) {
     }
     auto written = platform::OutputFile::Create(cl.out);
     if (!written || !written->Write(outcome.image)) {
-        written.reset();
-        std::error_code ignored;
-        std::filesystem::remove(platform::ToHostSeparators(cl.out), ignored);
+        // Only a file this run created goes again; OUT may name a folder, say.
+        if (written) {
+            written.reset();
+            std::error_code ignored;
+            std::filesystem::remove(platform::ToHostSeparators(cl.out), ignored);
+        }
         out << "fwforge-inspect replace: cannot write " << cl.out << "\n";
         return kUnusable;
     }
