@@ -51,7 +51,8 @@ const std::pair<const char*, int> kLeast[] = {
     {"split, uneven pieces", 3}, {"link = yes", 80}, {"link = no", 120}, {"maxmodulesize", 80},
     {"minsize", 100}, {"nowcompressed", 200}, {"junk named", 40}, {"tiny module", 100},
     {"cut off named", 100}, {"cannot unpack", 60}, {"force32", 25}, {"-c", 15},
-    {"replaced in place", 50}, {"replaced by a rebuild", 70}, {"replace refused", 25}};
+    {"replaced in place", 50}, {"replaced in a block", 12}, {"replaced by a rebuild", 70},
+    {"replace refused", 25}};
 // clang-format on
 
 // What some checksum covers: the boot block, the EBB and the main BIOS header's region
@@ -282,6 +283,7 @@ void CheckReplace(const RandomScript& script, const std::vector<std::uint8_t>& r
     seen[!outcome.Done() ? "replace refused" : model.gap_placement ? "replaced in place"
                                                                    : "replaced by a rebuild"]++;
     if (!outcome.Done()) return;
+    seen["replaced in a block"] += model.gap_placement && m.area != ModuleArea::Main;
     const ImageModel after = ReadImage(outcome.image, {});
     const VerifyReport report = Verify(outcome.image, after);
     // Only modules that could not be unpacked before may keep the image from verify's 0.
