@@ -1,7 +1,9 @@
 #include "edit/module_selector.h"
 
+#include <charconv>
 #include <cstdint>
 #include <optional>
+#include <utility>
 #include <vector>
 
 #include "format/module_header.h"
@@ -12,6 +14,7 @@ namespace {
 
 using inspect::ImageModel;
 using inspect::Module;
+using inspect::ModuleArea;
 
 std::optional<std::uint32_t> Hex(std::string_view text, std::size_t max_digits) {
     if (text.empty() || text.size() > max_digits) return std::nullopt;
@@ -58,42 +61,48 @@ std::optional<IdSelector> ParseIdSelector(std::string_view text) {
     return out;
 }
 
+// "3" or "ebb:1" as `list` numbers modules: whether it names the EBB, and the number.
+std::optional<std::pair<bool, int>> ParseNumber(std::string_view text) {
+    const bool ebb = text.starts_with("ebb:");
+    if (ebb) text.remove_prefix(4);
+    int number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    if (text.empty() || error != std::errc() || end != text.data() + text.size() || number < 0)
+        return std::nullopt;
+    return std::pair(ebb, number);
+}
+
 }  // namespace
 
 Selection SelectModule(const ImageModel& model, std::string_view selector) {
-    std::vector<const Module*> found;
+    const std::string shown(selector);
     const auto by_id = ParseIdSelector(selector);
+    const auto number = by_id ? std::nullopt : ParseNumber(selector);
+    if (!by_id && !number) {
+        return {nullptr, "--module " + shown +
+                             ": not a module number (3, ebb:1), id=XX or pci=VVVV:DDDD"};
+    }
+    std::vector<const Module*> found;
     for (const Module& m : model.modules) {
-        if (by_id) {
-            if (m.header.id == *by_id->id &&
-                (!by_id->vendor || (m.header.id == kAddonRomModuleId &&
-                                    m.header.dest_offset == *by_id->vendor &&
-                                    m.header.dest_segment == *by_id->device))) {
-                found.push_back(&m);
-            }
-        } else if (inspect::ModuleNumber(m) == selector) {
-            found.push_back(&m);
-        }
+        const bool match =
+            by_id ? m.header.id == *by_id->id &&
+                        (!by_id->vendor || (m.header.id == kAddonRomModuleId &&
+                                            m.header.dest_offset == *by_id->vendor &&
+                                            m.header.dest_segment == *by_id->device))
+                  : (m.area == ModuleArea::Ebb) == number->first && m.index == number->second;
+        if (match) found.push_back(&m);
     }
     if (found.size() == 1) return {found.front(), {}};
     if (found.empty()) {
-        const bool number_form = !selector.empty() && (selector.find_first_not_of(
-                                                           "0123456789") == std::string_view::npos ||
-                                                       selector.starts_with("ebb:"));
-        if (!by_id && !number_form) {
-            return {nullptr, StrFormat("--module %.*s: not a module number (3, ebb:1), "
-                                       "id=XX or pci=VVVV:DDDD",
-                                       static_cast<int>(selector.size()), selector.data())};
-        }
-        return {nullptr, StrFormat("--module %.*s: the image has no such module (`list` shows "
-                                   "each module's number)",
-                                   static_cast<int>(selector.size()), selector.data())};
+        return {nullptr, "--module " + shown +
+                             ": the image has no such module (`list` shows each module's number)"};
     }
     std::string numbers;
-    for (const Module* m : found) numbers += (numbers.empty() ? "" : ", ") + inspect::ModuleNumber(*m);
-    return {nullptr, StrFormat("--module %.*s names %zu modules (numbers %s); give one number",
-                               static_cast<int>(selector.size()), selector.data(), found.size(),
-                               numbers.c_str())};
+    for (const Module* m : found) {
+        numbers += (numbers.empty() ? "" : ", ") + inspect::ModuleNumber(*m);
+    }
+    return {nullptr, StrFormat("--module %s names %zu modules (numbers %s); give one number",
+                               shown.c_str(), found.size(), numbers.c_str())};
 }
 
 }  // namespace fwforge::edit
