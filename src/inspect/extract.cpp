@@ -75,7 +75,8 @@ std::string ModuleFileName(const ImageModel& model, const Module& m, const char*
 
 ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& model) {
     ExtractPlan plan;
-    std::vector<std::string> module_files(model.modules.size());  // the file rebuild.scr names
+    std::vector<std::string>& module_files = plan.module_files;
+    module_files.resize(model.modules.size());
     std::vector<bool> recompress(model.modules.size(), false);
 
     std::uint64_t budget = ModuleByteBudget(model);
@@ -158,6 +159,7 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
         model.info.rom_image_flags.value_or(model.main ? model.main->flags : 0);
     if (model.main && model.main->version == 0 && model.main->flags == 0 &&
         (version != 0 || flags != 0)) {
+        plan.compatibility_form = true;
         s.Line("// The main BIOS header is in the compatibility form: add -c to the command.");
         lost.push_back("the main BIOS header is in the compatibility form: run fwforge with -c");
     }
@@ -435,6 +437,7 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
             break;
         }
     }
+    if (model.info.module >= 0) module_files[model.info.module].clear();
     const std::string& text = s.text();
     plan.files.push_back({"rebuild.scr", std::vector<std::uint8_t>(text.begin(), text.end())});
     return plan;

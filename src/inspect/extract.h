@@ -24,6 +24,11 @@ struct ExtractPlan {
     std::vector<Finding> problems;     // what keeps modules from being extracted
     // Compressed modules written as stored only (rebuild.scr takes them as they are).
     std::vector<CannotUnpack> cannot_unpack;
+    // For each module of the model, the file that rebuild.scr names for it (empty for
+    // linked add-on ROMs and the image information module, which the build writes).
+    std::vector<std::string> module_files;
+    // The main BIOS header is in the compatibility form: fwforge needs -c to rebuild it.
+    bool compatibility_form = false;
 };
 
 // Everything extract writes, without writing it.

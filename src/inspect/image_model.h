@@ -153,4 +153,9 @@ ImageModel ReadImage(std::span<const std::uint8_t> image, const InspectOptions& 
 // "module #3 (id 12)" and the like, for messages.
 std::string DescribeModule(const ImageModel& model, const Module& module);
 
+// The module's number as `list` shows it, in a form that tells one module from all
+// others: "3" in the main BIOS and in non-critical blocks (whose modules number on from
+// the main BIOS), "ebb:3" in the Extended Boot Block (whose modules number from 0).
+std::string ModuleNumber(const Module& module);
+
 }  // namespace fwforge::inspect

@@ -31,6 +31,8 @@ const char* const kUsage =
     "  extract DIR          write every module and DIR/rebuild.scr (exit 3 as verify)\n"
     "  map [--html FILE]    map of the image by address (HTML page with --html)\n"
     "  diff IMAGE2          module-by-module differences to a second image\n"
+    "  replace OUT --module SELECTOR --file FILE [--as-is]\n"
+    "                       OUT: the image with one module's data replaced (replace --help)\n"
     "options: --json (list, verify), --16 or --32 (link form), --bbsize HEX, --help\n"
     "exit status 0 when all is in order, 1 for problems (for diff: differences), 2 for a\n"
     "bad command line or a file that cannot be read, 3 as under verify\n";

@@ -55,6 +55,10 @@ std::string DescribeModule(const ImageModel& model, const Module& module) {
     return "module";
 }
 
+std::string ModuleNumber(const Module& module) {
+    return StrFormat(module.area == ModuleArea::Ebb ? "ebb:%d" : "%d", module.index);
+}
+
 namespace {
 
 using Bytes = std::span<const std::uint8_t>;

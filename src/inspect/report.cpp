@@ -235,9 +235,9 @@ std::string JsonModule(std::span<const std::uint8_t> image, const ImageModel& mo
                        const Module& m) {
     const ModuleSizes s = SizesOf(image, m);
     std::string out = StrFormat(
-        "{\"index\": %d, \"area\": %s, \"id\": %u, \"attributes\": %u, \"compressed\": %s, "
-        "\"linked\": %s, \"split\": %s, \"contiguous\": %s, ",
-        m.index,
+        "{\"index\": %d, \"number\": %s, \"area\": %s, \"id\": %u, \"attributes\": %u, "
+        "\"compressed\": %s, \"linked\": %s, \"split\": %s, \"contiguous\": %s, ",
+        m.index, JsonString(ModuleNumber(m)).c_str(),
         JsonString(m.area == ModuleArea::Main  ? "main"
                    : m.area == ModuleArea::Ebb ? "ebb"
                                                : "ncb")

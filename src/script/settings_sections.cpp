@@ -5,6 +5,7 @@
 
 #include "platform/byte_order.h"
 #include "platform/file_io.h"
+#include "script/boot_block_stamp.h"
 #include "script/hex_input.h"
 #include "script/script_parser.h"
 
@@ -15,9 +16,6 @@ namespace {
 constexpr std::uint32_t kMainBiosReserve = 40;
 // Above this size the image is addressed with 32-bit offsets.
 constexpr std::uint32_t kOneMegabyte = 0x100000;
-// The boot block segment whose data carries the stamp, and where in it the stamp lies.
-constexpr std::uint32_t kStampSegmentAddress = 0x000F0000;
-constexpr std::uint64_t kStampOffsetInSegment = 0xF408;
 
 }  // namespace
 
@@ -185,29 +183,9 @@ void ScriptParser::ReadBootBlockStamp() {
         Fatal("Out of memory");
     }
     if (!file->ReadExactly(data)) Fatal("Cannot read from boot block file");
-
-    // The file starts with a segment table: entry count - 1 (byte 0), the offset of the
-    // segment data (bytes 2-3), then per segment its address and a length word whose
-    // bit 31 says the data is stored in the file. Nothing outside the file is read.
-    auto fits = [&](std::uint64_t offset, std::uint64_t width) {
-        return offset <= data.size() && width <= data.size() - offset;
-    };
-    if (!fits(0, 4)) Fatal("Cannot read from boot block file");
-    const unsigned last_entry = data[0];
-    std::uint64_t data_offset = load_le16(&data[2]);
-    for (unsigned i = 0; i <= last_entry; ++i) {
-        const std::uint64_t entry = 4 + 8 * std::uint64_t{i};
-        if (!fits(entry, 8)) Fatal("Cannot read from boot block file");
-        const std::uint32_t address = load_le32(&data[entry]);
-        const std::uint32_t length = load_le32(&data[entry + 4]);
-        if (address == kStampSegmentAddress) {
-            const std::uint64_t stamp = data_offset + kStampOffsetInSegment;
-            if (!fits(stamp, 4)) Fatal("Cannot read from boot block file");
-            desc_.BootBlockStamp = load_le32(&data[stamp]);
-            return;
-        }
-        if (length & 0x80000000u) data_offset += length & 0x7FFFFFFFu;
-    }
+    const StampSearch search = FindBootBlockStamp(data);
+    if (search.result == StampSearch::Unreadable) Fatal("Cannot read from boot block file");
+    if (search.result == StampSearch::Found) desc_.BootBlockStamp = search.stamp;
 }
 
 }  // namespace fwforge::script

@@ -16,6 +16,9 @@ A case file holds steps, one per line ('#' starts a comment line):
     run TOOL ARGS...            fwforge, fwforge-inspect or fwforge-lzh
     poke NAME OFFSET BYTES...   overwrite bytes of a file (OFFSET in hex; negative from the end)
     copy NAME NEW               a copy of a file, to damage one image in several ways
+    example NAME DIR            the bundled example NAME's script and generated inputs
+                                (BUILD_DIR/examples/NAME) copied into DIR as inputs
+    absent NAME                 records whether NAME exists (a refused run writes nothing)
     cd DIR                      later runs start in DIR (a folder of the case; '.' goes back)
 and then '==== expected', below which --update writes what the steps gave: each run's
 stdout ('| ' lines), stderr ('! ' lines) and exit status, then each file that is not an
@@ -121,6 +124,21 @@ def run_steps(steps, bin_dir, work):
                 inputs[args[0]] = bytes(data)
         elif op == "copy":
             shutil.copyfile(os.path.join(work, args[0]), os.path.join(work, args[1]))
+        elif op == "example":
+            source = os.path.join(bin_dir, "examples", args[0])
+            os.makedirs(os.path.join(work, args[1]), exist_ok=True)
+            for name in sorted(os.listdir(source)):
+                path = os.path.join(source, name)
+                # The ROM image that a run of the example may have left is no input.
+                if os.path.isfile(path) and name != args[0] + ".rom" and (
+                        name.endswith(".scr") or name.endswith(".bin") or name.endswith(".rom")):
+                    data = open(path, "rb").read()
+                    rel = args[1] + "/" + name
+                    open(os.path.join(work, rel), "wb").write(data)
+                    inputs[rel] = data
+        elif op == "absent":
+            exists = os.path.exists(os.path.join(work, args[0]))
+            got.append(f"absent {args[0]}: {'no, it exists' if exists else 'yes'}")
         elif op == "cd":
             cwd = os.path.join(work, args[0])
         elif op == "run":

@@ -2,7 +2,8 @@
 // inspector: verify never calls a built image damaged, and calls it damaged after any
 // flipped byte that a checksum covers; extract gives back every module, or names the
 // compressed ones that cannot be unpacked, and why; rebuild.scr rebuilds every image of
-// sequential placement byte for byte.
+// sequential placement byte for byte; replace gives every module its own stored data
+// back without a change, and other data as fwforge would build it.
 
 #include <gtest/gtest.h>
 
@@ -10,8 +11,10 @@
 #include <map>
 
 #include "compress/module_compressor.h"
+#include "edit/replace.h"
 #include "inspect/extract.h"
 #include "inspect/inspect_cli.h"
+#include "inspect/report.h"
 #include "platform/byte_order.h"
 #include "platform/text_format.h"
 #include "support/random_script.h"
@@ -47,7 +50,9 @@ const std::pair<const char*, int> kLeast[] = {
     {"alignment", 200}, {"alignment not a multiple of 4", 120}, {"split", 25},
     {"split, uneven pieces", 3}, {"link = yes", 80}, {"link = no", 120}, {"maxmodulesize", 80},
     {"minsize", 100}, {"nowcompressed", 200}, {"junk named", 40}, {"tiny module", 100},
-    {"cut off named", 100}, {"cannot unpack", 60}, {"force32", 25}, {"-c", 15}};
+    {"cut off named", 100}, {"cannot unpack", 60}, {"force32", 25}, {"-c", 15},
+    {"replaced in place", 50}, {"replaced in a block", 12}, {"replaced by a rebuild", 70},
+    {"replace refused", 25}};
 // clang-format on
 
 // What some checksum covers: the boot block, the EBB and the main BIOS header's region
@@ -190,6 +195,112 @@ void CheckReservations(const RandomScript& script, std::span<const std::uint8_t>
     }
 }
 
+const std::vector<std::uint8_t>& FileOf(const ExtractPlan& plan, const std::string& name) {
+    static const std::vector<std::uint8_t> none;
+    for (const ExtractedFile& f : plan.files) {
+        if (f.name == name) return f.bytes;
+    }
+    return none;
+}
+
+// Every module that has data of its own takes its own stored data back (as extract
+// writes it for rebuild.scr) and the image stays byte for byte what it was (in
+// sequential placement, where each is a build, a third of them). One module takes other
+// data: in sequential placement the result is what fwforge builds from rebuild.scr with
+// that one file changed, or a refusal when that build fails or leaves the module unable
+// to unpack; in gap placement it verifies with every other module in its place, or is
+// refused for want of room or because the data would not unpack.
+void CheckReplace(const RandomScript& script, const std::vector<std::uint8_t>& rom,
+                  const ImageModel& model, const ExtractPlan& plan, const fs::path& dir, Random& r,
+                  std::map<std::string, int>& seen) {
+    std::vector<const Module*> candidates;
+    for (const Module& m : model.modules) {
+        if (!m.Linked() && !m.Split() && &m - model.modules.data() != model.info.module)
+            candidates.push_back(&m);
+    }
+    ASSERT_FALSE(candidates.empty());
+    auto file_of = [&](const Module& m) { return plan.module_files[&m - model.modules.data()]; };
+    for (const Module* m : candidates) {
+        if (!model.gap_placement && !r.OneIn(3)) continue;
+        edit::ReplaceRequest own{ModuleNumber(*m), "own", FileOf(plan, file_of(*m)),
+                                 file_of(*m).ends_with(".lh5"), {}};
+        if (model.gap_placement) {
+            own.file = m->StoredData(rom);
+            own.as_is = m->Compressed();
+        }
+        const edit::ReplaceOutcome same = edit::ReplaceModule(rom, own);
+        EXPECT_TRUE(same.image == rom) << DescribeModule(model, *m) << ": " << same.error;
+    }
+
+    const Module& m = *candidates[r.Below(static_cast<std::uint32_t>(candidates.size()))];
+    SCOPED_TRACE(DescribeModule(model, m));
+    const std::uint32_t size = 1 + r.Below(2 * std::max(m.header.data_size, 64u));
+    std::vector<std::uint8_t> content(size);
+    const std::uint32_t noise = r.OneIn(4) ? 1 : 8;
+    for (std::uint32_t i = 0; i < size; ++i)
+        content[i] = r.OneIn(noise) ? static_cast<std::uint8_t>(r.Next()) : "replaced"[i % 8];
+    edit::ReplaceRequest request{ModuleNumber(m), "new", content, false, {}};
+    request.as_is = m.Compressed() && (model.gap_placement ? r.OneIn(2)
+                                                           : file_of(m).ends_with(".lh5"));
+    if (request.as_is) {
+        request.file.resize(size + 9);
+        request.file.resize(lzh::Encoder().CompressModule(content, request.file).total);
+    }
+    const edit::ReplaceOutcome outcome = edit::ReplaceModule(rom, request);
+
+    if (!model.gap_placement) {
+        const fs::path x = dir / "replaced";
+        fs::create_directories(x / "o");
+        for (const ExtractedFile& f : plan.files)
+            WriteBytes((x / f.name).string(), f.name == file_of(m) ? request.file : f.bytes);
+        std::vector<std::string> args = {"o", "rebuild.scr"};
+        args.insert(args.end(), script.options.begin(), script.options.end());
+        std::string console;
+        bool unpacks = RunFwforge(x, args, console) == 0;
+        const std::vector<std::uint8_t> rebuilt =
+            unpacks ? ReadBytes((x / "rebuilt.rom").string()) : std::vector<std::uint8_t>();
+        if (unpacks && m.Compressed()) {
+            const ImageModel built = ReadImage(rebuilt, {});
+            const auto chain = built.ModulesIn(m.area);
+            unpacks = DecodeStoredData(chain.at(m.index)->StoredData(rebuilt)).status ==
+                      DecodeStatus::Ok;
+        }
+        EXPECT_EQ(outcome.Done(), unpacks) << outcome.error << console;
+        EXPECT_TRUE(outcome.image == (unpacks ? rebuilt : std::vector<std::uint8_t>()));
+    } else if (outcome.Done()) {
+        const ImageModel after = ReadImage(outcome.image, {});
+        for (const Module& o : model.modules) {
+            const Module& n = after.modules.at(&o - model.modules.data());
+            if (&o == &m) continue;
+            EXPECT_EQ(n.header.offset, o.header.offset);
+            EXPECT_TRUE(n.StoredData(outcome.image) == o.StoredData(rom)) << DescribeModule(model, o);
+        }
+    } else {
+        EXPECT_TRUE(outcome.error.find("has room for") != std::string::npos ||
+                    outcome.error.find("unpack") != std::string::npos)
+            << outcome.error;
+    }
+    seen[!outcome.Done() ? "replace refused" : model.gap_placement ? "replaced in place"
+                                                                   : "replaced by a rebuild"]++;
+    if (!outcome.Done()) return;
+    seen["replaced in a block"] += model.gap_placement && m.area != ModuleArea::Main;
+    const ImageModel after = ReadImage(outcome.image, {});
+    const VerifyReport report = Verify(outcome.image, after);
+    // Only modules that could not be unpacked before may keep the image from verify's 0.
+    EXPECT_TRUE(report.Status() == kVerifyIntact ||
+                (report.Clean() && Verify(rom, model).Status() == kVerifyCannotUnpack))
+        << VerifyText(report);
+    if (m.header.id == kDescriptorModuleId) return;  // patched with its place
+    const std::vector<std::uint8_t> stored =
+        after.modules.at(&m - model.modules.data()).StoredData(outcome.image);
+    if (m.Compressed() && !request.as_is) {
+        EXPECT_TRUE(DecodeStoredData(stored).bytes == content);
+    } else {
+        EXPECT_TRUE(stored.size() >= request.file.size() &&
+                    std::equal(request.file.begin(), request.file.end(), stored.begin()));
+    }
+}
+
 TEST(RandomBuildProperty, InspectorReadsBackEveryBuiltImage) {
     int built = 0, refused = 0;
     std::map<std::string, int> seen;
@@ -243,6 +354,7 @@ TEST(RandomBuildProperty, InspectorReadsBackEveryBuiltImage) {
             ASSERT_EQ(RunFwforge(x, rebuild, console), 0) << console;
             EXPECT_TRUE(ReadBytes((x / "rebuilt.rom").string()) == rom) << script.text;
         }
+        CheckReplace(script, rom, model, plan, dir.path(), r, seen);
 
         seen[script.gap ? "gap placement" : "sequential placement"]++;
         seen["32-bit links"] += model.links32;

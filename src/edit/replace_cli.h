@@ -1,0 +1,13 @@
+#pragma once
+// fwforge-inspect replace IMAGE OUT --module SELECTOR --file FILE [--as-is]: writes OUT,
+// a copy of IMAGE in which one module holds the data of FILE. Exit status 0 when OUT is
+// written, 1 when the module cannot take the data (OUT is then not written), 2 for a bad
+// command line or a file that cannot be read or written.
+
+#include <ostream>
+
+namespace fwforge::edit {
+
+int RunReplace(int argc, const char* const* argv, std::ostream& out);
+
+}  // namespace fwforge::edit
