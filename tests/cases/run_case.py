@@ -22,6 +22,8 @@ stdout ('| ' lines), stderr ('! ' lines) and exit status, then each file that is
 unchanged input, with its size and digest.
 
 FWFORGE_RUNNER (say "wine") is put in front of each tool; FWFORGE_EXE_SUFFIX after its name.
+With the suffix .exe the tools are Windows programs, whose console text ends its lines
+with CR LF: those become LF before the comparison, so one expectation serves both.
 """
 import argparse, hashlib, os, shlex, shutil, subprocess, sys, tempfile
 
@@ -79,6 +81,7 @@ def render(data, prefix):
 def run_steps(steps, bin_dir, work):
     runner = shlex.split(os.environ.get("FWFORGE_RUNNER", ""))
     suffix = os.environ.get("FWFORGE_EXE_SUFFIX", "")
+    console = (lambda b: b.replace(b"\r\n", b"\n")) if suffix == ".exe" else (lambda b: b)
     inputs, got, cwd = {}, [], work
     i = 0
     while i < len(steps):
@@ -130,7 +133,7 @@ def run_steps(steps, bin_dir, work):
             p = subprocess.run(runner + [exe] + args[1:], cwd=cwd, capture_output=True,
                                timeout=300)
             got.append("$ " + " ".join(args))
-            got += render(p.stdout, "| ") + render(p.stderr, "! ")
+            got += render(console(p.stdout), "| ") + render(console(p.stderr), "! ")
             got.append(f"= exit {p.returncode}")
         else:
             raise SystemExit(f"unknown step: {steps[i - 1]}")
