@@ -6,6 +6,8 @@
 #   tools    build, and CLI11 (a header package) for fwforge-lzh's command line
 #   test     the test suite: the tools, GoogleTest, python3 for the case driver, gzip for
 #            the benchmark
+#   windows  the cross toolchain MinGW-w64, GoogleTest's sources to build for it, and wine
+#            to run the Windows programs (scripts/windows-check.sh)
 #   fuzz     clang and its sanitizer runtime for the fuzz targets
 set -euo pipefail
 
@@ -13,6 +15,7 @@ declare -A group=(
     [build]="cmake g++ make"
     [tools]="cmake g++ make libcli11-dev"
     [test]="cmake g++ make libcli11-dev libgtest-dev python3 gzip"
+    [windows]="cmake make g++-mingw-w64-x86-64-posix googletest wine wine64"
     [fuzz]="cmake make clang libclang-rt-dev"
 )
 
