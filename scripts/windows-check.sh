@@ -23,7 +23,7 @@ wineserver --persistent 2>/dev/null || true
 trap 'wineserver --kill >/dev/null 2>&1 || true' EXIT
 wineboot --init >/dev/null 2>&1 </dev/null || true
 
-# GoogleTest for the cross toolchain, from Debian's sources; CLI11's headers beside it.
+# GoogleTest for the cross toolchain, from Debian's sources.
 prefix=$root/build-win/prefix
 toolchain=$root/cmake/mingw-w64.cmake
 if [ ! -f "$prefix/lib/libgtest.a" ]; then
@@ -32,8 +32,6 @@ if [ ! -f "$prefix/lib/libgtest.a" ]; then
     cmake --build build-win/googletest -j "$jobs" >/dev/null
     cmake --install build-win/googletest >/dev/null
 fi
-mkdir -p "$prefix/include"
-ln -sfn /usr/include/CLI "$prefix/include/CLI"
 
 cmake -S . -B build-win/fwforge -DCMAKE_TOOLCHAIN_FILE="$toolchain" -DFWFORGE_WIN_PREFIX="$prefix" \
     -DFWFORGE_BUILD_BENCH=OFF >/dev/null
