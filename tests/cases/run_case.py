@@ -140,6 +140,8 @@ def run_steps(steps, bin_dir, work):
             os.symlink(args[1], os.path.join(work, args[0]))
         elif op == "poke":
             path = os.path.join(work, args[0])
+            if not os.path.exists(path):
+                raise SystemExit("\n".join(got + [f"poke: no file {args[0]}"]))
             data = bytearray(open(path, "rb").read())
             at = int(args[1], 16) % len(data)
             new = bytes.fromhex("".join(args[2:]))
