@@ -49,24 +49,21 @@ for example in firmware firmware2; do
         mkdir -p "$work/out"
         # The inputs come from the Linux build's generator: the same bytes for both.
         cp build/examples/$example/* "$work/" 2>/dev/null || true
-        if [ $side = linux ]; then
-            (cd "$work" && "$root/build/fwforge" out "$example.scr" -v >console.txt) || true
-        else
-            (cd "$work" && wine "$root/build-win/fwforge/fwforge.exe" out "$example.scr" -v \
-                >console.txt) || true
+        run=("$root/build/fwforge")
+        [ $side = windows ] && run=(wine "$root/build-win/fwforge/fwforge.exe")
+        if ! (cd "$work" && "${run[@]}" out "$example.scr" -v >console.txt); then
+            echo "$example: the $side build failed:"; tail -n 3 "$work/console.txt"; status=1
         fi
     done
     linux=build-win/examples/linux/$example
     windows=build-win/examples/windows/$example
     rom=$(awk 'BEGIN{RS="\r\n"} /^\[bios\]/{b=1} b && /^file/{print $3; exit}' "$linux/$example.scr")
-    for f in "$rom" out/*.int out/*.inf; do
-        for g in $(cd "$linux" && ls $f); do
-            if cmp -s "$linux/$g" "$windows/$g"; then
-                echo "$example: $g identical ($(sha256sum <"$linux/$g" | cut -c1-16))"
-            else
-                echo "$example: $g DIFFERS between the Linux and the Windows build"; status=1
-            fi
-        done
+    for f in "$rom" $(cd "$linux" && ls out | sed 's|^|out/|'); do
+        if [ -f "$linux/$f" ] && cmp -s "$linux/$f" "$windows/$f"; then
+            echo "$example: $f identical ($(sha256sum <"$linux/$f" | cut -c1-16))"
+        else
+            echo "$example: $f DIFFERS between the Linux and the Windows build"; status=1
+        fi
     done
     # Windows console text ends lines with CR LF and composes out\TAG.int and .inf.
     if diff <(sed 's/out\\/out\//g' <"$windows/console.txt" | tr -d '\r') "$linux/console.txt" >/dev/null; then
