@@ -90,11 +90,48 @@ std::string ItemKind(const ImageModel& model, const MapEntry& e) {
     return "other";
 }
 
-// A JSON literal that may stand inside a script element: no "</script>" can close it
-// early, whatever the image or its path holds.
-std::string ScriptJson(const std::string& text) {
+using Json = nlohmann::ordered_json;
+
+Json ModuleJson(std::span<const std::uint8_t> image, const ImageModel& model, const Module& m) {
+    const ModuleSizes s = SizesOf(image, m);
+    const std::string area = m.area == ModuleArea::Main  ? "main BIOS"
+                             : m.area == ModuleArea::Ebb ? "Extended Boot Block"
+                                                         : StrFormat("non-critical block %d",
+                                                                     m.block + 1);
+    Json pieces = Json::array();
+    for (std::size_t i = 0; i < m.piece_headers.size(); ++i) {
+        pieces.push_back(JsonText(StrFormat("piece %zu: header %x (image %x), %x data bytes",
+                                            i + 1, model.Address(m.piece_headers[i].offset),
+                                            m.piece_headers[i].offset, m.pieces[i].length)));
+    }
+    if (m.Split()) {
+        pieces.push_back(JsonText(StrFormat("last piece: header %x (image %x), %x data bytes",
+                                            model.Address(m.header.offset), m.header.offset,
+                                            m.pieces.back().length)));
+    }
+    return {{"label", JsonText(DescribeModule(model, m))},
+            {"num", m.index},
+            {"area", JsonText(area)},
+            {"id", StrFormat("%02X", m.header.id)},
+            {"attr", JsonText(DescribeAttributes(m))},
+            {"dest", JsonText(DescribeDestination(m))},
+            {"at", m.header.offset},
+            {"header", StrFormat("%x (image %x)", model.Address(m.header.offset), m.header.offset)},
+            {"data", m.pieces.empty() ? std::string("-")
+                                      : StrFormat("%x (image %x)",
+                                                  model.Address(m.pieces.front().offset),
+                                                  m.pieces.front().offset)},
+            {"stored", s.stored},
+            {"original", s.compressed ? Json(s.original) : Json(nullptr)},
+            {"ratio", JsonText(RatioText(s))},
+            {"pieces", std::move(pieces)}};
+}
+
+// The page's data as a literal that may stand inside a script element: no "</script>"
+// can close it early, whatever the image or its path holds.
+std::string ScriptJson(const Json& data) {
     std::string out;
-    for (char c : JsonString(text)) {
+    for (const char c : data.dump(-1, ' ', true)) {
         if (c == '<') {
             out += "\\u003c";
         } else {
@@ -102,42 +139,6 @@ std::string ScriptJson(const std::string& text) {
         }
     }
     return out;
-}
-
-std::string ModuleJson(std::span<const std::uint8_t> image, const ImageModel& model,
-                       const Module& m) {
-    const ModuleSizes s = SizesOf(image, m);
-    const std::string area = m.area == ModuleArea::Main  ? "main BIOS"
-                             : m.area == ModuleArea::Ebb ? "Extended Boot Block"
-                                                         : StrFormat("non-critical block %d",
-                                                                     m.block + 1);
-    std::string pieces;
-    for (std::size_t i = 0; i < m.piece_headers.size(); ++i) {
-        pieces += (i ? ", " : "") +
-                  ScriptJson(StrFormat("piece %zu: header %x (image %x), %x data bytes", i + 1,
-                                       model.Address(m.piece_headers[i].offset),
-                                       m.piece_headers[i].offset, m.pieces[i].length));
-    }
-    if (m.Split()) {
-        pieces += ", " + ScriptJson(StrFormat("last piece: header %x (image %x), %x data bytes",
-                                              model.Address(m.header.offset), m.header.offset,
-                                              m.pieces.back().length));
-    }
-    return StrFormat("{\"label\": %s, \"num\": %d, \"area\": %s, \"id\": \"%02X\", ",
-                     ScriptJson(DescribeModule(model, m)).c_str(), m.index,
-                     ScriptJson(area).c_str(), m.header.id) +
-           StrFormat("\"attr\": %s, \"dest\": %s, \"at\": %u, \"header\": \"%x (image %x)\", ",
-                     ScriptJson(DescribeAttributes(m)).c_str(),
-                     ScriptJson(DescribeDestination(m)).c_str(), m.header.offset,
-                     model.Address(m.header.offset), m.header.offset) +
-           StrFormat("\"data\": \"%s\", \"stored\": %u, \"original\": %s, ",
-                     m.pieces.empty() ? "-"
-                                      : StrFormat("%x (image %x)",
-                                                  model.Address(m.pieces.front().offset),
-                                                  m.pieces.front().offset)
-                                            .c_str(),
-                     s.stored, s.compressed ? StrFormat("%u", s.original).c_str() : "null") +
-           "\"ratio\": " + ScriptJson(RatioText(s)) + ", \"pieces\": [" + pieces + "]}";
 }
 
 }  // namespace
@@ -200,22 +201,22 @@ std::string MapText(std::span<const std::uint8_t> image, const ImageModel& model
 
 std::string MapHtml(std::span<const std::uint8_t> image, const ImageModel& model,
                     const std::string& title) {
-    std::string data = StrFormat("{\"size\": %u, \"base\": %u,\n\"items\": [\n", model.size,
-                                 model.address_base);
-    const std::vector<MapEntry> map = BuildMap(image, model);
-    for (std::size_t i = 0; i < map.size(); ++i) {
-        const MapEntry& e = map[i];
-        data += StrFormat("{\"b\": %u, \"e\": %u, \"d\": %d, \"k\": \"%s\", \"m\": %d, ", e.begin,
-                          e.end, e.depth, ItemKind(model, e).c_str(), e.module) +
-                "\"n\": " + ScriptJson(e.name) + ", \"x\": " + ScriptJson(e.details) + "}" +
-                (i + 1 < map.size() ? ",\n" : "\n");
+    Json items = Json::array();
+    for (const MapEntry& e : BuildMap(image, model)) {
+        items.push_back({{"b", e.begin},
+                         {"e", e.end},
+                         {"d", e.depth},
+                         {"k", ItemKind(model, e)},
+                         {"m", e.module},
+                         {"n", JsonText(e.name)},
+                         {"x", JsonText(e.details)}});
     }
-    data += "],\n\"modules\": [\n";
-    for (std::size_t i = 0; i < model.modules.size(); ++i) {
-        data += ModuleJson(image, model, model.modules[i]) +
-                (i + 1 < model.modules.size() ? ",\n" : "\n");
-    }
-    data += "]}";
+    Json modules = Json::array();
+    for (const Module& m : model.modules) modules.push_back(ModuleJson(image, model, m));
+    const std::string data = ScriptJson(Json{{"size", model.size},
+                                             {"base", model.address_base},
+                                             {"items", std::move(items)},
+                                             {"modules", std::move(modules)}});
 
     std::string h = "<!DOCTYPE html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\">\n";
     // Nothing but the page itself: no request leaves the browser.

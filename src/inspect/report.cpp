@@ -213,140 +213,141 @@ std::string ListText(std::span<const std::uint8_t> image, const ImageModel& mode
     return out;
 }
 
-std::string JsonString(const std::string& text) {
-    std::string out = "\"";
-    for (unsigned char c : text) {
-        if (c == '"' || c == '\\') {
-            out += '\\';
-            out += static_cast<char>(c);
-        } else if (c < 0x20 || c >= 0x7F) {
-            // Texts can carry bytes of the image; as Latin-1 they stay valid JSON.
-            out += StrFormat("\\u%04x", c);
+nlohmann::ordered_json JsonText(const std::string& text) {
+    // Texts can carry bytes of the image; read as Latin-1 they are always valid
+    // Unicode, and the writer escapes everything beyond ASCII.
+    std::string utf8;
+    utf8.reserve(text.size());
+    for (const unsigned char c : text) {
+        if (c < 0x80) {
+            utf8 += static_cast<char>(c);
         } else {
-            out += static_cast<char>(c);
+            utf8 += static_cast<char>(0xC0 | c >> 6);
+            utf8 += static_cast<char>(0x80 | (c & 0x3F));
         }
     }
-    return out + "\"";
+    return utf8;
+}
+
+std::string JsonDocument(const nlohmann::ordered_json& document) {
+    return document.dump(2, ' ', true) + "\n";
 }
 
 namespace {
 
-std::string JsonModule(std::span<const std::uint8_t> image, const ImageModel& model,
-                       const Module& m) {
+using Json = nlohmann::ordered_json;
+
+Json JsonModule(std::span<const std::uint8_t> image, const ImageModel& model, const Module& m) {
     const ModuleSizes s = SizesOf(image, m);
-    std::string out = StrFormat(
-        "{\"index\": %d, \"number\": %s, \"area\": %s, \"id\": %u, \"attributes\": %u, "
-        "\"compressed\": %s, \"linked\": %s, \"split\": %s, \"contiguous\": %s, ",
-        m.index, JsonString(ModuleNumber(m)).c_str(),
-        JsonString(m.area == ModuleArea::Main  ? "main"
-                   : m.area == ModuleArea::Ebb ? "ebb"
-                                               : "ncb")
-            .c_str(),
-        m.header.id, m.header.attributes, m.Compressed() ? "true" : "false",
-        m.Linked() ? "true" : "false", m.Split() ? "true" : "false",
-        m.Contiguous() ? "true" : "false");
-    if (m.link_without_bit) out += "\"link_without_bit\": true, ";
-    if (m.area == ModuleArea::Ncb) out += StrFormat("\"block\": %d, ", m.block + 1);
+    Json out = {
+        {"index", m.index},
+        {"number", JsonText(ModuleNumber(m))},
+        {"area", m.area == ModuleArea::Main ? "main" : m.area == ModuleArea::Ebb ? "ebb" : "ncb"},
+        {"id", m.header.id},
+        {"attributes", m.header.attributes},
+        {"compressed", m.Compressed()},
+        {"linked", m.Linked()},
+        {"split", m.Split()},
+        {"contiguous", m.Contiguous()},
+    };
+    if (m.link_without_bit) out["link_without_bit"] = true;
+    if (m.area == ModuleArea::Ncb) out["block"] = m.block + 1;
     if (m.header.id == kAddonRomModuleId) {
-        out += StrFormat("\"vendor_id\": %u, \"device_id\": %u, ", m.header.dest_offset,
-                         m.header.dest_segment);
+        out["vendor_id"] = m.header.dest_offset;
+        out["device_id"] = m.header.dest_segment;
     } else {
-        out += StrFormat("\"dest_segment\": %u, \"dest_offset\": %u, ", m.header.dest_segment,
-                         m.header.dest_offset);
+        out["dest_segment"] = m.header.dest_segment;
+        out["dest_offset"] = m.header.dest_offset;
     }
-    out += StrFormat("\"header_offset\": %u, \"header_address\": %u, \"data_size\": %u, ",
-                     m.header.offset, model.Address(m.header.offset), m.header.data_size);
-    out += "\"pieces\": [";
-    for (std::size_t i = 0; i < m.pieces.size(); ++i) {
-        out += StrFormat("%s{\"offset\": %u, \"address\": %u, \"length\": %u}", i ? ", " : "",
-                         m.pieces[i].offset, model.Address(m.pieces[i].offset), m.pieces[i].length);
+    out["header_offset"] = m.header.offset;
+    out["header_address"] = model.Address(m.header.offset);
+    out["data_size"] = m.header.data_size;
+    Json pieces = Json::array();
+    for (const Piece& piece : m.pieces) {
+        pieces.push_back({{"offset", piece.offset},
+                          {"address", model.Address(piece.offset)},
+                          {"length", piece.length}});
     }
-    out += "]";
+    out["pieces"] = std::move(pieces);
     if (s.compressed) {
-        out += StrFormat(", \"compressed_total\": %u, \"original_size\": %u", s.total, s.original);
+        out["compressed_total"] = s.total;
+        out["original_size"] = s.original;
     }
-    return out + "}";
+    return out;
 }
 
-std::string JsonBlock(const Block& b) {
-    return StrFormat(
-        "{\"offset\": %u, \"length\": %u, \"header_checksum\": %u, "
-        "\"block_checksum\": %u, \"first_module\": %u}",
-        b.offset, b.length, b.header_checksum, b.block_checksum, b.first_module);
+Json JsonBlock(const Block& b) {
+    return {{"offset", b.offset},
+            {"length", b.length},
+            {"header_checksum", b.header_checksum},
+            {"block_checksum", b.block_checksum},
+            {"first_module", b.first_module}};
 }
 
-std::string JsonFindings(const std::vector<Finding>& findings) {
-    std::string out = "[";
-    for (std::size_t i = 0; i < findings.size(); ++i) {
-        out += (i ? ", " : "") + std::string("{\"where\": ") + JsonString(findings[i].where) +
-               ", \"what\": " + JsonString(findings[i].what) + "}";
+Json JsonFindings(const std::vector<Finding>& findings) {
+    Json out = Json::array();
+    for (const Finding& f : findings) {
+        out.push_back({{"where", JsonText(f.where)}, {"what", JsonText(f.what)}});
     }
-    return out + "]";
+    return out;
 }
 
-std::string JsonStrings(const std::vector<std::string>& items) {
-    std::string out = "[";
-    for (std::size_t i = 0; i < items.size(); ++i) out += (i ? ", " : "") + JsonString(items[i]);
-    return out + "]";
+Json JsonStrings(const std::vector<std::string>& items) {
+    Json out = Json::array();
+    for (const std::string& item : items) out.push_back(JsonText(item));
+    return out;
 }
 
 }  // namespace
 
 std::string ListJson(std::span<const std::uint8_t> image, const ImageModel& model) {
-    std::string out = "{\n";
-    out += StrFormat("  \"size\": %u,\n  \"address_base\": %u,\n  \"links\": %d,\n", model.size,
-                     model.address_base, model.links32 ? 32 : 16);
-    out += StrFormat("  \"placement\": %s,\n", model.gap_placement ? "\"gap\"" : "\"sequential\"");
-    if (model.boot_block_size)
-        out += StrFormat("  \"boot_block_size\": %u,\n", *model.boot_block_size);
+    Json out = {{"schema_version", kJsonSchemaVersion},
+                {"size", model.size},
+                {"address_base", model.address_base},
+                {"links", model.links32 ? 32 : 16},
+                {"placement", model.gap_placement ? "gap" : "sequential"}};
+    if (model.boot_block_size) out["boot_block_size"] = *model.boot_block_size;
     if (model.nvram_offset) {
-        out += StrFormat("  \"nvram\": {\"offset\": %u, \"length\": %u},\n", *model.nvram_offset,
-                         *model.nvram_size);
+        out["nvram"] = {{"offset", *model.nvram_offset}, {"length", *model.nvram_size}};
     }
     if (model.main) {
         const MainHeader& h = *model.main;
-        out += StrFormat(
-            "  \"main_header\": {\"offset\": %u, \"address\": %u, \"version\": %u, "
-            "\"flags\": %u, \"stamp\": %u, \"length\": %u, \"checksum\": %u, "
-            "\"link\": %u},\n",
-            h.signature, model.Address(h.signature), h.version, h.flags, h.stamp, h.length,
-            h.checksum, h.link);
+        out["main_header"] = {{"offset", h.signature}, {"address", model.Address(h.signature)},
+                              {"version", h.version},  {"flags", h.flags},
+                              {"stamp", h.stamp},      {"length", h.length},
+                              {"checksum", h.checksum}, {"link", h.link}};
     }
     if (!model.info.tool_version.empty()) {
-        out += "  \"image_information\": {\"tool_version\": " + JsonString(model.info.tool_version);
+        Json info = {{"tool_version", JsonText(model.info.tool_version)}};
         if (model.info.rom_image_version) {
-            out += StrFormat(", \"version\": %u, \"flags\": %u", *model.info.rom_image_version,
-                             *model.info.rom_image_flags);
+            info["version"] = *model.info.rom_image_version;
+            info["flags"] = *model.info.rom_image_flags;
         }
-        out += "},\n";
+        out["image_information"] = std::move(info);
     }
-    if (model.ebb) out += "  \"ebb\": " + JsonBlock(*model.ebb) + ",\n";
-    out += "  \"non_critical_blocks\": [";
-    for (std::size_t i = 0; i < model.ncbs.size(); ++i)
-        out += (i ? ", " : "") + JsonBlock(model.ncbs[i]);
-    out += "],\n  \"modules\": [\n";
-    for (std::size_t i = 0; i < model.modules.size(); ++i) {
-        out += "    " + JsonModule(image, model, model.modules[i]) +
-               (i + 1 < model.modules.size() ? ",\n" : "\n");
+    if (model.ebb) out["ebb"] = JsonBlock(*model.ebb);
+    Json blocks = Json::array();
+    for (const Block& b : model.ncbs) blocks.push_back(JsonBlock(b));
+    out["non_critical_blocks"] = std::move(blocks);
+    Json modules = Json::array();
+    for (const Module& m : model.modules) modules.push_back(JsonModule(image, model, m));
+    out["modules"] = std::move(modules);
+    Json holes = Json::array();
+    for (const auto& h : model.info.holes) {
+        holes.push_back({{"kind", h.kind}, {"filler", h.filler}, {"offset", h.start},
+                         {"length", h.size}});
     }
-    out += "  ],\n  \"rom_holes\": [";
-    for (std::size_t i = 0; i < model.info.holes.size(); ++i) {
-        const auto& h = model.info.holes[i];
-        out += StrFormat("%s{\"kind\": %u, \"filler\": %u, \"offset\": %u, \"length\": %u}",
-                         i ? ", " : "", h.kind, h.filler, h.start, h.size);
-    }
-    const std::vector<FreeRun> runs = FreeSpace(image, model);
+    out["rom_holes"] = std::move(holes);
     std::uint64_t total = 0;
-    for (const FreeRun& r : runs) total += r.length;
-    out += StrFormat("],\n  \"free_space\": {\"total\": %llu, \"runs\": [",
-                     static_cast<unsigned long long>(total));
-    for (std::size_t i = 0; i < runs.size(); ++i) {
-        out += StrFormat("%s{\"offset\": %u, \"length\": %u}", i ? ", " : "", runs[i].offset,
-                         runs[i].length);
+    Json runs = Json::array();
+    for (const FreeRun& r : FreeSpace(image, model)) {
+        total += r.length;
+        runs.push_back({{"offset", r.offset}, {"length", r.length}});
     }
-    out += "]},\n  \"problems\": " + JsonFindings(model.problems) + ",\n";
-    out += "  \"notes\": " + JsonStrings(model.notes) + "\n}\n";
-    return out;
+    out["free_space"] = {{"total", total}, {"runs", std::move(runs)}};
+    out["problems"] = JsonFindings(model.problems);
+    out["notes"] = JsonStrings(model.notes);
+    return JsonDocument(out);
 }
 
 std::string VerifyText(const VerifyReport& report) {
@@ -376,20 +377,23 @@ std::string VerifyText(const VerifyReport& report) {
 
 std::string VerifyJson(const VerifyReport& report) {
     const int status = report.Status();
-    std::string out = StrFormat("{\n  \"status\": %d,\n  \"result\": %s,\n  \"ok\": %s,\n", status,
-                                status == kVerifyIntact    ? "\"intact\""
-                                : status == kVerifyDamaged ? "\"damaged\""
-                                                           : "\"cannot unpack\"",
-                                status == kVerifyIntact ? "true" : "false");
-    out += StrFormat("  \"checks\": %d,\n", report.checks);
-    out += "  \"problems\": " + JsonFindings(report.problems) + ",\n  \"cannot_unpack\": [";
-    for (std::size_t i = 0; i < report.cannot_unpack.size(); ++i) {
-        const CannotUnpack& c = report.cannot_unpack[i];
-        out += (i ? ", " : "") + std::string("{\"module\": ") + JsonString(c.module) +
-               ", \"reason\": " + JsonString(c.reason) + ", \"change\": " + JsonString(c.change) +
-               "}";
+    Json cannot = Json::array();
+    for (const CannotUnpack& c : report.cannot_unpack) {
+        cannot.push_back({{"module", JsonText(c.module)},
+                          {"reason", JsonText(c.reason)},
+                          {"change", JsonText(c.change)}});
     }
-    return out + "],\n  \"notes\": " + JsonStrings(report.notes) + "\n}\n";
+    const Json out = {{"schema_version", kJsonSchemaVersion},
+                      {"status", status},
+                      {"result", status == kVerifyIntact    ? "intact"
+                                 : status == kVerifyDamaged ? "damaged"
+                                                            : "cannot unpack"},
+                      {"ok", status == kVerifyIntact},
+                      {"checks", report.checks},
+                      {"problems", JsonFindings(report.problems)},
+                      {"cannot_unpack", std::move(cannot)},
+                      {"notes", JsonStrings(report.notes)}};
+    return JsonDocument(out);
 }
 
 }  // namespace fwforge::inspect

@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
 #include "inspect/image_model.h"
 #include "inspect/verify.h"
 
@@ -45,7 +47,13 @@ std::string ListJson(std::span<const std::uint8_t> image, const ImageModel& mode
 std::string VerifyText(const VerifyReport& report);
 std::string VerifyJson(const VerifyReport& report);
 
-// A JSON string literal.
-std::string JsonString(const std::string& text);
+// The version of the JSON that list and verify write. It goes up when a field changes
+// its meaning or goes away; new fields keep it.
+inline constexpr int kJsonSchemaVersion = 1;
+
+// A text of the inspector (bytes of the image, read as Latin-1) as a JSON string.
+nlohmann::ordered_json JsonText(const std::string& text);
+// The document as written: two-space indentation, ASCII only, a closing line end.
+std::string JsonDocument(const nlohmann::ordered_json& document);
 
 }  // namespace fwforge::inspect

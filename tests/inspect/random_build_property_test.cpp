@@ -301,6 +301,31 @@ void CheckReplace(const RandomScript& script, const std::vector<std::uint8_t>& r
     }
 }
 
+// What scripts read from the JSON: it parses, carries its schema version, and says of
+// every module what `replace` needs, as the inspector's own model has it.
+void CheckJson(const std::vector<std::uint8_t>& rom, const ImageModel& model,
+               const VerifyReport& report) {
+    const auto list = nlohmann::json::parse(ListJson(rom, model));
+    EXPECT_EQ(list.at("schema_version"), kJsonSchemaVersion);
+    ASSERT_EQ(list.at("modules").size(), model.modules.size());
+    for (std::size_t i = 0; i < model.modules.size(); ++i) {
+        const Module& m = model.modules[i];
+        const auto& j = list["modules"][i];
+        EXPECT_EQ(j.at("number"), ModuleNumber(m));
+        EXPECT_EQ(j.at("compressed"), m.Compressed());
+        EXPECT_EQ(j.contains("compressed_total"), SizesOf(rom, m).compressed);
+        ASSERT_EQ(j.at("pieces").size(), m.pieces.size());
+        for (std::size_t k = 0; k < m.pieces.size(); ++k) {
+            EXPECT_EQ(j["pieces"][k].at("offset"), m.pieces[k].offset);
+            EXPECT_EQ(j["pieces"][k].at("length"), m.pieces[k].length);
+        }
+    }
+    const auto verify = nlohmann::json::parse(VerifyJson(report));
+    EXPECT_EQ(verify.at("schema_version"), kJsonSchemaVersion);
+    EXPECT_EQ(verify.at("status"), report.Status());
+    EXPECT_EQ(verify.at("problems").size(), report.problems.size());
+}
+
 TEST(RandomBuildProperty, InspectorReadsBackEveryBuiltImage) {
     int built = 0, refused = 0;
     std::map<std::string, int> seen;
@@ -329,6 +354,7 @@ TEST(RandomBuildProperty, InspectorReadsBackEveryBuiltImage) {
         const ImageModel model = ReadImage(rom, {});
         const VerifyReport report = Verify(rom, model);
         EXPECT_EQ(report.Status(), status);
+        CheckJson(rom, model, report);
         ASSERT_TRUE(model.main);
         CheckReservations(script, rom, model, console);
 
