@@ -2,13 +2,16 @@
 // (CompressedDataHeader, lh5 bit stream, closing 0x00), or decodes such data.
 //   fwforge-lzh c INPUT OUTPUT
 //   fwforge-lzh d INPUT OUTPUT
+//   fwforge-lzh --help | --version
 
+#include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <new>
 #include <optional>
 #include <string>
-#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "compress/lzh_decoder.h"
@@ -18,10 +21,6 @@
 #include "platform/text_format.h"
 
 namespace {
-
-constexpr const char* kUsage =
-    "Usage - fwforge-lzh c INPUT OUTPUT   compress INPUT as a module\n"
-    "        fwforge-lzh d INPUT OUTPUT   decode compressed module data\n";
 
 void Fail(const std::string& message) {
     std::fprintf(stderr, "fwforge-lzh: %s\n", message.c_str());
@@ -84,19 +83,61 @@ int Decode(const std::string& input, const std::string& output) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 4 || (std::string_view(argv[1]) != "c" && std::string_view(argv[1]) != "d")) {
-        std::fputs(kUsage, stderr);
-        return 1;
+    CLI::App app{
+        "Compresses a file exactly as a module is compressed into a ROM image\n"
+        "(8-byte header, lh5 bit stream, closing 0x00), or decodes such data.",
+        "fwforge-lzh"};
+    app.set_version_flag("--version", "fwforge-lzh " FWFORGE_VERSION);
+    // At most one command here, and words left over are collected: a wrong or missing
+    // command and stray words are reported below, in the order they were given.
+    app.require_subcommand(0, 1);
+    app.allow_extras();
+    app.failure_message([](const CLI::App*, const CLI::Error& e) {
+        return "fwforge-lzh: " + std::string(e.what()) +
+               "\nRun with --help for more information.\n";
+    });
+    std::string input, output;
+    for (const auto& [name, about] :
+         {std::pair{"c", "c INPUT OUTPUT: compress INPUT as a module"},
+          std::pair{"d", "d INPUT OUTPUT: decode compressed module data"}}) {
+        CLI::App* command = app.add_subcommand(name, about);
+        command->add_option("INPUT", input, "file to read")->required();
+        command->add_option("OUTPUT", output, "file to create")->required();
     }
     try {
-        if (std::string_view(argv[1]) == "c") return Compress(argv[2], argv[3]);
-        return Decode(argv[2], argv[3]);
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& e) {
+        // Help and version are answers (status 0); every other command-line mistake
+        // keeps the status that scripts already test for: 1.
+        const int status = app.exit(e);
+        return status == 0 ? 0 : 1;
+    }
+    if (const auto extra = app.remaining(true); !extra.empty()) {
+        const auto option = std::find_if(extra.begin(), extra.end(),
+                                         [](const std::string& w) { return w.starts_with('-'); });
+        std::string words;
+        for (const auto& word : extra) words += (words.empty() ? "" : " ") + word;
+        Fail(option != extra.end() ? "unknown option: " + *option
+                                   : "unexpected arguments: " + words);
+        std::fputs("Run with --help for more information.\n", stderr);
+        return 1;
+    }
+    if (app.get_subcommands().empty()) {
+        std::fputs(
+            "fwforge-lzh: a command is required: c or d\n"
+            "Run with --help for more information.\n",
+            stderr);
+        return 1;
+    }
+    const bool compress = app.got_subcommand("c");
+    try {
+        return compress ? Compress(input, output) : Decode(input, output);
     } catch (const fwforge::lzh::OutOfMemory& e) {
         // No line break before or after it, as in the main program.
         std::fputs(e.what(), stderr);
         return 1;
     } catch (const std::bad_alloc&) {
-        Fail(fwforge::StrFormat("out of memory while processing %s", argv[2]));
+        Fail(fwforge::StrFormat("out of memory while processing %s", input.c_str()));
         return 1;
     }
 }

@@ -9,6 +9,8 @@
 #include <string>
 #include <string_view>
 
+#include "platform/text_format.h"
+
 namespace fwforge {
 
 enum class Severity : std::uint8_t { Fatal = 0, Error = 1, Warning = 2 };
@@ -38,7 +40,7 @@ class Diagnostics {
 
     // Console output of progress lines and traces.
     void Print(std::string_view text);
-    void Printf(const char* format, ...) __attribute__((format(printf, 2, 3)));
+    void Printf(const char* format, ...) FWFORGE_PRINTF(2, 3);
     std::ostream& out() { return out_; }
 
     std::uint16_t ErrorCount = 0;

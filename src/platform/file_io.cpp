@@ -1,4 +1,7 @@
+// The file layer on POSIX systems; file_io_windows.cpp is the Windows one.
 #include "platform/file_io.h"
+
+#ifndef _WIN32
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -13,6 +16,10 @@ namespace fwforge::platform {
 namespace {
 
 constexpr char kSeparator = '/';
+
+int Fd(std::intptr_t handle) {
+    return static_cast<int>(handle);
+}
 
 bool Exists(const std::string& path) {
     struct stat st;
@@ -113,31 +120,32 @@ std::optional<InputFile> InputFile::Open(std::string_view name) {
     return InputFile(fd);
 }
 
-InputFile::InputFile(InputFile&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+InputFile::InputFile(InputFile&& other) noexcept
+    : handle_(std::exchange(other.handle_, kNoHandle)) {}
 
 InputFile& InputFile::operator=(InputFile&& other) noexcept {
     if (this != &other) {
-        if (fd_ >= 0) ::close(fd_);
-        fd_ = std::exchange(other.fd_, -1);
+        if (handle_ != kNoHandle) ::close(Fd(handle_));
+        handle_ = std::exchange(other.handle_, kNoHandle);
     }
     return *this;
 }
 
 InputFile::~InputFile() {
-    if (fd_ >= 0) ::close(fd_);
+    if (handle_ != kNoHandle) ::close(Fd(handle_));
 }
 
 std::optional<std::uint64_t> InputFile::Size() const {
     struct stat st;
-    if (::fstat(fd_, &st) != 0 || st.st_size < 0) return std::nullopt;
+    if (::fstat(Fd(handle_), &st) != 0 || st.st_size < 0) return std::nullopt;
     return static_cast<std::uint64_t>(st.st_size);
 }
 
 bool InputFile::ReadExactly(std::span<std::uint8_t> buffer) {
     std::size_t done = 0;
     while (done < buffer.size()) {
-        const ssize_t n =
-            ::pread(fd_, buffer.data() + done, buffer.size() - done, static_cast<off_t>(done));
+        const ssize_t n = ::pread(Fd(handle_), buffer.data() + done, buffer.size() - done,
+                                  static_cast<off_t>(done));
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) return false;
         done += static_cast<std::size_t>(n);
@@ -158,24 +166,25 @@ std::optional<OutputFile> OutputFile::Create(std::string_view name) {
     return OutputFile(fd);
 }
 
-OutputFile::OutputFile(OutputFile&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+OutputFile::OutputFile(OutputFile&& other) noexcept
+    : handle_(std::exchange(other.handle_, kNoHandle)) {}
 
 OutputFile& OutputFile::operator=(OutputFile&& other) noexcept {
     if (this != &other) {
-        if (fd_ >= 0) ::close(fd_);
-        fd_ = std::exchange(other.fd_, -1);
+        if (handle_ != kNoHandle) ::close(Fd(handle_));
+        handle_ = std::exchange(other.handle_, kNoHandle);
     }
     return *this;
 }
 
 OutputFile::~OutputFile() {
-    if (fd_ >= 0) ::close(fd_);
+    if (handle_ != kNoHandle) ::close(Fd(handle_));
 }
 
 bool OutputFile::Write(std::span<const std::uint8_t> data) {
     std::size_t done = 0;
     while (done < data.size()) {
-        const ssize_t n = ::write(fd_, data.data() + done, data.size() - done);
+        const ssize_t n = ::write(Fd(handle_), data.data() + done, data.size() - done);
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) return false;
         done += static_cast<std::size_t>(n);
@@ -184,3 +193,5 @@ bool OutputFile::Write(std::span<const std::uint8_t> data) {
 }
 
 }  // namespace fwforge::platform
+
+#endif  // !_WIN32

@@ -3,11 +3,14 @@
 // output file whole. Every failure goes back to the caller, which owns the message.
 //
 // Names come from build scripts written for Windows and from a script text that has
-// been lower-cased, so input names are opened after turning "\" into "/", and a name
-// that does not exist exactly as written is looked up case-insensitively, folder by
-// folder (exactly one match is used). Files the tool creates keep the name exactly as
-// composed; only the folders above them are looked up that way.
+// been lower-cased. On Windows they are the system's own: either separator, any case,
+// the ANSI code page, and composed names use "\". Elsewhere input names are opened
+// after turning "\" into "/", and a name that does not exist exactly as written is
+// looked up case-insensitively, folder by folder (exactly one match is used). Files the
+// tool creates keep the name exactly as composed; only the folders above them are
+// looked up that way.
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <span>
@@ -17,7 +20,11 @@
 
 namespace fwforge::platform {
 
-// The host form of a name from a script or the command line: "\" becomes "/".
+// A file descriptor, or a Windows handle; both systems use -1 for "none".
+inline constexpr std::intptr_t kNoHandle = -1;
+
+// The host form of a name from a script or the command line: the other separator
+// becomes the host's ("\" becomes "/", or "/" becomes "\" on Windows).
 std::string ToHostSeparators(std::string_view name);
 
 // The existing path that `name` denotes, exactly or case-insensitively; the host form
@@ -25,7 +32,7 @@ std::string ToHostSeparators(std::string_view name);
 std::string ResolveExistingPath(std::string_view name);
 
 // `output_path`, the host separator and `rest`; no second separator when
-// `output_path` already ends in one.
+// `output_path` already ends in "/" or "\".
 std::string ComposeOutputName(std::string_view output_path, std::string_view rest);
 
 class InputFile {
@@ -46,8 +53,8 @@ class InputFile {
     bool ReadExactly(std::span<std::uint8_t> buffer);
 
   private:
-    explicit InputFile(int fd) : fd_(fd) {}
-    int fd_ = -1;
+    explicit InputFile(std::intptr_t handle) : handle_(handle) {}
+    std::intptr_t handle_ = kNoHandle;
 };
 
 class OutputFile {
@@ -65,8 +72,8 @@ class OutputFile {
     bool Write(std::span<const std::uint8_t> data);
 
   private:
-    explicit OutputFile(int fd) : fd_(fd) {}
-    int fd_ = -1;
+    explicit OutputFile(std::intptr_t handle) : handle_(handle) {}
+    std::intptr_t handle_ = kNoHandle;
 };
 
 }  // namespace fwforge::platform

@@ -20,13 +20,19 @@ A case file holds steps, one per line ('#' starts a comment line):
                                 (BUILD_DIR/examples/NAME) copied into DIR as inputs
     absent NAME                 records whether NAME exists (a refused run writes nothing)
     cd DIR                      later runs start in DIR (a folder of the case; '.' goes back)
+    posix-only                  the case tests what only POSIX systems have (names that
+                                differ in case alone): skipped (exit 77) for Windows tools
 and then '==== expected', below which --update writes what the steps gave: each run's
 stdout ('| ' lines), stderr ('! ' lines) and exit status, then each file that is not an
 unchanged input, with its size and digest.
 
 FWFORGE_RUNNER (say "wine") is put in front of each tool; FWFORGE_EXE_SUFFIX after its name.
+With the suffix .exe the tools are Windows programs, whose console text ends its lines
+with CR LF and whose composed names (fwforge's OutputPath\TAG.int and .inf, the files
+that fwforge-inspect extract writes into DIR) have a backslash: before the comparison
+those become LF and "/", so one expectation serves both.
 """
-import argparse, hashlib, os, shlex, shutil, subprocess, sys, tempfile
+import argparse, hashlib, os, re, shlex, shutil, subprocess, sys, tempfile
 
 MARK = "==== expected"
 TOOLS = ("fwforge", "fwforge-inspect", "fwforge-lzh")
@@ -79,9 +85,31 @@ def render(data, prefix):
     return [prefix + line for line in lines] + tail
 
 
+class SkipCase(Exception):
+    pass
+
+
+def host_console(args, text):
+    """A Windows tool's console text as the POSIX build prints it."""
+    text = text.replace(b"\r\n", b"\n")
+    if args[0] == "fwforge" and len(args) > 1:
+        folder, composed = args[1], rb"[^\\/\s]*\.in[tf]\b"
+    elif args[0] == "fwforge-inspect" and len(args) > 3 and args[1] == "extract":
+        folder, composed = args[3], rb"[^\\/\s]+"
+    else:
+        return text
+    if folder[-1:] in ("/", "\\"):
+        return text
+    folder = re.escape(folder.encode("latin-1"))
+    # The folder as a whole word, then the backslash before a name the tool composed.
+    pattern = rb"(?<![^\s'\"(:])(" + folder + rb")\\(?=" + composed + rb")"
+    return re.sub(pattern, rb"\1/", text)
+
+
 def run_steps(steps, bin_dir, work):
     runner = shlex.split(os.environ.get("FWFORGE_RUNNER", ""))
     suffix = os.environ.get("FWFORGE_EXE_SUFFIX", "")
+    windows = suffix == ".exe"
     inputs, got, cwd = {}, [], work
     i = 0
     while i < len(steps):
@@ -115,6 +143,8 @@ def run_steps(steps, bin_dir, work):
             os.symlink(args[1], os.path.join(work, args[0]))
         elif op == "poke":
             path = os.path.join(work, args[0])
+            if not os.path.exists(path):
+                raise SystemExit("\n".join(got + [f"poke: no file {args[0]}"]))
             data = bytearray(open(path, "rb").read())
             at = int(args[1], 16) % len(data)
             new = bytes.fromhex("".join(args[2:]))
@@ -125,7 +155,10 @@ def run_steps(steps, bin_dir, work):
         elif op == "copy":
             shutil.copyfile(os.path.join(work, args[0]), os.path.join(work, args[1]))
         elif op == "example":
-            source = os.path.join(bin_dir, "examples", args[0])
+            # A cross build makes no example inputs; FWFORGE_EXAMPLE_INPUTS names the
+            # native build that did.
+            source = os.path.join(os.environ.get("FWFORGE_EXAMPLE_INPUTS", bin_dir),
+                                  "examples", args[0])
             os.makedirs(os.path.join(work, args[1]), exist_ok=True)
             for name in sorted(os.listdir(source)):
                 path = os.path.join(source, name)
@@ -139,6 +172,9 @@ def run_steps(steps, bin_dir, work):
         elif op == "absent":
             exists = os.path.exists(os.path.join(work, args[0]))
             got.append(f"absent {args[0]}: {'no, it exists' if exists else 'yes'}")
+        elif op == "posix-only":
+            if windows:
+                raise SkipCase()
         elif op == "cd":
             cwd = os.path.join(work, args[0])
         elif op == "run":
@@ -148,7 +184,10 @@ def run_steps(steps, bin_dir, work):
             p = subprocess.run(runner + [exe] + args[1:], cwd=cwd, capture_output=True,
                                timeout=300)
             got.append("$ " + " ".join(args))
-            got += render(p.stdout, "| ") + render(p.stderr, "! ")
+            out, err = p.stdout, p.stderr
+            if windows:
+                out, err = host_console(args, out), host_console(args, err)
+            got += render(out, "| ") + render(err, "! ")
             got.append(f"= exit {p.returncode}")
         else:
             raise SystemExit(f"unknown step: {steps[i - 1]}")
@@ -176,7 +215,11 @@ def run_case(path, bin_dir, update):
             steps.append(line)
             in_write = (in_write and line != "end") or line.split(" ")[0] in ("write", "write-lf")
     with tempfile.TemporaryDirectory(prefix="fwforge-case-") as work:
-        got = run_steps(steps, bin_dir, work)
+        try:
+            got = run_steps(steps, bin_dir, work)
+        except SkipCase:
+            print(f"SKIPPED for Windows tools: {path}")
+            return None
     if update:
         with open(path, "w", encoding="latin-1", newline="\n") as f:
             f.write(head.rstrip("\n") + "\n" + MARK + "\n" + "\n".join(got) + "\n")
@@ -196,10 +239,13 @@ def main():
     ap.add_argument("--update", action="store_true")
     ap.add_argument("cases", nargs="+")
     a = ap.parse_args()
-    bad = [c for c in a.cases if not run_case(c, os.path.abspath(a.bin), a.update)]
+    results = {c: run_case(c, os.path.abspath(a.bin), a.update) for c in a.cases}
+    bad = [c for c, ok in results.items() if ok is False]
     for c in bad:
         print(f"FAILED: {c}")
-    return 1 if bad else 0
+    if bad:
+        return 1
+    return 77 if all(ok is None for ok in results.values()) else 0
 
 
 if __name__ == "__main__":

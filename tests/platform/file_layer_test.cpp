@@ -1,11 +1,15 @@
 // What no build reaches of the file layer: names given exactly as they are on disk (a
 // script is lower-cased), two files that differ only in case, a named pipe, an empty
-// name or output folder, and a read that asks for more than the file holds.
+// name or output folder, a read that asks for more than the file holds, and the
+// separator of composed names.
 
 #include <gtest/gtest.h>
+#ifndef _WIN32
 #include <sys/stat.h>
+#endif
 
 #include <filesystem>
+#include <vector>
 
 #include "platform/file_io.h"
 #include "support/test_files.h"
@@ -13,43 +17,64 @@
 namespace fwforge::platform {
 namespace {
 
+struct OpenCase {
+    std::string name;
+    std::size_t extra;  // bytes asked for beyond the file's size
+    std::string read;
+};
+
 TEST(FileLayer, FindsInputNamesAndReadsExactly) {
     testing::TempDir dir;
     std::filesystem::create_directories(dir.path() / "Modules" / "CPU");
     testing::WriteText(dir.File("Modules/CPU/Micro.BIN"), "micro");
+    const std::string root = dir.File("");
+    std::vector<OpenCase> cases = {
+        {root + "Modules/CPU/Micro.BIN", 0, "micro"},
+        {root + "MODULES\\Cpu\\micro.bin", 0, "micro"},
+        {root + "Modules/CPU/Micro.BIN", 1, "<short>"},
+        {root + "modules", 0, "<none>"},
+        {"", 0, "<none>"},
+    };
+#ifndef _WIN32
+    // Windows has neither names that differ only in case nor named pipes in a folder.
     testing::WriteText(dir.File("twin.bin"), "lower");
     testing::WriteText(dir.File("TWIN.BIN"), "upper");
     // Without a writer, opening a pipe for reading would block the build.
     ASSERT_EQ(::mkfifo(dir.File("pipe").c_str(), 0600), 0);
-    const std::string root = dir.File("");
-    const struct {
-        std::string name;
-        std::size_t extra;  // bytes asked for beyond the file's size
-        std::string read;
-    } cases[] = {
-        {root + "Modules/CPU/Micro.BIN", 0, "micro"},
-        {root + "MODULES\\Cpu\\micro.bin", 0, "micro"},
-        {root + "Modules/CPU/Micro.BIN", 1, "<short>"},
-        {root + "TWIN.BIN", 0, "upper"},
-        {root + "twin.bin", 0, "lower"},
-        {root + "Twin.bin", 0, "<none>"},
-        {root + "pipe", 0, "<none>"},
-        {root + "modules", 0, "<none>"},
-        {"", 0, "<none>"},
-    };
+    cases.insert(cases.end(), {{root + "TWIN.BIN", 0, "upper"},
+                               {root + "twin.bin", 0, "lower"},
+                               {root + "Twin.bin", 0, "<none>"},
+                               {root + "pipe", 0, "<none>"}});
+#endif
     for (const auto& c : cases) {
         auto file = InputFile::Open(c.name);
         std::string read = "<none>";
         if (file) {
             std::string bytes(*file->Size() + c.extra, '\0');
-            const bool whole = file->ReadExactly(
-                {reinterpret_cast<std::uint8_t*>(bytes.data()), bytes.size()});
+            const bool whole =
+                file->ReadExactly({reinterpret_cast<std::uint8_t*>(bytes.data()), bytes.size()});
             read = whole ? bytes : "<short>";
         }
         EXPECT_EQ(read, c.read) << c.name << " + " << c.extra;
     }
-    EXPECT_EQ(ComposeOutputName("", "T1.inf"), "T1.inf");
     EXPECT_FALSE(OutputFile::Create(""));
+}
+
+TEST(FileLayer, ComposesOutputNamesWithTheHostSeparator) {
+#ifdef _WIN32
+    const std::string sep = "\\";
+#else
+    const std::string sep = "/";
+#endif
+    const struct {
+        std::string path, composed;
+    } cases[] = {
+        {"", "T1.inf"},
+        {"out", "out" + sep + "T1.inf"},
+        {"out/", "out/T1.inf"},
+        {"out\\", "out\\T1.inf"},
+    };
+    for (const auto& c : cases) EXPECT_EQ(ComposeOutputName(c.path, "T1.inf"), c.composed);
 }
 
 }  // namespace

@@ -3,16 +3,18 @@
 #include <atomic>
 #include <fstream>
 #include <iterator>
+#include <random>
 #include <sstream>
 #include <stdexcept>
-#include <unistd.h>
 
 namespace fwforge::testing {
 
 TempDir::TempDir() {
+    // A random stem keeps test processes that run at the same time apart.
+    static const unsigned stem = std::random_device{}();
     static std::atomic<unsigned> counter{0};
     path_ = std::filesystem::temp_directory_path() /
-            ("fwforge-test-" + std::to_string(::getpid()) + "-" + std::to_string(counter++));
+            ("fwforge-test-" + std::to_string(stem) + "-" + std::to_string(counter++));
     std::filesystem::remove_all(path_);
     std::filesystem::create_directories(path_);
 }
@@ -22,7 +24,9 @@ TempDir::~TempDir() {
     std::filesystem::remove_all(path_, ignored);
 }
 
-std::string TempDir::File(std::string_view name) const { return (path_ / name).string(); }
+std::string TempDir::File(std::string_view name) const {
+    return (path_ / name).string();
+}
 
 void WriteBytes(const std::string& path, const std::vector<std::uint8_t>& bytes) {
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
