@@ -6,7 +6,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-scripts/deps.sh build browser
+scripts/deps.sh tools browser
 scripts/build.sh --tools-only >/dev/null
 (cd tests/browser && npm ci --no-audit --no-fund --loglevel=error)
 node tests/browser/map_check.mjs --bin build --out build/browser

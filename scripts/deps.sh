@@ -1,23 +1,23 @@
 #!/usr/bin/env bash
 # Installs what a task needs, and only what is missing.
 # Usage: scripts/deps.sh GROUP...
-#   build    compiler, CMake and make: enough to build fwforge and fwforge-inspect and run
-#            the examples
-#   tools    build, and CLI11 (a header package) for fwforge-lzh's command line
+#   build    compiler, CMake and make: enough to build fwforge and run the examples
+#   tools    build, and two header packages for the helper tools: CLI11 for the command
+#            lines of fwforge-lzh and fwforge-inspect, nlohmann/json for the inspector's JSON
 #   test     the test suite: the tools, GoogleTest, python3 for the case driver, gzip for
 #            the benchmark
 #   windows  the cross toolchain MinGW-w64, GoogleTest's sources to build for it, and wine
 #            to run the Windows programs (scripts/windows-check.sh)
-#   fuzz     clang and its sanitizer runtime for the fuzz targets
+#   fuzz     clang and its sanitizer runtime for the fuzz targets, and the header packages
 #   browser  headless Chromium, Node.js and npm for the check of the HTML map
 set -euo pipefail
 
 declare -A group=(
     [build]="cmake g++ make"
-    [tools]="cmake g++ make libcli11-dev"
-    [test]="cmake g++ make libcli11-dev libgtest-dev python3 gzip"
+    [tools]="cmake g++ make libcli11-dev nlohmann-json3-dev"
+    [test]="cmake g++ make libcli11-dev nlohmann-json3-dev libgtest-dev python3 gzip"
     [windows]="cmake make g++-mingw-w64-x86-64-posix googletest wine wine64"
-    [fuzz]="cmake make clang libclang-rt-dev"
+    [fuzz]="cmake make clang libclang-rt-dev libcli11-dev nlohmann-json3-dev"
     [browser]="chromium nodejs npm"
 )
 

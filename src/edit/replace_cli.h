@@ -5,9 +5,19 @@
 // command line or a file that cannot be read or written.
 
 #include <ostream>
+#include <string>
+
+#include "inspect/image_model.h"
 
 namespace fwforge::edit {
 
-int RunReplace(int argc, const char* const* argv, std::ostream& out);
+// The replace command as the command line gives it.
+struct ReplaceCommand {
+    std::string image, out, selector, file;
+    bool as_is = false;
+    inspect::InspectOptions options;
+};
+
+int RunReplace(const ReplaceCommand& command, std::ostream& out);
 
 }  // namespace fwforge::edit

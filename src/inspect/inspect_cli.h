@@ -7,9 +7,22 @@
 // cannot be unpacked.
 
 #include <ostream>
+#include <string>
+
+#include "inspect/image_model.h"
 
 namespace fwforge::inspect {
 
-int RunInspect(int argc, const char* const* argv, std::ostream& out);
+// One command as the command line gives it.
+struct Command {
+    std::string command;   // list, verify, extract, map or diff
+    std::string image;
+    std::string argument;  // DIR of extract, IMAGE2 of diff
+    std::string html;      // map: the HTML file to write; empty for the text map
+    bool json = false;     // list and verify
+    InspectOptions options;
+};
+
+int RunCommand(const Command& command, std::ostream& out);
 
 }  // namespace fwforge::inspect

@@ -346,9 +346,11 @@ TEST(RandomBuildProperty, InspectorReadsBackEveryBuiltImage) {
         }
         ++built;
         const std::vector<std::uint8_t> rom = ReadBytes(script.rom);
-        const char* verify_args[] = {"fwforge-inspect", "verify", script.rom.c_str()};
+        Command verify;
+        verify.command = "verify";
+        verify.image = script.rom;
         std::ostringstream verify_out;
-        const int status = RunInspect(3, verify_args, verify_out);
+        const int status = RunCommand(verify, verify_out);
         ASSERT_TRUE(status == kVerifyIntact || status == kVerifyCannotUnpack)
             << verify_out.str() << script.text;
         const ImageModel model = ReadImage(rom, {});
