@@ -101,7 +101,9 @@ BuildCompressor::Run* BuildCompressor::PlanNext(const std::span<const std::uint8
         run->uses_left = next.uses;
         runs_.push_back(std::move(run));
         return runs_.back().get();
-    } catch (const std::bad_alloc&) {
+    } catch (...) {
+        // Out of memory, or a loader that failed otherwise: the rest is computed when
+        // it is asked for.
         plan_.clear();
         return nullptr;
     }
