@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <new>
+#include <system_error>
 
 #include "compress/encoder_window.h"
 #include "compress/lzh_format.h"
@@ -74,7 +75,12 @@ void BuildCompressor::Expect(std::vector<Expected> runs) {
     } catch (const OutOfMemory&) {
         return;
     }
-    StartWorkers();
+    try {
+        StartWorkers();
+    } catch (const std::system_error&) {
+        StopWorkers();  // no threads to be had: every run is computed when asked for
+        return;
+    }
     changed_.notify_all();
 }
 
