@@ -151,10 +151,11 @@ bool MakeInputs(const fs::path& dir) {
         const std::string name = "m" + std::to_string(i) + ".bin";
         Write(dir / name, bytes);
         all.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-        char section[128];
-        std::snprintf(section, sizeof section, "[module]\r\nmoduleid = %02X\r\nfile = %s\r\ndestn = 1000:0000\r\n%s\r\n",
-                      0x01 + i % 0x1A, name.c_str(), stored ? "compressed = no\r\n" : "");
-        modules += section;
+        const char hex[] = "0123456789ABCDEF";
+        const unsigned id = 0x01 + i % 0x1A;
+        modules += std::string("[module]\r\nmoduleid = ") + hex[id >> 4] + hex[id & 15] +
+                   "\r\nfile = " + name + "\r\ndestn = 1000:0000\r\n" +
+                   (stored ? "compressed = no\r\n" : "") + "\r\n";
     }
     all.close();
     const std::string head =
