@@ -55,6 +55,11 @@ void BuildCompressor::StopWorkers() {
     workers_.clear();
 }
 
+unsigned BuildCompressor::RunsComputed() {
+    std::lock_guard lock(mutex_);
+    return computed_;
+}
+
 void BuildCompressor::Release() {
     StopWorkers();
     std::lock_guard lock(mutex_);
@@ -127,6 +132,7 @@ void BuildCompressor::Work() {
         Run* run = PlanNext(nullptr);
         if (run == nullptr) continue;
         ++unasked_;
+        ++computed_;
         lock.unlock();
 
         bool done = true;
@@ -212,6 +218,7 @@ CompressResult BuildCompressor::CompressModule(std::span<const std::uint8_t> sou
         run = PlanNext(&source);
         if (run != nullptr) run->asked = true;
     }
+    ++computed_;
     lock.unlock();
     std::unique_ptr<Run> kept;
     if (run == nullptr && options_.reuse) {

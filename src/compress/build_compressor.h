@@ -55,6 +55,10 @@ class BuildCompressor {
     // Stops the workers and forgets every result kept; later calls still work.
     void Release();
 
+    // How many runs were computed so far, here and on the workers: once per distinct
+    // run when everything goes as announced.
+    unsigned RunsComputed();
+
   private:
     struct Run;
 
@@ -80,6 +84,7 @@ class BuildCompressor {
     std::deque<Expected> plan_;             // announced runs no one has taken yet
     std::vector<std::uint8_t> predicted_;   // the window the next of them starts from
     unsigned unasked_ = 0;                  // runs computed ahead and not yet asked for
+    unsigned computed_ = 0;
     std::vector<std::thread> workers_;
     bool stopping_ = false;
 };
