@@ -27,24 +27,17 @@ void Fail(const std::string& message) {
 }
 
 std::optional<std::vector<std::uint8_t>> ReadWholeFile(const std::string& name) {
-    auto file = fwforge::platform::InputFile::Open(name);
-    if (!file) {
-        Fail(fwforge::StrFormat("cannot open input file %s", name.c_str()));
-        return std::nullopt;
-    }
-    const auto size = file->Size();
+    using Failure = fwforge::platform::WholeFile::Failure;
     // Sizes are 32-bit in the compressed data header.
-    if (!size || *size > std::uint32_t(-1) - fwforge::kCompressedOverhead) {
-        Fail(fwforge::StrFormat("cannot read input file %s: size unknown or above 4 GB",
-                                name.c_str()));
-        return std::nullopt;
-    }
-    std::vector<std::uint8_t> data(static_cast<std::size_t>(*size));
-    if (!file->ReadExactly(data)) {
-        Fail(fwforge::StrFormat("cannot read input file %s", name.c_str()));
-        return std::nullopt;
-    }
-    return data;
+    fwforge::platform::WholeFile file =
+        fwforge::platform::ReadWholeFile(name, std::uint32_t(-1) - fwforge::kCompressedOverhead);
+    if (file.failure == Failure::None) return std::move(file.bytes);
+    Fail(fwforge::StrFormat(file.failure == Failure::Open ? "cannot open input file %s"
+                            : file.failure == Failure::Size
+                                ? "cannot read input file %s: size unknown or above 4 GB"
+                                : "cannot read input file %s",
+                            name.c_str()));
+    return std::nullopt;
 }
 
 bool WriteWholeFile(const std::string& name, std::span<const std::uint8_t> data) {

@@ -16,13 +16,9 @@ namespace {
 // in its own words when it gets there.
 lzh::BuildCompressor::Expected ModuleFile(std::string name, unsigned uses) {
     auto load = [name = std::move(name)]() -> std::optional<std::vector<std::uint8_t>> {
-        auto file = platform::InputFile::Open(name);
-        if (!file) return std::nullopt;
-        const std::optional<std::uint64_t> size = file->Size();
-        if (!size || *size > 0xFFFFFFFFu) return std::nullopt;
-        std::vector<std::uint8_t> bytes(*size);
-        if (!file->ReadExactly(bytes)) return std::nullopt;
-        return bytes;
+        platform::WholeFile file = platform::ReadWholeFile(name);
+        if (file.failure != platform::WholeFile::Failure::None) return std::nullopt;
+        return std::move(file.bytes);
     };
     return {std::move(load), uses};
 }

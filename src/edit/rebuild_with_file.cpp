@@ -143,11 +143,9 @@ Rebuild RebuildWithFile(const inspect::ImageModel& model, const inspect::Extract
                                   "\"";
             return out;
         }
-        auto rom = platform::InputFile::Open((scratch.path() / kRom).string());
-        const auto size = rom ? rom->Size() : std::nullopt;
-        if (size) out.image.resize(static_cast<std::size_t>(*size));
-        if (!size || !rom->ReadExactly(out.image)) {
-            out.image.clear();
+        platform::WholeFile rom = platform::ReadWholeFile((scratch.path() / kRom).string());
+        out.image = std::move(rom.bytes);
+        if (rom.failure != platform::WholeFile::Failure::None) {
             out.error = "cannot read the rebuilt image";
         }
     } catch (const fs::filesystem_error& e) {

@@ -29,15 +29,12 @@ bool SameFile(const std::string& a, const std::string& b) {
 
 std::optional<std::vector<std::uint8_t>> Load(const std::string& what, const std::string& name,
                                               std::ostream& out) {
-    auto file = platform::InputFile::Open(name);
-    auto size = file ? file->Size() : std::nullopt;
-    std::vector<std::uint8_t> bytes;
-    if (size && *size <= 0xFFFFFFFFu) bytes.resize(static_cast<std::size_t>(*size));
-    if (!size || *size > 0xFFFFFFFFu || !file->ReadExactly(bytes)) {
+    platform::WholeFile file = platform::ReadWholeFile(name);
+    if (file.failure != platform::WholeFile::Failure::None) {
         out << "fwforge-inspect replace: cannot read " << what << " " << name << "\n";
         return std::nullopt;
     }
-    return bytes;
+    return std::move(file.bytes);
 }
 
 }  // namespace

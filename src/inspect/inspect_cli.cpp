@@ -23,22 +23,21 @@ constexpr int kProblems = 1;
 constexpr int kUnusable = 2;
 
 std::optional<std::vector<std::uint8_t>> LoadImage(const std::string& name, std::ostream& out) {
-    auto file = platform::InputFile::Open(name);
-    if (!file) {
-        out << "fwforge-inspect: cannot open image " << name << "\n";
-        return std::nullopt;
+    platform::WholeFile file = platform::ReadWholeFile(name);
+    switch (file.failure) {
+        case platform::WholeFile::Failure::None:
+            return std::move(file.bytes);
+        case platform::WholeFile::Failure::Open:
+            out << "fwforge-inspect: cannot open image " << name << "\n";
+            break;
+        case platform::WholeFile::Failure::Size:
+            out << "fwforge-inspect: cannot determine the size of " << name << "\n";
+            break;
+        case platform::WholeFile::Failure::Read:
+            out << "fwforge-inspect: cannot read image " << name << "\n";
+            break;
     }
-    auto size = file->Size();
-    if (!size || *size > 0xFFFFFFFFu) {
-        out << "fwforge-inspect: cannot determine the size of " << name << "\n";
-        return std::nullopt;
-    }
-    std::vector<std::uint8_t> bytes(static_cast<std::size_t>(*size));
-    if (!file->ReadExactly(bytes)) {
-        out << "fwforge-inspect: cannot read image " << name << "\n";
-        return std::nullopt;
-    }
-    return bytes;
+    return std::nullopt;
 }
 
 int RunExtract(std::span<const std::uint8_t> image, const ImageModel& model, const std::string& dir,

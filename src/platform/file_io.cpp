@@ -15,8 +15,6 @@
 namespace fwforge::platform {
 namespace {
 
-constexpr char kSeparator = '/';
-
 int Fd(std::intptr_t handle) {
     return static_cast<int>(handle);
 }
@@ -50,12 +48,12 @@ std::optional<std::string> FindCaseInsensitive(const std::string& dir,
 std::optional<std::string> ResolveComponents(const std::string& path, bool include_last) {
     std::string resolved;
     std::size_t pos = 0;
-    if (!path.empty() && path[0] == kSeparator) {
+    if (!path.empty() && path[0] == kHostSeparator) {
         resolved = "/";
         pos = 1;
     }
     while (pos <= path.size()) {
-        std::size_t end = path.find(kSeparator, pos);
+        std::size_t end = path.find(kHostSeparator, pos);
         const bool last = end == std::string::npos;
         if (last) end = path.size();
         std::string component = path.substr(pos, end - pos);
@@ -69,14 +67,14 @@ std::optional<std::string> ResolveComponents(const std::string& path, bool inclu
                 resolved = candidate;
             } else {
                 std::string dir = resolved;
-                if (dir.size() > 1 && dir.back() == kSeparator) dir.pop_back();
+                if (dir.size() > 1 && dir.back() == kHostSeparator) dir.pop_back();
                 auto match = FindCaseInsensitive(dir, component);
                 if (!match) return std::nullopt;
                 resolved += *match;
             }
         }
         if (last) return resolved;
-        if (!resolved.empty() && resolved.back() != kSeparator) resolved += kSeparator;
+        if (!resolved.empty() && resolved.back() != kHostSeparator) resolved += kHostSeparator;
         pos = end + 1;
     }
     return resolved;
@@ -84,25 +82,10 @@ std::optional<std::string> ResolveComponents(const std::string& path, bool inclu
 
 }  // namespace
 
-std::string ToHostSeparators(std::string_view name) {
-    std::string host(name);
-    for (char& c : host) {
-        if (c == '\\') c = kSeparator;
-    }
-    return host;
-}
-
 std::string ResolveExistingPath(std::string_view name) {
     std::string host = ToHostSeparators(name);
     if (host.empty() || Exists(host)) return host;
     return ResolveComponents(host, true).value_or(host);
-}
-
-std::string ComposeOutputName(std::string_view output_path, std::string_view rest) {
-    std::string name(output_path);
-    if (!name.empty() && name.back() != '/' && name.back() != '\\') name += kSeparator;
-    name += rest;
-    return name;
 }
 
 std::optional<InputFile> InputFile::Open(std::string_view name) {

@@ -23,6 +23,15 @@ namespace fwforge::platform {
 // A file descriptor, or a Windows handle; both systems use -1 for "none".
 inline constexpr std::intptr_t kNoHandle = -1;
 
+// The separator of the host's names, and the one names from elsewhere may use instead.
+#ifdef _WIN32
+inline constexpr char kHostSeparator = '\\';
+inline constexpr char kOtherSeparator = '/';
+#else
+inline constexpr char kHostSeparator = '/';
+inline constexpr char kOtherSeparator = '\\';
+#endif
+
 // The host form of a name from a script or the command line: the other separator
 // becomes the host's ("\" becomes "/", or "/" becomes "\" on Windows).
 std::string ToHostSeparators(std::string_view name);
@@ -75,5 +84,16 @@ class OutputFile {
     explicit OutputFile(std::intptr_t handle) : handle_(handle) {}
     std::intptr_t handle_ = kNoHandle;
 };
+
+// A whole file read into memory, or which step failed.
+struct WholeFile {
+    enum class Failure { None, Open, Size, Read };
+    std::vector<std::uint8_t> bytes;
+    Failure failure = Failure::None;
+};
+
+// Reads the file `name` whole; Failure::Size as well when it holds more than `max_size`
+// bytes.
+WholeFile ReadWholeFile(std::string_view name, std::uint64_t max_size = 0xFFFFFFFFu);
 
 }  // namespace fwforge::platform

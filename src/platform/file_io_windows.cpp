@@ -17,7 +17,6 @@
 namespace fwforge::platform {
 namespace {
 
-constexpr char kSeparator = '\\';
 // ReadFile and WriteFile move at most a 32-bit count per call.
 constexpr std::size_t kMaxTransfer = 1u << 30;
 
@@ -41,21 +40,8 @@ void Close(std::intptr_t handle) {
 
 }  // namespace
 
-std::string ToHostSeparators(std::string_view name) {
-    std::string host(name);
-    std::replace(host.begin(), host.end(), '/', kSeparator);
-    return host;
-}
-
 std::string ResolveExistingPath(std::string_view name) {
     return ToHostSeparators(name);
-}
-
-std::string ComposeOutputName(std::string_view output_path, std::string_view rest) {
-    std::string name(output_path);
-    if (!name.empty() && name.back() != '/' && name.back() != '\\') name += kSeparator;
-    name += rest;
-    return name;
 }
 
 std::optional<InputFile> InputFile::Open(std::string_view name) {
