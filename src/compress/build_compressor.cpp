@@ -211,8 +211,9 @@ CompressResult BuildCompressor::CompressModule(std::span<const std::uint8_t> sou
         return result;
     }
 
-    // Computed here, from the real window. When the workers have not got this far, this
-    // is the next announced run: taking it keeps the prediction going past it.
+    // Computed here, from the real window, and kept for later calls over the same input:
+    // in the announced run it is when the workers have not got this far (taking it keeps
+    // the prediction going past it), else in a run of its own.
     Run* run = nullptr;
     if (!plan_.empty()) {
         run = PlanNext(&source);
@@ -220,46 +221,50 @@ CompressResult BuildCompressor::CompressModule(std::span<const std::uint8_t> sou
     }
     ++computed_;
     lock.unlock();
-    std::unique_ptr<Run> kept;
-    if (run == nullptr && options_.reuse) {
-        try {
-            kept = std::make_unique<Run>();
-            kept->input.assign(source.begin(), source.end());
-            run = kept.get();
-        } catch (const std::bad_alloc&) {
-            kept.reset();  // computed, but not kept
+    std::unique_ptr<Run> own;
+    bool keep = run != nullptr || options_.reuse;
+    try {
+        if (run == nullptr && keep) {
+            own = std::make_unique<Run>();
+            own->input.assign(source.begin(), source.end());
+            run = own.get();
         }
+        // Before the run, which changes the window.
+        if (keep) run->stale.assign(stale.begin(), stale.end());
+    } catch (const std::bad_alloc&) {
+        keep = false;  // computed all the same, but not kept
     }
+    // An announced run taken here that ends up not kept is given up on for good.
+    auto give_up = [&] {
+        if (run == nullptr || own) return;
+        std::lock_guard relock(mutex_);
+        run->state = Run::State::Failed;
+        changed_.notify_all();
+    };
 
     CompressResult result;
     try {
-        if (run != nullptr) run->stale.assign(stale.begin(), stale.end());
         result = encoder_.CompressModule(source, destination);
-        if (run != nullptr) {
-            run->output.assign(destination.begin(), destination.begin() + result.total);
-            run->result = result;
-            run->token_buffer = encoder_.TokenBufferSize();
-        }
-    } catch (const std::bad_alloc&) {
-        if (run == nullptr) throw;
-        lock.lock();
-        run->state = Run::State::Failed;
-        changed_.notify_all();
-        return result.total != 0 ? result : encoder_.CompressModule(source, destination);
     } catch (...) {
-        if (run != nullptr) {
-            lock.lock();
-            run->state = Run::State::Failed;
-            changed_.notify_all();
-        }
+        give_up();
         throw;
     }
-    if (run == nullptr) return result;
+    try {
+        if (keep) run->output.assign(destination.begin(), destination.begin() + result.total);
+    } catch (const std::bad_alloc&) {
+        keep = false;
+    }
+    if (!keep) {
+        give_up();
+        return result;
+    }
+    run->result = result;
+    run->token_buffer = encoder_.TokenBufferSize();
     lock.lock();
     run->state = Run::State::Done;
     changed_.notify_all();
-    if (kept) {
-        runs_.push_back(std::move(kept));
+    if (own) {
+        runs_.push_back(std::move(own));
     } else {
         Use(*run);
     }
