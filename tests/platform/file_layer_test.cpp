@@ -1,7 +1,7 @@
 // What no build reaches of the file layer: names given exactly as they are on disk (a
 // script is lower-cased), two files that differ only in case, a named pipe, an empty
 // name or output folder, a read that asks for more than the file holds, and the
-// separator of composed names.
+// separator of composed names, and which step of reading a whole file failed.
 
 #include <gtest/gtest.h>
 #ifndef _WIN32
@@ -75,6 +75,28 @@ TEST(FileLayer, ComposesOutputNamesWithTheHostSeparator) {
         {"out\\", "out\\T1.inf"},
     };
     for (const auto& c : cases) EXPECT_EQ(ComposeOutputName(c.path, "T1.inf"), c.composed);
+}
+
+TEST(FileLayer, ReadsWholeFilesAndSaysWhichStepFailed) {
+    testing::TempDir dir;
+    testing::WriteText(dir.File("five.bin"), "12345");
+    testing::WriteText(dir.File("empty.bin"), "");
+    using F = WholeFile::Failure;
+    const struct {
+        std::string name;
+        std::uint64_t limit;
+        F failure;
+        std::string bytes;
+    } cases[] = {
+        {"five.bin", 5, F::None, "12345"},   {"FIVE.BIN", 0xFFFFFFFF, F::None, "12345"},
+        {"five.bin", 4, F::Size, ""},        {"empty.bin", 0, F::None, ""},
+        {"missing.bin", 5, F::Open, ""},     {"", 5, F::Open, ""},
+    };
+    for (const auto& c : cases) {
+        const WholeFile file = ReadWholeFile(c.name.empty() ? "" : dir.File(c.name), c.limit);
+        EXPECT_EQ(file.failure, c.failure) << c.name;
+        EXPECT_EQ(std::string(file.bytes.begin(), file.bytes.end()), c.bytes) << c.name;
+    }
 }
 
 }  // namespace
