@@ -181,8 +181,13 @@ def run_steps(steps, bin_dir, work):
             if args[0] not in TOOLS:
                 raise SystemExit(f"unknown tool: {args[0]}")
             exe = os.path.join(bin_dir, args[0] + suffix)
-            p = subprocess.run(runner + [exe] + args[1:], cwd=cwd, capture_output=True,
-                               timeout=300)
+            for attempt in range(3):
+                p = subprocess.run(runner + [exe] + args[1:], cwd=cwd, capture_output=True,
+                                   timeout=300)
+                # Now and then wine loses its own server connection before the tool runs;
+                # that is wine's failure, not the tool's, and the run is made again.
+                if not (runner and b"wine client error" in p.stderr):
+                    break
             got.append("$ " + " ".join(args))
             out, err = p.stdout, p.stderr
             if windows:
