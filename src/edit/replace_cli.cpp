@@ -1,10 +1,8 @@
 #include "edit/replace_cli.h"
 
-#include <charconv>
 #include <filesystem>
 #include <optional>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "edit/replace.h"
