@@ -18,6 +18,7 @@
 #include "compress/lzh_format.h"
 #include "compress/module_compressor.h"
 #include "platform/file_io.h"
+#include "platform/file_system.h"
 #include "platform/text_format.h"
 
 namespace {

@@ -50,7 +50,7 @@ void CheckBootBlockFits(BuildContext& ctx) {
 }
 
 std::vector<std::uint8_t> ReadBootBlockFile(BuildContext& ctx) {
-    auto file = platform::InputFile::Open(ctx.description.Init.BootBlockFile);
+    auto file = ctx.files.Open(ctx.description.Init.BootBlockFile);
     if (!file) ctx.diag.Fatal("Cannot open boot block file");
     const auto size = file->Size();
     if (!size) ctx.diag.Fatal("Cannot read from boot block file");
@@ -98,7 +98,7 @@ void BuildBootBlock(BuildContext& ctx) {
 
     const std::string name =
         platform::ComposeOutputName(ctx.options.OutputPath, bios.BiosTag + ".int");
-    auto out = platform::OutputFile::Create(name);
+    auto out = ctx.files.Create(name);
     if (!out) ctx.diag.Fatal("Cannot create boot block file");
     if (!out->Write(boot_block)) ctx.diag.Fatal("Cannot write to boot block file");
 

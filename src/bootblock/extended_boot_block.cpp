@@ -40,7 +40,7 @@ struct ModuleBuffer {
 };
 
 ModuleBuffer ReadModuleFile(BuildContext& ctx, const EbbModuleRecord& record) {
-    auto file = platform::InputFile::Open(record.FileName);
+    auto file = ctx.files.Open(record.FileName);
     if (!file) {
         // The reason follows on the fatal line, which starts a line of its own.
         ctx.diag.Printf("Fail to open file \"%s\"", record.FileName.c_str());

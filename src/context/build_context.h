@@ -12,6 +12,7 @@
 #include "compress/build_compressor.h"
 #include "context/layout_state.h"
 #include "diagnostics/diagnostics.h"
+#include "platform/file_system.h"
 #include "script/build_description.h"
 #include "script/script_reader.h"
 
@@ -39,7 +40,9 @@ struct ImageState {
 
 class BuildContext {
   public:
-    explicit BuildContext(std::ostream& console) : diag(console) {}
+    // A build reads and writes its files through `files`: the disk, or memory.
+    explicit BuildContext(std::ostream& console, platform::FileSystem& files = platform::Disk())
+        : diag(console), files(files) {}
 
     // The build's compression, as one encoder would give it run after run; created on
     // first use with the run options and kept for the rest of the build.
@@ -56,6 +59,7 @@ class BuildContext {
     }
 
     Diagnostics diag;
+    platform::FileSystem& files;
     RunOptions options;
     BuildDescription description;
     ImageState image;
@@ -75,7 +79,7 @@ inline void ReleaseImageBuffers(BuildContext& ctx) {
 
 // Reads the build script into the context's description, with the run's verbosity.
 inline void ParseBuildScript(BuildContext& ctx, const std::string& path) {
-    ParseBuildScript(ctx.diag, ctx.description, path, ctx.options.VerboseMode);
+    ParseBuildScript(ctx.diag, ctx.files, ctx.description, path, ctx.options.VerboseMode);
 }
 
 }  // namespace fwforge

@@ -7,16 +7,17 @@
 
 #include "layout/module_chain.h"
 #include "layout/module_data.h"
-#include "platform/file_io.h"
+#include "platform/file_system.h"
 
 namespace fwforge {
 namespace {
 
 // Reads a whole module file; nothing when it cannot be read, which the build reports
 // in its own words when it gets there.
-lzh::BuildCompressor::Expected ModuleFile(std::string name, unsigned uses) {
-    auto load = [name = std::move(name)]() -> std::optional<std::vector<std::uint8_t>> {
-        platform::WholeFile file = platform::ReadWholeFile(name);
+lzh::BuildCompressor::Expected ModuleFile(platform::FileSystem& files, std::string name,
+                                         unsigned uses) {
+    auto load = [&files, name = std::move(name)]() -> std::optional<std::vector<std::uint8_t>> {
+        platform::WholeFile file = platform::ReadWholeFile(files, name);
         if (file.failure != platform::WholeFile::Failure::None) return std::nullopt;
         return std::move(file.bytes);
     };
@@ -32,7 +33,7 @@ void AnnounceModuleCompressions(BuildContext& ctx) {
     if (desc.Bios.MaxEbbSize != 0) {
         for (const EbbModuleRecord& record : desc.EbbModuleList) {
             if (IsCompressedByBuild(record.Header.ModuleAttributes(), record.CompressionFlags)) {
-                runs.push_back(ModuleFile(record.FileName, 1));
+                runs.push_back(ModuleFile(ctx.files, record.FileName, 1));
             }
         }
     }
@@ -40,7 +41,7 @@ void AnnounceModuleCompressions(BuildContext& ctx) {
         const ModuleEntry& entry = desc.ModuleTable[m];
         if (!IsLinkedAddonRom(entry) &&
             IsCompressedByBuild(entry.Header.ModuleAttributes(), entry.CompressionFlags)) {
-            runs.push_back(ModuleFile(entry.FileName, 2));
+            runs.push_back(ModuleFile(ctx.files, entry.FileName, 2));
         }
     }
     ctx.Compressor().Expect(std::move(runs));

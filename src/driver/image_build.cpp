@@ -52,7 +52,7 @@ void RunSequentialPlacement(BuildContext& ctx) {
 
 void WriteRomFile(BuildContext& ctx) {
     const std::string& name = ctx.description.Bios.RomFile;
-    auto file = platform::OutputFile::Create(name);
+    auto file = ctx.files.Create(name);
     if (!file) {
         ReleaseImageBuffers(ctx);
         ctx.diag.Fatal(StrFormat("Cannot create file: %s", name.c_str()));

@@ -1,7 +1,7 @@
 #pragma once
-// An image of sequential placement built again by the build pipeline, from the files and
-// the rebuild.scr that `extract` recovers from it, with one module's file changed. The
-// build runs in a scratch folder of its own; its console text is kept from the user.
+// An image built again by the build pipeline, from the files and the rebuild.scr that
+// `extract` recovers from it, with one module's file changed. The build runs on those
+// files in memory; its console text is kept from the user.
 
 #include <cstdint>
 #include <span>

@@ -7,6 +7,7 @@
 
 #include "edit/replace.h"
 #include "platform/file_io.h"
+#include "platform/file_system.h"
 #include "platform/text_format.h"
 
 namespace fwforge::edit {

@@ -145,7 +145,7 @@ void BuildImageInfoModule(BuildContext& ctx) {
     const std::vector<std::uint8_t> data = ImageInformationData(d);
     const std::string name =
         platform::ComposeOutputName(ctx.options.OutputPath, d.Bios.BiosTag + ".inf");
-    auto file = platform::OutputFile::Create(name);
+    auto file = ctx.files.Create(name);
     if (!file) ctx.diag.Fatal("Cannot create image information file");
     if (!file->Write(data)) ctx.diag.Fatal("Cannot write to image information file");
 

@@ -12,6 +12,7 @@
 #include "inspect/report.h"
 #include "inspect/verify.h"
 #include "platform/file_io.h"
+#include "platform/file_system.h"
 #include "platform/text_format.h"
 
 namespace fwforge::inspect {

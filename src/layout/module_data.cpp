@@ -12,7 +12,7 @@ namespace fwforge {
 namespace {
 
 std::uint32_t CheckedSize(BuildContext& ctx, const std::string& file_name,
-                          const platform::InputFile& file) {
+                          const platform::ReadableFile& file) {
     const std::optional<std::uint64_t> size = file.Size();
     if (!size) ctx.diag.Fatal("Cannot read module file");
     // The image, and with it any module, is addressed with 32 bits.
@@ -26,14 +26,14 @@ std::uint32_t CheckedSize(BuildContext& ctx, const std::string& file_name,
 }  // namespace
 
 std::uint32_t MeasureModuleFile(BuildContext& ctx, const std::string& file_name) {
-    auto file = platform::InputFile::Open(file_name);
+    auto file = ctx.files.Open(file_name);
     if (!file) ctx.diag.Fatal(StrFormat("Cannot open module file: %s", file_name.c_str()));
     return CheckedSize(ctx, file_name, *file);
 }
 
 std::vector<std::uint8_t> ReadModuleFile(BuildContext& ctx, const std::string& file_name,
                                          std::uint32_t& file_size) {
-    auto file = platform::InputFile::Open(file_name);
+    auto file = ctx.files.Open(file_name);
     if (!file) ctx.diag.Fatal(StrFormat("Cannot open module file: %s", file_name.c_str()));
     file_size = CheckedSize(ctx, file_name, *file);
     std::vector<std::uint8_t> buffer;

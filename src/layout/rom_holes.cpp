@@ -34,7 +34,7 @@ void LoadHoleFile(BuildContext& ctx, const RomHoleEntry& hole) {
                                     ? hole.StartAddress
                                     : hole.StartAddress + 0x100000u - desc.Bios.BiosSize;
     ctx.diag.Printf(" Inserting %s in ROMHOLE at %x\n", hole.FileName.c_str(), shown);
-    auto file = platform::InputFile::Open(hole.FileName);
+    auto file = ctx.files.Open(hole.FileName);
     if (!file) {
         ReleaseImageBuffers(ctx);
         ctx.diag.Fatal(StrFormat("Cannot open ROMHOLE file: %s", hole.FileName.c_str()));

@@ -85,15 +85,4 @@ class OutputFile {
     std::intptr_t handle_ = kNoHandle;
 };
 
-// A whole file read into memory, or which step failed.
-struct WholeFile {
-    enum class Failure { None, Open, Size, Read };
-    std::vector<std::uint8_t> bytes;
-    Failure failure = Failure::None;
-};
-
-// Reads the file `name` whole; Failure::Size as well when it holds more than `max_size`
-// bytes.
-WholeFile ReadWholeFile(std::string_view name, std::uint64_t max_size = 0xFFFFFFFFu);
-
 }  // namespace fwforge::platform

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "diagnostics/diagnostics.h"
+#include "platform/file_system.h"
 #include "script/build_description.h"
 
 namespace fwforge::script {
@@ -32,7 +33,8 @@ inline constexpr std::size_t kMaxNameLength = 63;
 
 class ScriptParser {
   public:
-    ScriptParser(Diagnostics& diag, BuildDescription& description, std::string path, bool verbose);
+    ScriptParser(Diagnostics& diag, platform::FileSystem& files, BuildDescription& description,
+                 std::string path, bool verbose);
 
     // Reads the file, walks it and runs the end-of-script check.
     void Run();
@@ -113,6 +115,7 @@ class ScriptParser {
     void CheckRomHoleSection();
 
     Diagnostics& diag_;
+    platform::FileSystem& files_;
     BuildDescription& desc_;
     const bool verbose_;  // VerboseMode of the run
 

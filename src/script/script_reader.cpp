@@ -3,15 +3,14 @@
 #include <new>
 #include <stdexcept>
 
-#include "platform/file_io.h"
 #include "platform/text_format.h"
 #include "script/script_parser.h"
 
 namespace fwforge {
 
-void ParseBuildScript(Diagnostics& diag, BuildDescription& description, const std::string& path,
-                      bool verbose) {
-    script::ScriptParser parser(diag, description, path, verbose);
+void ParseBuildScript(Diagnostics& diag, platform::FileSystem& files, BuildDescription& description,
+                      const std::string& path, bool verbose) {
+    script::ScriptParser parser(diag, files, description, path, verbose);
     try {
         parser.Run();
     } catch (const std::bad_alloc&) {
@@ -35,9 +34,9 @@ bool IsBlank(std::uint8_t c) {
 
 }  // namespace
 
-ScriptParser::ScriptParser(Diagnostics& diag, BuildDescription& description, std::string path,
-                           bool verbose)
-    : diag_(diag), desc_(description), verbose_(verbose), script_file_name_(std::move(path)) {}
+ScriptParser::ScriptParser(Diagnostics& diag, platform::FileSystem& files,
+                           BuildDescription& description, std::string path, bool verbose)
+    : diag_(diag), files_(files), desc_(description), verbose_(verbose), script_file_name_(std::move(path)) {}
 
 void ScriptParser::Run() {
     desc_.ModuleHeaderExtension = module_header::kExtensionSize;
@@ -58,7 +57,7 @@ void ScriptParser::Run() {
 }
 
 void ScriptParser::ReadScriptFile() {
-    auto file = platform::InputFile::Open(script_file_name_);
+    auto file = files_.Open(script_file_name_);
     if (!file) Fatal("Cannot open script file");
     const auto size = file->Size();
     if (!size) Fatal("Cannot determine script file size");

@@ -172,7 +172,7 @@ void ScriptParser::CheckBuildScript() {
 
 void ScriptParser::ReadBootBlockStamp() {
     const std::string& name = desc_.ModuleTable[*current_module_].FileName;
-    auto file = platform::InputFile::Open(name);
+    auto file = files_.Open(name);
     if (!file) Fatal("Cannot open boot block file");
     const auto size = file->Size();
     if (!size) Fatal("Cannot read from boot block file");

@@ -1,11 +1,15 @@
 // However a build compresses (one run after another, or each module once, or ahead on
-// worker threads), it writes the same ROM, .int and .inf files and the same console
-// text: random scripts of every kind, built both ways.
+// worker threads), and whether it runs on the disk or on files held in memory, it writes
+// the same ROM, .int and .inf files and the same console text: random scripts of every
+// kind, built every way.
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <map>
 
+#include "driver/build_run.h"
+#include "platform/file_system.h"
 #include "platform/text_format.h"
 #include "support/random_script.h"
 
@@ -49,7 +53,32 @@ Outcome Build(const TempDir& dir, const RandomScript& script, unsigned threads, 
     return outcome;
 }
 
-TEST(CompressionEquivalence, RandomBuildsWriteTheSameWithAndWithoutReuseAndThreads) {
+// The same build with the script and every input file in memory.
+Outcome BuildInMemory(const TempDir& dir, const RandomScript& script) {
+    platform::MemoryFileSystem files;
+    for (const auto& entry : fs::directory_iterator(dir.path())) {
+        files.Put(entry.path().string(), ReadBytes(entry.path().string()));
+    }
+    const std::vector<std::string> inputs = files.Names();
+    BuildRequest request;
+    request.script = script.path;
+    request.output_path = dir.path().string();
+    for (const std::string& option : script.options) {
+        request.verbose |= option == "-v";
+        request.compatibility |= option == "-c";
+    }
+    request.compression_threads = 2;
+    const BuildResult result = RunBuild(files, request);
+    Outcome outcome{result.exit_status, result.console, {}};
+    EXPECT_EQ(result.fatal.empty(), result.Completed());
+    for (const std::string& name : files.Names()) {
+        if (std::find(inputs.begin(), inputs.end(), name) != inputs.end()) continue;
+        outcome.files[fs::path(name).filename().string()] = *files.Find(name);
+    }
+    return outcome;
+}
+
+TEST(CompressionEquivalence, RandomBuildsWriteTheSameWithAndWithoutReuseAndThreadsOnDiskOrInMemory) {
     int compared = 0;
     for (std::uint32_t seed = 1000; seed < 1210; seed += kSeedStep) {
         SCOPED_TRACE(StrFormat("seed %u", seed));
@@ -58,7 +87,8 @@ TEST(CompressionEquivalence, RandomBuildsWriteTheSameWithAndWithoutReuseAndThrea
         const Outcome plain = Build(dir, script, 1, false);
         const Outcome fast = Build(dir, script, 3, true);
         const Outcome reused = Build(dir, script, 1, true);
-        for (const Outcome* other : {&fast, &reused}) {
+        const Outcome in_memory = BuildInMemory(dir, script);
+        for (const Outcome* other : {&fast, &reused, &in_memory}) {
             EXPECT_EQ(other->status, plain.status);
             EXPECT_EQ(other->console, plain.console);
             ASSERT_EQ(other->files.size(), plain.files.size());

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "platform/file_io.h"
+#include "platform/file_system.h"
 #include "support/test_files.h"
 
 namespace fwforge::platform {
