@@ -3,8 +3,10 @@
 // their counters, and the modules diverted to the Extended Boot Block. The script
 // reader fills it; the layout engine writes only the fields it owns (see each field).
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -50,6 +52,7 @@ struct ModuleHeaderImage {
     void SetDestSegment(std::uint16_t v) {
         store_le16(&bytes[module_header::DestSegment.offset], v);
     }
+    bool operator==(const ModuleHeaderImage&) const = default;
 };
 
 // One [module] section. Default member values are those of a fresh section.
@@ -70,6 +73,7 @@ struct ModuleEntry {
     std::uint32_t StartAddress = kNoStartAddress;
     std::uint32_t HeaderAddress = 0;
     std::uint8_t RomHoleIndex = kNoIndex;
+    bool operator==(const ModuleEntry&) const = default;
 };
 
 // A [romhole] or [noncriticalrom] section, or the reservation of a module with a
@@ -81,6 +85,7 @@ struct RomHoleEntry {
     std::uint32_t Size = 0;
     std::string Name;  // upper case; non-empty makes the record a non-critical block
     std::uint8_t OwnerModule = kNoIndex;
+    bool operator==(const RomHoleEntry&) const = default;
 };
 
 // A module diverted to the Extended Boot Block.
@@ -91,12 +96,14 @@ struct EbbModuleRecord {
     std::uint8_t Alignment = 0;
     std::uint8_t CompressionFlags = 0;
     std::uint32_t EbbOffset = 0;
+    bool operator==(const EbbModuleRecord&) const = default;
 };
 
 struct InitSettings {
     std::string BootBlockFile;
     std::uint32_t ChecksumOffset = 0x0000E000;
     std::uint32_t BiosTagOffset = 0x0000FFE0;
+    bool operator==(const InitSettings&) const = default;
 };
 
 struct BiosSettings {
@@ -106,12 +113,14 @@ struct BiosSettings {
     std::uint32_t NvramSize = 0;
     std::uint32_t MaxEbbSize = 0;
     std::string BiosTag;  // upper case, at most 11 characters
+    bool operator==(const BiosSettings&) const = default;
 };
 
 struct RomImageSettings {
     std::uint8_t RomImageVersion = 0;
     bool Use32BitMode = false;
     std::uint8_t RomImageFlags = 0;
+    bool operator==(const RomImageSettings&) const = default;
 };
 
 struct BuildDescription {
@@ -131,6 +140,25 @@ struct BuildDescription {
     std::uint8_t ConstrainedModuleCount = 0;
     std::vector<EbbModuleRecord> EbbModuleList;  // at most kMaxEbbModules
     std::uint32_t BootBlockStamp = 0;
+
+    // Two descriptions are equal when a build reads the same from them: the records in
+    // use and everything else, not what a table slot beyond its count still holds.
+    bool operator==(const BuildDescription& other) const;
 };
+
+inline bool BuildDescription::operator==(const BuildDescription& o) const {
+    auto used = [](const auto& table, std::size_t count) {
+        return std::span(table).first(std::min(count, table.size()));
+    };
+    auto same = [](auto a, auto b) { return std::ranges::equal(a, b); };
+    return Init == o.Init && Bios == o.Bios && RomImage == o.RomImage &&
+           ModuleHeaderExtension == o.ModuleHeaderExtension &&
+           MainHeaderExtension == o.MainHeaderExtension && ModuleCount == o.ModuleCount &&
+           RomHoleCount == o.RomHoleCount && FixedModuleCount == o.FixedModuleCount &&
+           ConstrainedModuleCount == o.ConstrainedModuleCount &&
+           EbbModuleList == o.EbbModuleList && BootBlockStamp == o.BootBlockStamp &&
+           same(used(ModuleTable, ModuleCount), used(o.ModuleTable, o.ModuleCount)) &&
+           same(used(RomHoleTable, RomHoleCount), used(o.RomHoleTable, o.RomHoleCount));
+}
 
 }  // namespace fwforge
