@@ -2,32 +2,12 @@
 
 #include "driver/build_run.h"
 #include "platform/file_system.h"
+#include "script/script_writer.h"
 
 namespace fwforge::edit {
 namespace {
 
 constexpr const char* kNewFile = "replacement.bin";
-constexpr const char* kScript = "rebuild.scr";
-constexpr const char* kLineEnd = "\r\n";
-
-// rebuild.scr with the [module] section that names `old_name` taking the new file:
-// compressed by the build, or stored as it is (nowcompressed) when the module is
-// compressed and the file holds its stored data. Empty when no section names it.
-std::string EditScript(std::string script, const std::string& old_name, bool compressed_module,
-                       bool compress) {
-    const std::string file_line = std::string("file = ") + old_name + kLineEnd;
-    const std::size_t at = script.find(file_line);
-    if (at == std::string::npos) return {};
-    std::size_t end = script.find(std::string(kLineEnd) + kLineEnd, at);
-    end = end == std::string::npos ? script.size() : end + 2;
-    std::string section = script.substr(at, end - at);
-    const std::string now = std::string("nowcompressed = yes") + kLineEnd;
-    if (const std::size_t n = section.find(now); n != std::string::npos) section.erase(n, now.size());
-    const std::string new_line = std::string("file = ") + kNewFile + kLineEnd;
-    section.replace(0, file_line.size(), new_line);
-    if (compressed_module && !compress) section.insert(new_line.size(), now);
-    return script.replace(at, end - at, section);
-}
 
 }  // namespace
 
@@ -35,26 +15,37 @@ Rebuild RebuildWithFile(const inspect::ImageModel& model, const inspect::Extract
                         const inspect::Module& module, std::span<const std::uint8_t> file,
                         bool compress) {
     const std::size_t k = static_cast<std::size_t>(&module - model.modules.data());
-    const std::string& old_name = plan.module_files[k];
     Rebuild out;
-    std::string script;
-    for (const inspect::ExtractedFile& f : plan.files) {
-        if (f.name == kScript) script.assign(f.bytes.begin(), f.bytes.end());
+    // The module's record takes the new file: compressed by the build, or stored as it
+    // is (nowcompressed) when the module is compressed and the file holds its stored data.
+    BuildDescription description = plan.description;
+    const inspect::ModuleEntryRef ref = plan.module_entries[k];
+    std::string* name = nullptr;
+    std::uint8_t* flags = nullptr;
+    if (ref.index != inspect::ModuleEntryRef::kNoEntry && ref.ebb) {
+        name = &description.EbbModuleList[ref.index].FileName;
+        flags = &description.EbbModuleList[ref.index].CompressionFlags;
+    } else if (ref.index != inspect::ModuleEntryRef::kNoEntry) {
+        name = &description.ModuleTable[ref.index].FileName;
+        flags = &description.ModuleTable[ref.index].CompressionFlags;
     }
-    script = old_name.empty() ? std::string() : EditScript(script, old_name, module.Compressed(), compress);
-    if (script.empty()) {
+    if (!name || name->empty()) {
         out.error = "the rebuild script names no file for " +
                     inspect::DescribeModule(model, module);
         return out;
     }
+    *name = kNewFile;
+    *flags &= static_cast<std::uint8_t>(~compression_flag::AlreadyCompressed);
+    if (module.Compressed() && !compress) *flags |= compression_flag::AlreadyCompressed;
+
     platform::MemoryFileSystem files;
     for (const inspect::ExtractedFile& f : plan.files) {
-        if (f.name != kScript) files.Put(f.name, f.bytes);
+        if (f.name != inspect::kRebuildScript) files.Put(f.name, f.bytes);
     }
     files.Put(kNewFile, std::vector<std::uint8_t>(file.begin(), file.end()));
-    files.Put(kScript, script);
+    files.Put(inspect::kRebuildScript, WriteBuildScript(description, plan.comments));
     BuildRequest request;
-    request.script = kScript;
+    request.script = inspect::kRebuildScript;
     request.output_path = ".";
     request.compatibility = plan.compatibility_form;
     const BuildResult built = RunBuild(files, request);
@@ -63,8 +54,11 @@ Rebuild RebuildWithFile(const inspect::ImageModel& model, const inspect::Extract
                                         : "the build stops with \"" + built.fatal + "\"";
         return out;
     }
-    if (const std::vector<std::uint8_t>* rom = files.Find(built.rom_file)) out.image = *rom;
-    else out.error = "the rebuild wrote no image";
+    if (const std::vector<std::uint8_t>* rom = files.Find(built.rom_file)) {
+        out.image = *rom;
+    } else {
+        out.error = "the rebuild wrote no image";
+    }
     return out;
 }
 

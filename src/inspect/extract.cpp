@@ -9,6 +9,7 @@
 #include "inspect/module_data.h"
 #include "platform/byte_order.h"
 #include "platform/text_format.h"
+#include "script/script_writer.h"
 
 namespace fwforge::inspect {
 namespace {
@@ -18,13 +19,6 @@ namespace rec = image_info_record;
 // The boot block file that fwforge reads is a 64 KB segment whose last BootBlockSize
 // bytes are the boot block; the bytes in front of it are never read.
 constexpr std::uint32_t kBootSegment = 0x10000;
-
-std::string Lower(std::string text) {
-    for (char& c : text) {
-        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-    }
-    return text;
-}
 
 // The tag stored in the boot block at BiosTagOffset, a zero-terminated text.
 std::string ReadTag(std::span<const std::uint8_t> image, const ImageModel& model) {
@@ -41,16 +35,6 @@ std::string ReadTag(std::span<const std::uint8_t> image, const ImageModel& model
     }
     return tag;
 }
-
-class ScriptWriter {
-  public:
-    void Line(const std::string& text) { text_ += text + "\r\n"; }
-    void Key(const char* key, const std::string& value) { Line(std::string(key) + " = " + value); }
-    const std::string& text() const { return text_; }
-
-  private:
-    std::string text_;
-};
 
 // The parent of the linked add-on ROM at chain position `i`: the nearest module before
 // it that is not a link.
@@ -148,11 +132,10 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
         plan.files.push_back({"imageinfo.inf", std::move(raw)});
     }
 
-    ScriptWriter s;
+    BuildDescription& d = plan.description;
     auto& lost = plan.lost;
-    s.Line("// Rebuild script written by fwforge-inspect. Run it from this folder:");
-    s.Line("//   fwforge . rebuild.scr");
-    std::string compat;
+    plan.comments = {"Rebuild script written by fwforge-inspect. Run it from this folder:",
+                     "  fwforge . rebuild.scr"};
     const std::uint8_t version =
         model.info.rom_image_version.value_or(model.main ? model.main->version : 0);
     const std::uint8_t flags =
@@ -160,13 +143,12 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
     if (model.main && model.main->version == 0 && model.main->flags == 0 &&
         (version != 0 || flags != 0)) {
         plan.compatibility_form = true;
-        s.Line("// The main BIOS header is in the compatibility form: add -c to the command.");
+        plan.comments.push_back(
+            "The main BIOS header is in the compatibility form: add -c to the command.");
         lost.push_back("the main BIOS header is in the compatibility form: run fwforge with -c");
     }
-    s.Line("");
 
     // Boot block.
-    s.Line("[init]");
     if (model.boot_block_size && *model.boot_block_size <= kBootSegment) {
         const std::uint32_t bb = *model.boot_block_size;
         std::vector<std::uint8_t> segment(kBootSegment, 0);
@@ -175,11 +157,10 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
     } else {
         lost.push_back("the boot block: its size is unknown or above 64 KB (give --bbsize)");
     }
-    s.Key("file", "bootblock.bin");
-    s.Key("checksumoffset", StrFormat("%08x", model.info.checksum_offset.value_or(0xE000)));
-    s.Key("biostagoffset", StrFormat("%08x", model.info.bios_tag_offset.value_or(0xFFE0)));
+    d.Init.BootBlockFile = "bootblock.bin";
+    if (model.info.checksum_offset) d.Init.ChecksumOffset = *model.info.checksum_offset;
+    if (model.info.bios_tag_offset) d.Init.BiosTagOffset = *model.info.bios_tag_offset;
     if (!model.info.checksum_offset) lost.push_back("checksum and tag offsets (defaults used)");
-    s.Line("");
 
     // Sizes.
     const std::uint32_t ebb = model.ebb ? model.ebb->length : 0;
@@ -198,20 +179,16 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
         lost.push_back("the BIOS tag (ROM used)");
         tag = "ROM";
     }
-    s.Line("[bios]");
-    s.Key("file", "rebuilt.rom");
-    s.Key("size", StrFormat("%08x", model.size));
-    s.Key("bbsize", StrFormat("%08x", model.boot_block_size.value_or(0)));
-    s.Key("nvramsize", StrFormat("%08x", nvram));
-    if (ebb) s.Key("maxebbsize", StrFormat("%08x", ebb));
-    s.Key("tag", Lower(tag));
-    s.Line("");
-    const bool force32 = (flags & rom_image_flag::Mode32Bit) && model.size <= 0x100000;
-    if (version != 0 || force32 || model.size > 0x100000) {
-        s.Line("[romimage]");
-        s.Key("version", StrFormat("%x", version));
-        if (force32) s.Key("force32", "yes");
-        s.Line("");
+    d.Bios.RomFile = kRebuiltRom;
+    d.Bios.BiosSize = model.size;
+    d.Bios.BootBlockSize = model.boot_block_size.value_or(0);
+    d.Bios.NvramSize = nvram;
+    d.Bios.MaxEbbSize = ebb;
+    d.Bios.BiosTag = tag;
+    d.RomImage.RomImageVersion = version;
+    if ((flags & rom_image_flag::Mode32Bit) || model.size > 0x100000) {
+        d.RomImage.Use32BitMode = true;
+        d.RomImage.RomImageFlags |= rom_image_flag::Mode32Bit;
     }
 
     // An uncompressed module may not be split by default, and the header records only
@@ -283,27 +260,50 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
         return false;
     };
 
-    // Modules: the EBB's first, so that the last [module] section of the script is a
-    // module of the main BIOS (the image information module takes the record after it).
-    auto write_module = [&](const std::vector<const Module*>& chain, std::size_t i,
-                            const std::string& region) {
+    // Modules: the EBB's first, then the main BIOS's, then each block's, each module
+    // directly followed by its linked add-on ROMs.
+    plan.module_entries.assign(model.modules.size(), ModuleEntryRef{});
+    auto add_module = [&](const std::vector<const Module*>& chain, std::size_t i,
+                          const std::string& region) {
         const Module& m = *chain[i];
         const std::size_t k = static_cast<std::size_t>(&m - model.modules.data());
-        s.Line("[module]");
-        s.Key("moduleid", StrFormat("%02x", m.header.id));
-        if (!m.Linked()) s.Key("file", module_files[k]);
-        if (m.header.id == kAddonRomModuleId) {
-            s.Key("vendorid", StrFormat("%04x", m.header.dest_offset));
-            s.Key("deviceid", StrFormat("%04x", m.header.dest_segment));
-        } else {
-            s.Key("destn", StrFormat("%04x:%04x", m.header.dest_segment, m.header.dest_offset));
+        ModuleHeaderImage header;
+        header.SetModuleId(m.header.id);
+        header.SetDestOffset(m.header.dest_offset);
+        header.SetDestSegment(m.header.dest_segment);
+        std::uint8_t attributes = m.header.attributes & module_attr::NotCompressed;
+        if (m.Contiguous()) attributes |= module_attr::ContiguousAttr;
+        const std::uint8_t compression =
+            m.Compressed() && !recompress[k] ? compression_flag::AlreadyCompressed : 0;
+        if (recompress[k]) {
+            lost.push_back(DescribeModule(model, m) +
+                           (m.header.id == kBootBlockStampModuleId
+                                ? ": given decompressed (it supplies the boot block stamp)"
+                                : ": given decompressed (its placement counts its compressed "
+                                  "size, which the stored data rounds away)") +
+                           "; the build compresses it again, and its encoder may choose other "
+                           "matches of the same meaning");
         }
+        header.SetModuleAttributes(attributes);
+        if (region == "EBB") {
+            EbbModuleRecord record;
+            record.FileName = module_files[k];
+            record.Header = header;
+            record.CompressionFlags = compression;
+            if (d.EbbModuleList.size() < kMaxEbbModules) {
+                plan.module_entries[k] = {true, d.EbbModuleList.size()};
+                d.EbbModuleList.push_back(std::move(record));
+            }
+            return;
+        }
+        ModuleEntry entry;
+        if (!m.Linked()) entry.FileName = module_files[k];
         if (m.Linked()) {
             const Module* parent = ParentOf(chain, i);
             if (parent) {
-                s.Key("link", m.link_without_bit ? "no" : "yes");
-                s.Key("linkvenid", StrFormat("%04x", parent->header.dest_offset));
-                s.Key("linkdevid", StrFormat("%04x", parent->header.dest_segment));
+                if (!m.link_without_bit) attributes |= module_attr::LinkedRom;
+                entry.LinkVendorId = parent->header.dest_offset;
+                entry.LinkDeviceId = parent->header.dest_segment;
                 for (std::size_t j = 0; j < chain.size() && chain[j] != parent; ++j) {
                     if (chain[j]->header.dest_offset == parent->header.dest_offset &&
                         chain[j]->header.dest_segment == parent->header.dest_segment) {
@@ -316,49 +316,53 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
             } else {
                 lost.push_back(DescribeModule(model, m) + ": linked add-on ROM without a parent");
             }
+            header.SetModuleAttributes(attributes);
         }
-        if (m.header.attributes & module_attr::NotCompressed) s.Key("compressed", "no");
-        if (m.Compressed() && !recompress[k]) s.Key("nowcompressed", "yes");
-        if (m.Contiguous()) {
-            s.Key("contiguous", "yes");
-        } else if (may_split(m)) {
-            s.Key("contiguous", "no");
-        }
+        entry.Header = header;
+        entry.CompressionFlags = compression;
+        entry.Contiguous =
+            m.Contiguous() || ((attributes & module_attr::NotCompressed) && !may_split(m));
         if (m.area == ModuleArea::Main) {
             for (const ImageInfoItemConstrained& c : model.info.constrained) {
                 if (c.insertion_index != m.index) continue;
-                if (c.alignment) s.Key("alignment", StrFormat("%x", c.alignment));
-                if (c.start_address != kEndOfChain)
-                    s.Key("startaddress", StrFormat("%08x", c.start_address));
+                if (c.alignment) {
+                    entry.Alignment = c.alignment;
+                    ++d.ConstrainedModuleCount;
+                }
+                if (c.start_address != kEndOfChain && d.RomHoleCount < d.RomHoleTable.size()) {
+                    // The reservation the script reader makes for a start address.
+                    entry.StartAddress = c.start_address;
+                    entry.HeaderAddress = c.start_address - std::uint32_t(module_header::kSize);
+                    entry.Contiguous = 1;
+                    entry.RomHoleIndex = static_cast<std::uint8_t>(d.RomHoleCount);
+                    RomHoleEntry& reservation = d.RomHoleTable[d.RomHoleCount++];
+                    reservation.StartAddress = entry.HeaderAddress & ~std::uint32_t{0xF};
+                    reservation.Filler = 0x00;
+                    reservation.OwnerModule = static_cast<std::uint8_t>(d.ModuleCount);
+                    ++d.FixedModuleCount;
+                    ++d.ConstrainedModuleCount;
+                }
             }
         }
         // A linked add-on ROM goes wherever its parent goes.
-        if (!region.empty() && !m.Linked()) s.Key("romregion", region);
-        s.Line("");
-        if (recompress[k]) {
-            lost.push_back(DescribeModule(model, m) +
-                           (m.header.id == kBootBlockStampModuleId
-                                ? ": given decompressed (it supplies the boot block stamp)"
-                                : ": given decompressed (its placement counts its compressed "
-                                  "size, which the stored data rounds away)") +
-                           "; the build compresses it again, and its encoder may choose other "
-                           "matches of the same meaning");
+        if (!m.Linked()) entry.RomRegion = region;
+        if (d.ModuleCount + 1 < d.ModuleTable.size()) {
+            plan.module_entries[k] = {false, d.ModuleCount};
+            d.ModuleTable[d.ModuleCount++] = std::move(entry);
         }
     };
     const auto ebb_modules = model.ModulesIn(ModuleArea::Ebb);
-    for (std::size_t i = 0; i < ebb_modules.size(); ++i) write_module(ebb_modules, i, "ebb");
+    for (std::size_t i = 0; i < ebb_modules.size(); ++i) add_module(ebb_modules, i, "EBB");
 
     auto main_modules = model.ModulesIn(ModuleArea::Main);
     if (model.info.module >= 0) main_modules.pop_back();  // built by fwforge itself
-    // The script reader puts each link directly after its parent, ahead of the links
-    // read before it, so a parent's links are written in the reverse of chain order.
     auto grouped = [](const std::vector<const Module*>& chain) {
         std::vector<std::vector<std::size_t>> groups;  // a module and its links
         for (std::size_t i = 0; i < chain.size();) {
             std::size_t j = i + 1;
             while (j < chain.size() && chain[j]->Linked()) ++j;
-            groups.push_back({i});
-            for (std::size_t l = j; l > i + 1; --l) groups.back().push_back(l - 1);
+            groups.push_back({});
+            for (std::size_t l = i; l < j; ++l) groups.back().push_back(l);
             i = j;
         }
         return groups;
@@ -386,34 +390,35 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
                      [&](const auto& a, const auto& b) { return listed_at(a) < listed_at(b); });
     for (std::size_t k = 0; k < slots.size(); ++k) groups[slots[k]] = listed[k];
     for (const auto& group : groups) {
-        for (std::size_t i : group) write_module(main_modules, i, "");
+        for (std::size_t i : group) add_module(main_modules, i, "");
     }
 
     for (std::size_t b = 0; b < model.ncbs.size(); ++b) {
         const auto block = model.ModulesIn(ModuleArea::Ncb, static_cast<int>(b));
         for (const auto& group : grouped(block)) {
-            for (std::size_t i : group) write_module(block, i, StrFormat("ncb%zu", b + 1));
+            for (std::size_t i : group) add_module(block, i, StrFormat("NCB%zu", b + 1));
         }
     }
 
     // ROM holes and non-critical blocks, from the image information module.
     int hole_number = 0, block_number = 0;
     for (const ImageInfoItemHole& hole : model.info.holes) {
-        s.Line(hole.kind == rec::kNonCriticalBlock ? "[noncriticalrom]" : "[romhole]");
+        if (d.RomHoleCount >= d.RomHoleTable.size()) break;
+        RomHoleEntry& entry = d.RomHoleTable[d.RomHoleCount++];
         if (hole.kind == rec::kNonCriticalBlock) {
-            s.Key("name", StrFormat("ncb%d", ++block_number));
+            entry.Name = StrFormat("NCB%d", ++block_number);
         } else if (hole.kind == rec::kFileHole &&
                    std::uint64_t(hole.start) + hole.size <= model.size) {
             const std::string name = StrFormat("romhole%d.bin", ++hole_number);
             plan.files.push_back(
                 {name, std::vector<std::uint8_t>(image.begin() + hole.start,
                                                  image.begin() + hole.start + hole.size)});
-            s.Key("file", name);
+            entry.FileName = name;
         }
-        if (hole.filler != 0xFF) s.Key("filler", StrFormat("%02x", hole.filler));
-        s.Key("startaddress", StrFormat("%08x", model.Address(hole.start)));
-        s.Key("size", StrFormat("%08x", hole.size));
-        s.Line("");
+        entry.Filler = hole.filler;
+        entry.StartAddress = model.Address(hole.start);
+        entry.Size = hole.size;
+        d.RomImage.RomImageFlags |= rom_image_flag::HasRomHoles;
     }
     if (!model.ncbs.empty())
         lost.push_back("the names of non-critical blocks (ncb1, ncb2, ... used)");
@@ -438,8 +443,8 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
         }
     }
     if (model.info.module >= 0) module_files[model.info.module].clear();
-    const std::string& text = s.text();
-    plan.files.push_back({"rebuild.scr", std::vector<std::uint8_t>(text.begin(), text.end())});
+    const std::string text = WriteBuildScript(d, plan.comments);
+    plan.files.push_back({kRebuildScript, std::vector<std::uint8_t>(text.begin(), text.end())});
     return plan;
 }
 

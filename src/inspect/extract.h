@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "inspect/image_model.h"
+#include "script/build_description.h"
 #include "inspect/verify.h"
 
 namespace fwforge::inspect {
@@ -16,6 +17,17 @@ namespace fwforge::inspect {
 struct ExtractedFile {
     std::string name;  // inside DIR
     std::vector<std::uint8_t> bytes;
+};
+
+inline constexpr const char* kRebuildScript = "rebuild.scr";
+inline constexpr const char* kRebuiltRom = "rebuilt.rom";  // the ROM file rebuild.scr names
+
+// A module's record in a build description: in the Extended Boot Block's list or in the
+// module table; none for the image information module, which the build makes itself.
+struct ModuleEntryRef {
+    static constexpr std::size_t kNoEntry = ~std::size_t{0};
+    bool ebb = false;
+    std::size_t index = kNoEntry;
 };
 
 struct ExtractPlan {
@@ -29,6 +41,11 @@ struct ExtractPlan {
     std::vector<std::string> module_files;
     // The main BIOS header is in the compatibility form: fwforge needs -c to rebuild it.
     bool compatibility_form = false;
+    // The build that rebuild.scr describes, with the comments at its top.
+    BuildDescription description;
+    std::vector<std::string> comments;
+    // For each module of the model, its record in the description.
+    std::vector<ModuleEntryRef> module_entries;
 };
 
 // Everything extract writes, without writing it.
