@@ -57,7 +57,8 @@ std::string ModuleFileName(const ImageModel& model, const Module& m, const char*
                      suffix);
 }
 
-ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& model) {
+ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& model,
+                        const ExtractChoices& choices) {
     ExtractPlan plan;
     std::vector<std::string>& module_files = plan.module_files;
     module_files.resize(model.modules.size());
@@ -105,8 +106,17 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
             const bool reserve_shows = model.gap_placement && m.area != ModuleArea::Ebb &&
                                        m.header.data_size == round4(decoded.total) &&
                                        round4(decoded.total + 2) != round4(decoded.total);
-            if ((m.header.id == kBootBlockStampModuleId && m.area != ModuleArea::Ebb) ||
-                reserve_shows) {
+            // Whether the reserve was there is a guess: a file given as compressed data
+            // (nowcompressed = yes) has none. A choice overrides it.
+            const bool stamp = m.header.id == kBootBlockStampModuleId && m.area != ModuleArea::Ebb;
+            bool again = stamp || reserve_shows;
+            if (reserve_shows && !stamp) {
+                plan.open_choices.push_back({i, OpenChoice::Recompress});
+                if (i < choices.recompress.size() && choices.recompress[i] >= 0) {
+                    again = choices.recompress[i] != 0;
+                }
+            }
+            if (again) {
                 module_files[i] = name;
                 recompress[i] = true;
             }
@@ -254,11 +264,24 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
         if (m.Compressed() || m.Linked() || m.Contiguous() || m.area != ModuleArea::Main)
             return false;
         if (m.Split()) return true;
+        const std::size_t at = static_cast<std::size_t>(&m - model.modules.data());
+        if (at < choices.splittable.size() && choices.splittable[at] >= 0) {
+            return choices.splittable[at] != 0;
+        }
         for (std::size_t k = later_pass; k < whole.size(); ++k) {
             if (main_chain[whole[k]] == &m) return true;
         }
         return false;
     };
+    if (model.gap_placement) {
+        for (std::size_t w : whole) {
+            const Module& m = *main_chain[w];
+            if (!m.Compressed() && !m.Contiguous()) {
+                plan.open_choices.push_back({static_cast<std::size_t>(&m - model.modules.data()),
+                                             OpenChoice::Splittable});
+            }
+        }
+    }
 
     // Modules: the EBB's first, then the main BIOS's, then each block's, each module
     // directly followed by its linked add-on ROMs.

@@ -30,6 +30,21 @@ struct ModuleEntryRef {
     std::size_t index = kNoEntry;
 };
 
+// What the image leaves open about one module, which a choice can decide otherwise.
+struct OpenChoice {
+    enum Kind { Recompress, Splittable };
+    std::size_t module;  // index into the model's modules
+    Kind kind;
+};
+
+// Decisions on open points, per module of the model (-1 or absent: the best guess).
+struct ExtractChoices {
+    // Given decompressed, for the build to compress again (1), or as stored (0).
+    std::vector<std::int8_t> recompress;
+    // An uncompressed module placed whole: splittable (1) or not (0).
+    std::vector<std::int8_t> splittable;
+};
+
 struct ExtractPlan {
     std::vector<ExtractedFile> files;  // rebuild.scr last
     std::vector<std::string> lost;     // what the image does not tell, for the report
@@ -46,10 +61,13 @@ struct ExtractPlan {
     std::vector<std::string> comments;
     // For each module of the model, its record in the description.
     std::vector<ModuleEntryRef> module_entries;
+    // What the image leaves open, for a search of the build that gives it back.
+    std::vector<OpenChoice> open_choices;
 };
 
 // Everything extract writes, without writing it.
-ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& model);
+ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& model,
+                        const ExtractChoices& choices = {});
 
 // The file name of a module's data ("m03_id12_f3f14.bin"); `suffix` ".bin" or ".lh5".
 std::string ModuleFileName(const ImageModel& model, const Module& m, const char* suffix);
