@@ -5,6 +5,7 @@
 #include "format/compressed_data_header.h"
 #include "format/image_info_records.h"
 #include "format/main_header_block.h"
+#include "format/module_room.h"
 #include "format/module_header.h"
 #include "inspect/module_data.h"
 #include "platform/byte_order.h"
@@ -63,6 +64,8 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
     std::vector<std::string>& module_files = plan.module_files;
     module_files.resize(model.modules.size());
     std::vector<bool> recompress(model.modules.size(), false);
+    // A stored size beyond what the compressed data needs was fixed by maxmodulesize.
+    std::vector<std::uint32_t> fixed_size(model.modules.size(), 0);
 
     std::uint64_t budget = ModuleByteBudget(model);
     for (std::size_t i = 0; i < model.modules.size(); ++i) {
@@ -93,6 +96,16 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
         module_files[i] = ModuleFileName(model, m, ".lh5");
         plan.files.push_back({module_files[i], stored});
         if (decoded.status == DecodeStatus::Ok) {
+            // (Sequential placement widens a module with an alignment instead.)
+            const bool aligned =
+                m.area == ModuleArea::Main &&
+                std::any_of(model.info.constrained.begin(), model.info.constrained.end(),
+                            [&](const ImageInfoItemConstrained& c) {
+                                return c.insertion_index == m.index && c.alignment != 0;
+                            });
+            if (!aligned && m.header.data_size > module_room::RoundUp4(decoded.total)) {
+                fixed_size[i] = m.header.data_size;
+            }
             const std::string name = ModuleFileName(model, m, ".bin");
             plan.files.push_back({name, std::move(decoded.bytes)});
             // The boot block stamp is read from the original file of module 1B, so
@@ -102,15 +115,18 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
             // when that reaches past the stored data (and no maximum size made the data
             // longer), a build from the stored data would take 4 bytes less room, and so
             // the module is compressed again too.
-            auto round4 = [](std::uint64_t v) { return (v + 3) & ~std::uint64_t(3); };
-            const bool reserve_shows = model.gap_placement && m.area != ModuleArea::Ebb &&
-                                       m.header.data_size == round4(decoded.total) &&
-                                       round4(decoded.total + 2) != round4(decoded.total);
+            using module_room::RoundUp4;
+            const bool reserve_shows =
+                model.gap_placement && m.area != ModuleArea::Ebb &&
+                m.header.data_size == RoundUp4(decoded.total) &&
+                RoundUp4(decoded.total + module_room::kCompressedReserve) !=
+                    RoundUp4(decoded.total);
             // Whether the reserve was there is a guess: a file given as compressed data
             // (nowcompressed = yes) has none. A choice overrides it.
             const bool stamp = m.header.id == kBootBlockStampModuleId && m.area != ModuleArea::Ebb;
-            bool again = stamp || reserve_shows;
-            if (reserve_shows && !stamp) {
+            bool again = stamp || reserve_shows ||
+                         (choices.recompress_all && model.gap_placement && m.area != ModuleArea::Ebb);
+            if (model.gap_placement && m.area != ModuleArea::Ebb && !stamp) {
                 plan.open_choices.push_back({i, OpenChoice::Recompress});
                 if (i < choices.recompress.size() && choices.recompress[i] >= 0) {
                     again = choices.recompress[i] != 0;
@@ -223,10 +239,12 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
             m.pieces.front().length >= compressed_data_header::TotalSize.end()) {
             const std::uint64_t total = load_le32(image.data() + m.pieces.front().offset +
                                                   compressed_data_header::TotalSize.offset);
-            size = std::max(size, (total + 2 + 3) & ~std::uint64_t(3));
+            size = std::max(size, module_room::RoundUp4(total + module_room::kCompressedReserve));
         }
         for (const ImageInfoItemConstrained& c : model.info.constrained) {
-            if (c.insertion_index == m.index && c.alignment) size += c.alignment - 4;
+            if (c.insertion_index == m.index) {
+                size += module_room::AlignmentReserve(c.alignment, model.gap_placement);
+            }
         }
         size += module_header::kSize;
         for (std::size_t j = i + 1; j < main_chain.size() && main_chain[j]->Linked(); ++j) {
@@ -313,6 +331,7 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
             record.FileName = module_files[k];
             record.Header = header;
             record.CompressionFlags = compression;
+            record.MaxModuleSize = fixed_size[k];
             if (d.EbbModuleList.size() < kMaxEbbModules) {
                 plan.module_entries[k] = {true, d.EbbModuleList.size()};
                 d.EbbModuleList.push_back(std::move(record));
@@ -343,6 +362,7 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
         }
         entry.Header = header;
         entry.CompressionFlags = compression;
+        entry.MaxModuleSize = fixed_size[k];
         entry.Contiguous =
             m.Contiguous() || ((attributes & module_attr::NotCompressed) && !may_split(m));
         if (m.area == ModuleArea::Main) {

@@ -43,6 +43,10 @@ struct ExtractChoices {
     std::vector<std::int8_t> recompress;
     // An uncompressed module placed whole: splittable (1) or not (0).
     std::vector<std::int8_t> splittable;
+    // The default for every compressed module that unpacks, in gap placement: given
+    // decompressed, so that the build compresses all of them again in the order it
+    // did, with the same encoder window from run to run.
+    bool recompress_all = false;
 };
 
 struct ExtractPlan {

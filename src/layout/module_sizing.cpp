@@ -1,5 +1,6 @@
 #include "layout/module_sizing.h"
 
+#include "format/module_room.h"
 #include "layout/module_chain.h"
 #include "layout/module_data.h"
 #include "platform/text_format.h"
@@ -61,7 +62,7 @@ void SizeModule(BuildContext& ctx, std::uint32_t index) {
         const lzh::CompressResult result = CompressInPlace(ctx, buffer, n);
         // Sizing counts two bytes beyond the compressed total; insertion stores the total
         // alone, so the reserve shows only in PlacedSize (and in the room it reserves).
-        s = result.total + 2;
+        s = result.total + module_room::kCompressedReserve;
         // An encoder stopped by its output bound before the end of the input leaves a
         // stream that does not decode to the file; such a module is stored as it is.
         const bool cut_off = result.stopped && result.consumed < n;
@@ -77,16 +78,9 @@ void SizeModule(BuildContext& ctx, std::uint32_t index) {
         ctx.diag.Fatal("MaxModuleSize is too small for this module");
     }
     if (m.MaxModuleSize != 0) s = m.MaxModuleSize;
-    s = (s + 3) & ~3u;
-    if (m.Alignment != 0) {
-        // Room for moving the data start up to the next multiple of Alignment. Rooms
-        // start on multiples of 4, so a multiple of 4 never needs more than
-        // Alignment - 4 bytes; in gap placement any other alignment can need
-        // Alignment - 1, and gets it so that the shift stays inside the room reserved.
-        // (Sequential placement widens the module itself when it inserts it.)
-        const bool sequential = desc.RomHoleCount == 0;
-        s = s + m.Alignment - (m.Alignment % 4 == 0 || sequential ? 4 : 1);
-    }
+    s = static_cast<std::uint32_t>(module_room::RoundUp4(s));
+    // Wraps in 32 bits like the sizes above.
+    s += module_room::AlignmentReserve(m.Alignment, desc.RomHoleCount != 0);
     m.PlacedSize = s + kHeader;
 
     if (m.RomHoleIndex != kNoIndex && m.RomHoleIndex < desc.RomHoleTable.size()) {

@@ -20,27 +20,29 @@ std::string FirstDifference(std::span<const std::uint8_t> image, const Built& bu
                      model.Address(offset), offset);
 }
 
-// How far a rebuilt image is from the original: the modules whose header, stored size
-// or pieces lie elsewhere, then one more when the bytes still differ.
-std::size_t Distance(std::span<const std::uint8_t> image, const inspect::ImageModel& model,
-                     const Built& built) {
-    if (built.image.size() != image.size()) return ~std::size_t{0};
-    if (std::equal(image.begin(), image.end(), built.image.begin())) return 0;
+// How far a rebuilt image is from the original: first the modules whose header, stored
+// size or pieces lie elsewhere, then the bytes that differ.
+std::uint64_t Distance(std::span<const std::uint8_t> image, const inspect::ImageModel& model,
+                       const Built& built) {
+    if (built.image.size() != image.size()) return ~std::uint64_t{0};
+    std::uint64_t bytes = 0;
+    for (std::size_t i = 0; i < image.size(); ++i) bytes += image[i] != built.image[i];
+    if (bytes == 0) return 0;
     const inspect::ImageModel other = inspect::ReadImage(built.image, {});
-    std::size_t distance = 1 + (other.modules.size() != model.modules.size());
+    std::uint64_t modules = 1 + (other.modules.size() != model.modules.size());
     for (std::size_t i = 0; i < model.modules.size() && i < other.modules.size(); ++i) {
         const inspect::Module& a = model.modules[i];
         const inspect::Module& b = other.modules[i];
         const bool same = a.header.offset == b.header.offset &&
                           a.header.data_size == b.header.data_size &&
-                          a.pieces.size() == b.pieces.size() &&
                           std::equal(a.pieces.begin(), a.pieces.end(), b.pieces.begin(),
+                                     b.pieces.end(),
                                      [](const inspect::Piece& x, const inspect::Piece& y) {
                                          return x.offset == y.offset && x.length == y.length;
                                      });
-        distance += !same;
+        modules += !same;
     }
-    return distance;
+    return (modules << 32) + bytes;
 }
 
 // What the first candidate decided at an open point.
@@ -54,7 +56,7 @@ std::int8_t Guess(const inspect::ExtractPlan& plan, const inspect::OpenChoice& p
 }
 
 // Builds tried at most for one image.
-constexpr int kMostCandidates = 48;
+constexpr int kMostCandidates = 64;
 
 }  // namespace
 
@@ -85,7 +87,7 @@ Built BuildInMemory(const inspect::ExtractPlan& plan, const BuildDescription& de
 Reconstruction Reconstruct(std::span<const std::uint8_t> image, const inspect::ImageModel& model) {
     Reconstruction out;
     inspect::ExtractChoices choices;
-    auto attempt = [&](const inspect::ExtractChoices& c, std::size_t& distance) {
+    auto attempt = [&](const inspect::ExtractChoices& c, std::uint64_t& distance) {
         inspect::ExtractPlan plan = inspect::PlanExtract(image, model, c);
         const Built built = BuildInMemory(plan, plan.description);
         ++out.candidates_tried;
@@ -97,30 +99,37 @@ Reconstruction Reconstruct(std::span<const std::uint8_t> image, const inspect::I
         }
         return distance == 0;
     };
-    std::size_t best = 0;
-    if (attempt(choices, best)) return out;
     // Each open point decided the other way in turn; a decision that brings the rebuilt
-    // image closer is kept, until the image comes back or no decision helps.
+    // image closer is kept, until the image comes back or no decision helps. The search
+    // starts from the best guesses, then from every compressed module compressed again.
+    std::uint64_t best = 0;
+    if (attempt(choices, best) || !model.gap_placement) return out;
     const std::vector<inspect::OpenChoice> open = out.plan.open_choices;
-    choices.recompress.assign(model.modules.size(), -1);
-    choices.splittable.assign(model.modules.size(), -1);
-    for (bool improved = true; improved && out.candidates_tried < kMostCandidates;) {
-        improved = false;
-        for (const inspect::OpenChoice& point : open) {
-            if (out.candidates_tried >= kMostCandidates) break;
-            std::vector<std::int8_t>& slot = point.kind == inspect::OpenChoice::Recompress
-                                                 ? choices.recompress
-                                                 : choices.splittable;
-            const std::int8_t before = slot[point.module];
-            const std::int8_t guess = Guess(out.plan, point);
-            slot[point.module] = static_cast<std::int8_t>((before < 0 ? guess : before) ? 0 : 1);
-            std::size_t distance = 0;
-            if (attempt(choices, distance)) return out;
-            if (distance < best) {
-                best = distance;
-                improved = true;
-            } else {
-                slot[point.module] = before;
+    for (const bool all : {false, true}) {
+        choices = {};
+        choices.recompress_all = all;
+        choices.recompress.assign(model.modules.size(), -1);
+        choices.splittable.assign(model.modules.size(), -1);
+        if (all && attempt(choices, best)) return out;
+        const inspect::ExtractPlan start = inspect::PlanExtract(image, model, choices);
+        for (bool improved = true; improved && out.candidates_tried < kMostCandidates;) {
+            improved = false;
+            for (const inspect::OpenChoice& point : open) {
+                if (out.candidates_tried >= kMostCandidates) break;
+                std::vector<std::int8_t>& slot = point.kind == inspect::OpenChoice::Recompress
+                                                     ? choices.recompress
+                                                     : choices.splittable;
+                const std::int8_t before = slot[point.module];
+                const std::int8_t now = before < 0 ? Guess(start, point) : before;
+                slot[point.module] = static_cast<std::int8_t>(now ? 0 : 1);
+                std::uint64_t distance = 0;
+                if (attempt(choices, distance)) return out;
+                if (distance < best) {
+                    best = distance;
+                    improved = true;
+                } else {
+                    slot[point.module] = before;
+                }
             }
         }
     }
