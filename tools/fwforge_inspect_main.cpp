@@ -14,6 +14,7 @@
 
 #include "edit/replace_cli.h"
 #include "inspect/inspect_cli.h"
+#include "rebuild/extract_cli.h"
 
 namespace {
 
@@ -137,7 +138,8 @@ int main(int argc, char** argv) {
     } else {
         inspect.command = app.get_subcommands().front()->get_name();
         if (reading.Apply(inspect.options)) {
-            status = fwforge::inspect::RunCommand(inspect, std::cout);
+            status = inspect.command == "extract" ? fwforge::rebuild::RunExtract(inspect, std::cout)
+                                                  : fwforge::inspect::RunCommand(inspect, std::cout);
         }
     }
     std::cout.flush();

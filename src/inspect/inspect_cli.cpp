@@ -6,7 +6,6 @@
 #include <vector>
 
 #include "inspect/diff.h"
-#include "inspect/extract.h"
 #include "inspect/image_model.h"
 #include "inspect/map.h"
 #include "inspect/report.h"
@@ -18,9 +17,12 @@
 namespace fwforge::inspect {
 namespace {
 
-constexpr int kOk = 0;
-constexpr int kProblems = 1;
-constexpr int kUnusable = 2;
+constexpr int kOk = kStatusOk;
+constexpr int kProblems = kStatusProblems;
+constexpr int kUnusable = kStatusUnusable;
+
+
+}  // namespace
 
 std::optional<std::vector<std::uint8_t>> LoadImage(const std::string& name, std::ostream& out) {
     platform::WholeFile file = platform::ReadWholeFile(name);
@@ -40,53 +42,6 @@ std::optional<std::vector<std::uint8_t>> LoadImage(const std::string& name, std:
     return std::nullopt;
 }
 
-int RunExtract(std::span<const std::uint8_t> image, const ImageModel& model, const std::string& dir,
-               std::ostream& out) {
-    if (!model.main) {
-        for (const Finding& f : model.problems)
-            out << "PROBLEM: " << f.where << ": " << f.what << "\n";
-        return kUnusable;
-    }
-    std::error_code error;
-    std::filesystem::create_directories(platform::ToHostSeparators(dir), error);
-    if (error) {
-        out << "fwforge-inspect: cannot create folder " << dir << ": " << error.message() << "\n";
-        return kUnusable;
-    }
-    const ExtractPlan plan = PlanExtract(image, model);
-    int status = kOk;
-    for (const ExtractedFile& f : plan.files) {
-        const std::string path = platform::ComposeOutputName(dir, f.name);
-        auto file = platform::OutputFile::Create(path);
-        if (!file || !file->Write(f.bytes)) {
-            out << "fwforge-inspect: cannot write " << path << "\n";
-            return kUnusable;
-        }
-        out << StrFormat("  %-28s %8zx bytes\n", f.name.c_str(), f.bytes.size());
-    }
-    out << StrFormat("extract: %zu files written to %s\n", plan.files.size(), dir.c_str());
-    if (!plan.lost.empty()) {
-        out << "Not recovered from the image (rebuild.scr comes as close as it can):\n";
-        for (const std::string& l : plan.lost) out << "  - " << l << "\n";
-    }
-    for (const Finding& f : model.problems) {
-        out << "PROBLEM: " << f.where << ": " << f.what << "\n";
-        status = kProblems;
-    }
-    for (const Finding& f : plan.problems) {
-        out << "PROBLEM: " << f.where << ": " << f.what << "\n";
-        status = kProblems;
-    }
-    for (const CannotUnpack& c : plan.cannot_unpack) {
-        out << "CANNOT UNPACK: " << c.module << ": " << c.reason << "; " << c.change
-            << " (its stored data is written as .lh5)\n";
-        if (status == kOk) status = kVerifyCannotUnpack;
-    }
-    return status;
-}
-
-}  // namespace
-
 int RunCommand(const Command& cl, std::ostream& out) {
     auto image = LoadImage(cl.image, out);
     if (!image) return kUnusable;
@@ -104,7 +59,6 @@ int RunCommand(const Command& cl, std::ostream& out) {
         out << (cl.json ? VerifyJson(report) : VerifyText(report));
         return report.Status();
     }
-    if (cl.command == "extract") return RunExtract(*image, model, cl.argument, out);
     if (cl.command == "diff") {
         auto other = LoadImage(cl.argument, out);
         if (!other) return kUnusable;

@@ -6,7 +6,10 @@
 // extract for an image that is intact as built but holds compressed modules that
 // cannot be unpacked.
 
+#include <cstdint>
+#include <optional>
 #include <ostream>
+#include <vector>
 #include <string>
 
 #include "inspect/image_model.h"
@@ -24,5 +27,13 @@ struct Command {
 };
 
 int RunCommand(const Command& command, std::ostream& out);
+
+// The image file read whole; nothing, and a line on `out` that says why, when it cannot be.
+std::optional<std::vector<std::uint8_t>> LoadImage(const std::string& name, std::ostream& out);
+
+// Exit statuses of fwforge-inspect.
+inline constexpr int kStatusOk = 0;
+inline constexpr int kStatusProblems = 1;
+inline constexpr int kStatusUnusable = 2;
 
 }  // namespace fwforge::inspect

@@ -57,6 +57,8 @@ std::int8_t Guess(const inspect::ExtractPlan& plan, const inspect::OpenChoice& p
 
 // Builds tried at most for one image.
 constexpr int kMostCandidates = 64;
+// Open points of an image few enough for every pair of them to be tried.
+constexpr std::size_t kMostPairedPoints = 10;
 
 }  // namespace
 
@@ -104,7 +106,8 @@ Reconstruction Reconstruct(std::span<const std::uint8_t> image, const inspect::I
     // starts from the best guesses, then from every compressed module compressed again.
     std::uint64_t best = 0;
     if (attempt(choices, best) || !model.gap_placement) return out;
-    const std::vector<inspect::OpenChoice> open = out.plan.open_choices;
+    const inspect::ExtractPlan first = out.plan;
+    const std::vector<inspect::OpenChoice>& open = first.open_choices;
     for (const bool all : {false, true}) {
         choices = {};
         choices.recompress_all = all;
@@ -130,6 +133,24 @@ Reconstruction Reconstruct(std::span<const std::uint8_t> image, const inspect::I
                 } else {
                     slot[point.module] = before;
                 }
+            }
+        }
+    }
+    // Two points decided otherwise at once, for the few open points of a small image.
+    if (open.size() <= kMostPairedPoints) {
+        for (std::size_t a = 0; a < open.size(); ++a) {
+            for (std::size_t b = a + 1; b < open.size(); ++b) {
+                choices = {};
+                choices.recompress.assign(model.modules.size(), -1);
+                choices.splittable.assign(model.modules.size(), -1);
+                for (const inspect::OpenChoice& point : {open[a], open[b]}) {
+                    auto& slot = point.kind == inspect::OpenChoice::Recompress
+                                     ? choices.recompress
+                                     : choices.splittable;
+                    slot[point.module] = static_cast<std::int8_t>(Guess(first, point) ? 0 : 1);
+                }
+                std::uint64_t distance = 0;
+                if (attempt(choices, distance)) return out;
             }
         }
     }
