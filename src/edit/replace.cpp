@@ -6,6 +6,7 @@
 #include "edit/module_selector.h"
 #include "edit/rebuild_with_file.h"
 #include "edit/replace_in_place.h"
+#include "rebuild/rebuild.h"
 #include "format/main_header_block.h"
 #include "format/module_header.h"
 #include "inspect/extract.h"
@@ -35,11 +36,6 @@ std::string Unreplaceable(const ImageModel& model, const Module& module) {
         return name + " is the header of a linked add-on ROM and has no data of its own; "
                       "replace the add-on ROM it follows";
     }
-    if (module.Split()) {
-        return StrFormat("%s is split across %zu gaps; a split module is not replaced in "
-                         "place: rebuild the image with `extract`'s rebuild.scr and the new file",
-                         name.c_str(), module.pieces.size());
-    }
     if (&module - model.modules.data() == model.info.module) {
         return name + " is the image information module, which describes the build and is "
                       "written by fwforge itself";
@@ -47,10 +43,20 @@ std::string Unreplaceable(const ImageModel& model, const Module& module) {
     return {};
 }
 
-// The module at the same place of the same chain in another reading of the image.
+// The module in another reading of the image: at the same place of the same chain, or,
+// where a rebuild placed the modules anew, the first of that chain with its id and
+// destination.
 const Module* Counterpart(const ImageModel& model, const Module& module) {
+    auto same_kind = [&](const Module& m) {
+        return m.area == module.area && m.block == module.block &&
+               m.header.id == module.header.id && m.header.dest_offset == module.header.dest_offset &&
+               m.header.dest_segment == module.header.dest_segment && !m.Linked();
+    };
     for (const Module& m : model.modules) {
-        if (m.area == module.area && m.block == module.block && m.index == module.index) return &m;
+        if (same_kind(m) && m.index == module.index) return &m;
+    }
+    for (const Module& m : model.modules) {
+        if (same_kind(m)) return &m;
     }
     return nullptr;
 }
@@ -154,18 +160,30 @@ ReplaceOutcome ReplaceModule(std::span<const std::uint8_t> image, const ReplaceR
     const bool compress = module.Compressed() && !request.as_is;
 
     std::vector<std::uint8_t> result;
-    if (!model.gap_placement) {
-        const inspect::ExtractPlan plan = inspect::PlanExtract(image, model);
-        Rebuild rebuild = RebuildWithFile(model, plan, module, request.file, compress);
-        if (rebuild.error.empty()) rebuild.error = CheckUnmoved(image, rebuild.image, model, module);
-        if (!rebuild.error.empty()) {
-            out.error = StrFormat("%s with %s: %s", name.c_str(), request.file_name.c_str(),
-                                  rebuild.error.c_str());
-            return out;
+    // Built again from what extract recovers, with the new file: everything the module's
+    // change moves moves as the build moves it.
+    auto rebuild = [&]() -> bool {
+        const rebuild::Reconstruction recovered = rebuild::Reconstruct(image, model);
+        Rebuild rebuilt = RebuildWithFile(model, recovered.plan, module, request.file, compress);
+        if (rebuilt.error.empty() && !model.gap_placement) {
+            rebuilt.error = CheckUnmoved(image, rebuilt.image, model, module);
         }
-        result = std::move(rebuild.image);
+        if (!rebuilt.error.empty()) {
+            out.error = StrFormat("%s with %s: %s", name.c_str(), request.file_name.c_str(),
+                                  rebuilt.error.c_str());
+            return false;
+        }
+        result = std::move(rebuilt.image);
         out.report.push_back("the image is built again from what `extract` recovers, "
                              "with the new file");
+        if (!recovered.exact) {
+            out.report.push_back("(rebuild.scr does not give back the image itself byte for "
+                                 "byte: " + recovered.difference + ")");
+        }
+        return true;
+    };
+    if (!model.gap_placement || module.Split()) {
+        if (!rebuild()) return out;
     } else {
         std::vector<std::uint8_t> data = request.file;
         if (compress) {
@@ -181,12 +199,13 @@ ReplaceOutcome ReplaceModule(std::span<const std::uint8_t> image, const ReplaceR
             return out;
         }
         result.assign(image.begin(), image.end());
-        if (std::string error = ReplaceInPlace(result, model, module, std::move(data), stamp);
-            !error.empty()) {
-            out.error = std::move(error);
-            return out;
+        if (std::string no_room = ReplaceInPlace(result, model, module, std::move(data), stamp);
+            no_room.empty()) {
+            out.report.push_back("the new data is written in place; nothing else moves");
+        } else {
+            out.report.push_back(no_room);
+            if (!rebuild()) return out;
         }
-        out.report.push_back("the new data is written in place; nothing else moves");
     }
 
     const ImageModel after = inspect::ReadImage(result, request.options);

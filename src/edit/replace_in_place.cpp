@@ -87,9 +87,7 @@ std::string ReplaceInPlace(std::vector<std::uint8_t>& image, const ImageModel& m
     if (new_size > std::uint64_t(old_size) + free) {
         return StrFormat(
             "%s: the new data takes %llx bytes, but the module has room for %x bytes only "
-            "(its %x stored bytes and the %x free bytes directly after them); nothing moves "
-            "in an image of gap placement: rebuild it with `extract`'s rebuild.scr and the "
-            "new file",
+            "(its %x stored bytes and the %x free bytes directly after them)",
             inspect::DescribeModule(model, module).c_str(),
             static_cast<unsigned long long>(new_size), old_size + free, old_size, free);
     }

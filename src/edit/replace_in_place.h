@@ -16,8 +16,8 @@ namespace fwforge::edit {
 // `image`, which `model` describes, and seals again what covers it: the module header,
 // the headers of its linked add-on ROMs, the main BIOS header's region, or the header
 // of the Extended Boot Block or non-critical block that holds it. A `stamp` goes into the
-// main BIOS header as its boot block stamp. Returns an error, and leaves `image` as it
-// was, when the data does not fit.
+// main BIOS header as its boot block stamp. Returns why, and leaves `image` as it was,
+// when the data does not fit the module's room.
 std::string ReplaceInPlace(std::vector<std::uint8_t>& image, const inspect::ImageModel& model,
                            const inspect::Module& module, std::vector<std::uint8_t> data,
                            std::optional<std::uint32_t> stamp);
