@@ -1,8 +1,6 @@
 #include "edit/rebuild_with_file.h"
 
-#include "driver/build_run.h"
-#include "platform/file_system.h"
-#include "script/script_writer.h"
+#include "rebuild/rebuild.h"
 
 namespace fwforge::edit {
 namespace {
@@ -38,27 +36,10 @@ Rebuild RebuildWithFile(const inspect::ImageModel& model, const inspect::Extract
     *flags &= static_cast<std::uint8_t>(~compression_flag::AlreadyCompressed);
     if (module.Compressed() && !compress) *flags |= compression_flag::AlreadyCompressed;
 
-    platform::MemoryFileSystem files;
-    for (const inspect::ExtractedFile& f : plan.files) {
-        if (f.name != inspect::kRebuildScript) files.Put(f.name, f.bytes);
-    }
-    files.Put(kNewFile, std::vector<std::uint8_t>(file.begin(), file.end()));
-    files.Put(inspect::kRebuildScript, WriteBuildScript(description, plan.comments));
-    BuildRequest request;
-    request.script = inspect::kRebuildScript;
-    request.output_path = ".";
-    request.compatibility = plan.compatibility_form;
-    const BuildResult built = RunBuild(files, request);
-    if (!built.Completed()) {
-        out.error = built.fatal.empty() ? "the build stopped: " + built.error_output
-                                        : "the build stops with \"" + built.fatal + "\"";
-        return out;
-    }
-    if (const std::vector<std::uint8_t>* rom = files.Find(built.rom_file)) {
-        out.image = *rom;
-    } else {
-        out.error = "the rebuild wrote no image";
-    }
+    const rebuild::Built built = rebuild::BuildInMemory(
+        plan, description, {{kNewFile, std::vector<std::uint8_t>(file.begin(), file.end())}});
+    out.image = built.image;
+    out.error = built.error;
     return out;
 }
 

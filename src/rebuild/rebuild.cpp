@@ -12,7 +12,7 @@ namespace {
 
 std::string FirstDifference(std::span<const std::uint8_t> image, const Built& built,
                             const inspect::ImageModel& model) {
-    if (built.image.empty()) return "the build stops with \"" + built.error + "\"";
+    if (built.image.empty()) return built.error;
     if (built.image.size() != image.size()) return "the rebuilt image has another size";
     const auto at = std::mismatch(image.begin(), image.end(), built.image.begin()).first;
     const auto offset = static_cast<std::uint32_t>(at - image.begin());
@@ -77,11 +77,12 @@ Built BuildInMemory(const inspect::ExtractPlan& plan, const BuildDescription& de
     const BuildResult result = RunBuild(files, request);
     Built built;
     if (!result.Completed()) {
-        built.error = result.fatal.empty() ? result.error_output : result.fatal;
+        built.error = result.fatal.empty() ? "the build stopped: " + result.error_output
+                                           : "the build stops with \"" + result.fatal + "\"";
     } else if (const std::vector<std::uint8_t>* rom = files.Find(result.rom_file)) {
         built.image = *rom;
     } else {
-        built.error = "the build wrote no image";
+        built.error = "the rebuild wrote no image";
     }
     return built;
 }

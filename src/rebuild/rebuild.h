@@ -18,7 +18,7 @@ namespace fwforge::rebuild {
 
 struct Built {
     std::vector<std::uint8_t> image;  // empty when the build stopped
-    std::string error;                // the build's fatal message, or why nothing came back
+    std::string error;                // why it stopped, in a few words
 };
 
 // Builds `description` in memory from the files of `plan`, plus `extra` files.
