@@ -10,6 +10,10 @@
 #            to run the Windows programs (scripts/windows-check.sh)
 #   fuzz     clang and its sanitizer runtime for the fuzz targets, and the header packages
 #   browser  headless Chromium, Node.js and npm for the check of the HTML map
+#   package  the packages and their check: the tools' build, git for the commit in the
+#            version, dpkg-dev and file (CPack finds the Debian package's dependencies
+#            with them), groff to render the manual pages, man and bash-completion to try
+#            the installed package
 set -euo pipefail
 
 declare -A group=(
@@ -19,6 +23,7 @@ declare -A group=(
     [windows]="cmake make g++-mingw-w64-x86-64-posix googletest wine wine64"
     [fuzz]="cmake make clang libclang-rt-dev libcli11-dev nlohmann-json3-dev"
     [browser]="chromium nodejs npm"
+    [package]="cmake g++ make libcli11-dev nlohmann-json3-dev git dpkg-dev file groff-base man-db bash-completion"
 )
 
 packages=()

@@ -1,6 +1,7 @@
 # Installs the build in BIN into a fresh prefix and checks what arrives there: the three
 # programs in bin/ and their manual pages in share/man/man1/, each of which man (or, where
-# man is missing, groff) renders without a warning.
+# man is missing, groff) renders without a warning; the helper tools' completion (bash,
+# or PowerShell on Windows), README.md and LICENSE.
 #   cmake -DBIN=BUILD_DIR -DEXE_SUFFIX=.exe -P check_install.cmake
 set(prefix ${BIN}/install-check)
 file(REMOVE_RECURSE ${prefix})
@@ -9,6 +10,20 @@ execute_process(COMMAND ${CMAKE_COMMAND} --install ${BIN} --prefix ${prefix}
 if(NOT status EQUAL 0)
   message(FATAL_ERROR "cmake --install ${BIN} --prefix ${prefix} failed: ${error}")
 endif()
+
+set(others ${prefix}/share/doc/fwforge/README.md ${prefix}/share/doc/fwforge/LICENSE)
+if(EXE_SUFFIX STREQUAL ".exe")
+  list(APPEND others ${prefix}/bin/fwforge.ps1)
+else()
+  foreach(tool fwforge-inspect fwforge-lzh)
+    list(APPEND others ${prefix}/share/bash-completion/completions/${tool})
+  endforeach()
+endif()
+foreach(file ${others})
+  if(NOT EXISTS ${file})
+    message(FATAL_ERROR "not installed: ${file}")
+  endif()
+endforeach()
 
 find_program(MAN man)
 find_program(GROFF groff)
