@@ -12,9 +12,9 @@
 namespace fwforge {
 
 struct BuildRequest {
-    std::string script;       // the build script's name in the file system
-    std::string output_path;  // where the .int and .inf files go (OutputPath)
-    bool verbose = false;     // -v
+    std::string script;          // the build script's name in the file system
+    std::string output_path;     // where the .int and .inf files go (OutputPath)
+    bool verbose = false;        // -v
     bool compatibility = false;  // -c
     // Threads that compress modules ahead of the layout, and whether a module's second
     // compression reuses its first; the output is the same bytes either way.

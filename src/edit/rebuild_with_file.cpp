@@ -28,8 +28,8 @@ Rebuild RebuildWithFile(const inspect::ImageModel& model, const inspect::Extract
         flags = &description.ModuleTable[ref.index].CompressionFlags;
     }
     if (!name || name->empty()) {
-        out.error = "the rebuild script names no file for " +
-                    inspect::DescribeModule(model, module);
+        out.error =
+            "the rebuild script names no file for " + inspect::DescribeModule(model, module);
         return out;
     }
     *name = kNewFile;

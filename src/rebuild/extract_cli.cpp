@@ -46,8 +46,8 @@ int Extract(std::span<const std::uint8_t> image, const ImageModel& model, const 
     if (rebuilt.exact) {
         out << "rebuild.scr builds this image again byte for byte (built and compared)\n";
     } else {
-        out << "rebuild.scr does not build this image again byte for byte: "
-            << rebuilt.difference << "\n";
+        out << "rebuild.scr does not build this image again byte for byte: " << rebuilt.difference
+            << "\n";
     }
     if (!plan.lost.empty()) {
         out << "Not recovered from the image (rebuild.scr comes as close as it can):\n";

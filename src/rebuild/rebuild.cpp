@@ -33,13 +33,12 @@ std::uint64_t Distance(std::span<const std::uint8_t> image, const inspect::Image
     for (std::size_t i = 0; i < model.modules.size() && i < other.modules.size(); ++i) {
         const inspect::Module& a = model.modules[i];
         const inspect::Module& b = other.modules[i];
-        const bool same = a.header.offset == b.header.offset &&
-                          a.header.data_size == b.header.data_size &&
-                          std::equal(a.pieces.begin(), a.pieces.end(), b.pieces.begin(),
-                                     b.pieces.end(),
-                                     [](const inspect::Piece& x, const inspect::Piece& y) {
-                                         return x.offset == y.offset && x.length == y.length;
-                                     });
+        const bool same =
+            a.header.offset == b.header.offset && a.header.data_size == b.header.data_size &&
+            std::equal(a.pieces.begin(), a.pieces.end(), b.pieces.begin(), b.pieces.end(),
+                       [](const inspect::Piece& x, const inspect::Piece& y) {
+                           return x.offset == y.offset && x.length == y.length;
+                       });
         modules += !same;
     }
     return (modules << 32) + bytes;
@@ -145,9 +144,8 @@ Reconstruction Reconstruct(std::span<const std::uint8_t> image, const inspect::I
                 choices.recompress.assign(model.modules.size(), -1);
                 choices.splittable.assign(model.modules.size(), -1);
                 for (const inspect::OpenChoice& point : {open[a], open[b]}) {
-                    auto& slot = point.kind == inspect::OpenChoice::Recompress
-                                     ? choices.recompress
-                                     : choices.splittable;
+                    auto& slot = point.kind == inspect::OpenChoice::Recompress ? choices.recompress
+                                                                               : choices.splittable;
                     slot[point.module] = static_cast<std::int8_t>(Guess(first, point) ? 0 : 1);
                 }
                 std::uint64_t distance = 0;

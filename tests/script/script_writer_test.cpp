@@ -2,6 +2,8 @@
 // written out and read again, gives an equal build description, and the written script
 // builds the same image.
 
+#include "script/script_writer.h"
+
 #include <gtest/gtest.h>
 
 #include <sstream>
@@ -9,7 +11,6 @@
 #include "driver/build_run.h"
 #include "platform/text_format.h"
 #include "script/script_reader.h"
-#include "script/script_writer.h"
 #include "support/random_script.h"
 
 namespace fwforge {
