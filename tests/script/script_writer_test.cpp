@@ -12,6 +12,7 @@
 #include "platform/text_format.h"
 #include "script/script_reader.h"
 #include "support/random_script.h"
+#include "support/sanitizer.h"
 
 namespace fwforge {
 namespace {
@@ -19,18 +20,8 @@ namespace {
 namespace fs = std::filesystem;
 using namespace fwforge::testing;
 
-// A sanitizer build runs each build many times slower; it takes every third seed.
-#if defined(__SANITIZE_ADDRESS__)
-constexpr std::uint32_t kSeedStep = 3;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-constexpr std::uint32_t kSeedStep = 3;
-#else
-constexpr std::uint32_t kSeedStep = 1;
-#endif
-#else
-constexpr std::uint32_t kSeedStep = 1;
-#endif
+// A sanitizer build takes every third seed.
+constexpr std::uint32_t kSeedStep = kSanitized ? 3 : 1;
 
 bool Parse(platform::FileSystem& files, const std::string& script, BuildDescription& out) {
     std::ostringstream console;
