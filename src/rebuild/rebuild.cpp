@@ -54,10 +54,13 @@ std::int8_t Guess(const inspect::ExtractPlan& plan, const inspect::OpenChoice& p
     return plan.description.ModuleTable[ref.index].Contiguous ? 0 : 1;
 }
 
-// Builds tried at most for one image.
-constexpr int kMostCandidates = 64;
-// Open points of an image few enough for every pair of them to be tried.
-constexpr std::size_t kMostPairedPoints = 10;
+// Builds tried at most for one image: 64, or fewer for a large image, so that the search
+// builds no more than about 64 MB of images in all.
+int MostCandidates(std::size_t image_size) {
+    constexpr std::size_t kBudget = 64u << 20;
+    return static_cast<int>(std::clamp<std::size_t>(kBudget / std::max<std::size_t>(image_size, 1),
+                                                    4, 64));
+}
 
 }  // namespace
 
@@ -106,8 +109,8 @@ Reconstruction Reconstruct(std::span<const std::uint8_t> image, const inspect::I
     // starts from the best guesses, then from every compressed module compressed again.
     std::uint64_t best = 0;
     if (attempt(choices, best) || !model.gap_placement) return out;
-    const inspect::ExtractPlan first = out.plan;
-    const std::vector<inspect::OpenChoice>& open = first.open_choices;
+    const int most = MostCandidates(image.size());
+    const std::vector<inspect::OpenChoice> open = out.plan.open_choices;
     for (const bool all : {false, true}) {
         choices = {};
         choices.recompress_all = all;
@@ -115,10 +118,10 @@ Reconstruction Reconstruct(std::span<const std::uint8_t> image, const inspect::I
         choices.splittable.assign(model.modules.size(), -1);
         if (all && attempt(choices, best)) return out;
         const inspect::ExtractPlan start = inspect::PlanExtract(image, model, choices);
-        for (bool improved = true; improved && out.candidates_tried < kMostCandidates;) {
+        for (bool improved = true; improved && out.candidates_tried < most;) {
             improved = false;
             for (const inspect::OpenChoice& point : open) {
-                if (out.candidates_tried >= kMostCandidates) break;
+                if (out.candidates_tried >= most) break;
                 std::vector<std::int8_t>& slot = point.kind == inspect::OpenChoice::Recompress
                                                      ? choices.recompress
                                                      : choices.splittable;
@@ -133,23 +136,6 @@ Reconstruction Reconstruct(std::span<const std::uint8_t> image, const inspect::I
                 } else {
                     slot[point.module] = before;
                 }
-            }
-        }
-    }
-    // Two points decided otherwise at once, for the few open points of a small image.
-    if (open.size() <= kMostPairedPoints) {
-        for (std::size_t a = 0; a < open.size(); ++a) {
-            for (std::size_t b = a + 1; b < open.size(); ++b) {
-                choices = {};
-                choices.recompress.assign(model.modules.size(), -1);
-                choices.splittable.assign(model.modules.size(), -1);
-                for (const inspect::OpenChoice& point : {open[a], open[b]}) {
-                    auto& slot = point.kind == inspect::OpenChoice::Recompress ? choices.recompress
-                                                                               : choices.splittable;
-                    slot[point.module] = static_cast<std::int8_t>(Guess(first, point) ? 0 : 1);
-                }
-                std::uint64_t distance = 0;
-                if (attempt(choices, distance)) return out;
             }
         }
     }
