@@ -104,38 +104,38 @@ Reconstruction Reconstruct(std::span<const std::uint8_t> image, const inspect::I
         }
         return distance == 0;
     };
-    // Each open point decided the other way in turn; a decision that brings the rebuilt
-    // image closer is kept, until the image comes back or no decision helps. The search
-    // starts from the best guesses, then from every compressed module compressed again.
-    std::uint64_t best = 0;
-    if (attempt(choices, best) || !model.gap_placement) return out;
-    const int most = MostCandidates(image.size());
+    // The best guesses first, then every compressed module compressed again (what a
+    // build that compressed all of them did); from the closer of the two, each open point
+    // is decided the other way in turn, and a decision that brings the rebuilt image
+    // closer is kept, until the image comes back or no decision helps.
+    std::uint64_t guessed = 0, all = 0;
+    if (attempt(choices, guessed) || !model.gap_placement) return out;
     const std::vector<inspect::OpenChoice> open = out.plan.open_choices;
-    for (const bool all : {false, true}) {
-        choices = {};
-        choices.recompress_all = all;
-        choices.recompress.assign(model.modules.size(), -1);
-        choices.splittable.assign(model.modules.size(), -1);
-        if (all && attempt(choices, best)) return out;
-        const inspect::ExtractPlan start = inspect::PlanExtract(image, model, choices);
-        for (bool improved = true; improved && out.candidates_tried < most;) {
-            improved = false;
-            for (const inspect::OpenChoice& point : open) {
-                if (out.candidates_tried >= most) break;
-                std::vector<std::int8_t>& slot = point.kind == inspect::OpenChoice::Recompress
-                                                     ? choices.recompress
-                                                     : choices.splittable;
-                const std::int8_t before = slot[point.module];
-                const std::int8_t now = before < 0 ? Guess(start, point) : before;
-                slot[point.module] = static_cast<std::int8_t>(now ? 0 : 1);
-                std::uint64_t distance = 0;
-                if (attempt(choices, distance)) return out;
-                if (distance < best) {
-                    best = distance;
-                    improved = true;
-                } else {
-                    slot[point.module] = before;
-                }
+    choices.recompress.assign(model.modules.size(), -1);
+    choices.splittable.assign(model.modules.size(), -1);
+    choices.recompress_all = true;
+    if (attempt(choices, all)) return out;
+    choices.recompress_all = all < guessed;
+    std::uint64_t best = std::min(all, guessed);
+    const int most = MostCandidates(image.size());
+    const inspect::ExtractPlan start = inspect::PlanExtract(image, model, choices);
+    for (bool improved = true; improved && out.candidates_tried < most;) {
+        improved = false;
+        for (const inspect::OpenChoice& point : open) {
+            if (out.candidates_tried >= most) break;
+            std::vector<std::int8_t>& slot = point.kind == inspect::OpenChoice::Recompress
+                                                 ? choices.recompress
+                                                 : choices.splittable;
+            const std::int8_t before = slot[point.module];
+            const std::int8_t now = before < 0 ? Guess(start, point) : before;
+            slot[point.module] = static_cast<std::int8_t>(now ? 0 : 1);
+            std::uint64_t distance = 0;
+            if (attempt(choices, distance)) return out;
+            if (distance < best) {
+                best = distance;
+                improved = true;
+            } else {
+                slot[point.module] = before;
             }
         }
     }
