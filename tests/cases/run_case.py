@@ -29,6 +29,9 @@ Runs and checks:
     absent NAME                 records whether NAME exists (a refused run writes nothing)
     cd DIR                      later runs start in DIR ('.' goes back)
     expect-bytes FILE OFFSET HEX...  the bytes of FILE at OFFSET (hex) must be these
+    expect-sum32 FILE OFFSET LENGTH  its little-endian doublewords there must sum to 0
+    expect-json PATH=VALUE...   in the JSON the last run printed (PATH: keys and list
+                                indexes joined by '.'; VALUE: a number or a text)
     posix-only                  POSIX-only behaviour: skipped for Windows tools
 Table form: 'row NAME' starts a row; the steps above the first row run first in every
 row, each row runs in a folder of its own, and 'then STEP' lines (anywhere above the
@@ -60,7 +63,7 @@ with CR LF and whose composed names (fwforge's OutputPath\TAG.int and .inf, the 
 that fwforge-inspect extract writes into DIR) have a backslash: before the comparison
 those become LF and "/", so one expectation serves both.
 """
-import argparse, hashlib, os, re, shlex, shutil, subprocess, sys, tempfile
+import argparse, hashlib, json, os, re, shlex, shutil, subprocess, sys, tempfile
 
 MARK = "==== expected"
 TOOLS = ("fwforge", "fwforge-inspect", "fwforge-lzh")
@@ -278,6 +281,20 @@ def run_steps(steps, bin_dir, work):
             if data[at:at + len(want)] != want:
                 raise CaseError(f"{args[0]} at {at:x}: {data[at:at + len(want)].hex(' ')}\n"
                                 f"{' ' * len(args[0])} want: {want.hex(' ')}")
+        elif op == "expect-sum32":
+            data = open(os.path.join(work, args[0]), "rb").read()
+            at, size = int(args[1], 16), int(args[2], 16)
+            total = sum(int.from_bytes(data[k:k + 4], "little") for k in range(at, at + size, 4))
+            if total % 2**32:
+                raise CaseError(f"{args[0]} {at:x}+{size:x}: doublewords sum to {total % 2**32:x}")
+        elif op == "expect-json":
+            for item in args:
+                path, _, want = item.partition("=")
+                node = json.loads(last[1])
+                for key in path.split("."):
+                    node = node[int(key)] if isinstance(node, list) else node[key]
+                if str(node) != (str(int(want, 0)) if re.fullmatch(r"(0x)?[0-9a-f]+", want) else want):
+                    raise CaseError(f"{path} reads {node!r}, want {want}")
         elif op in ("run", "run-raw"):
             if args[0] not in TOOLS:
                 raise SystemExit(f"unknown tool: {args[0]}")
