@@ -15,6 +15,7 @@ A case holds steps, one per line ('#' starts a comment line). Input files:
     add [SECTION] KEY=VALUE...  appends a section (each KEY=VALUE a 'key = value' line)
     line TEXT                   appends the line TEXT to the script
     repeat N STEP [; STEP]...   the steps N times
+    for A | B ... : STEP [; STEP]...  the steps once for each item, '%' replaced by it
     gen NAME KIND SIZE SEED     generated input: random, text, code, or fill (SEED = byte)
     hex NAME BYTES...           input from hex bytes
     write NAME ... end          a text file with CR LF line ends (lines kept as they are)
@@ -229,6 +230,10 @@ def run_steps(steps, bin_dir, work):
             base = read_steps(open(os.path.join(BASES, args[0] + ".steps")).read().split("\n"))
             as_name = args[1] if len(args) > 1 else "build.scr"
             steps[i:i] = [f"write {as_name}" if s == "write build.scr" else s for s in base]
+        elif op == "for":
+            items, _, body = steps[i - 1][4:].partition(" : ")
+            steps[i:i] = [part for item in items.split(" | ")
+                          for part in body.replace("%", item.strip()).split(" ; ")]
         elif op == "repeat":
             steps[i:i] = steps[i - 1].split(None, 2)[2].split(" ; ") * int(args[0])
         elif op in ("set", "del", "add", "line"):
@@ -346,7 +351,7 @@ def run_rows(steps, bin_dir):
     for name, message, own in rows or [(None, "", [])]:
         with tempfile.TemporaryDirectory(prefix="fwforge-case-") as work:
             try:
-                ran = any(s.split(" ")[0] in ("run", "run-raw") for s in own)
+                ran = any(re.search(r"(^|; |: )run(-raw)? ", s) for s in own)
                 out, last = run_steps(common + own + ([] if ran else then), bin_dir, work)
             except SkipCase:
                 print(f"SKIPPED for Windows tools: {name or 'the case'}")
