@@ -8,9 +8,9 @@ file records below its '==== expected' line.
 A case holds steps, one per line ('#' starts a comment line). Input files:
     base NAME [AS]              the steps of bases/NAME.steps: a build script build.scr
                                 (or AS) and the files it names, for later steps to change
-    set SECTION.KEY VALUE       sets KEY in the script last written or copied (added at the end of
-                                the section when missing); SECTION is 'bios', or
-                                'module#2' for the second [module] section
+    set SECTION.KEY VALUE       sets KEY in the script last written or copied (added
+                                at the end of the section when missing); SECTION is
+                                'bios', or 'module#2' for the second [module] section
     del SECTION.KEY | SECTION   removes a key, or a whole section
     add [SECTION] KEY=VALUE...  appends a section (each KEY=VALUE a 'key = value' line)
     line TEXT                   appends the line TEXT to the script
@@ -34,25 +34,35 @@ Runs and checks:
     expect-json PATH=VALUE...   in the JSON the last run printed (PATH: keys and list
                                 indexes joined by '.'; VALUE: a number or a text)
     posix-only                  POSIX-only behaviour: skipped for Windows tools
-Table form: 'row NAME' starts a row; the steps above the first row run first in every
-row, each row runs in a folder of its own, and 'then STEP' lines (anywhere above the
-first row) run after the own steps of every row that runs no tool itself. 'row NAME: MESSAGE' is a refusal: the last
-run must print MESSAGE and exit with a status other than 0. Worked example:
+Table form: 'row NAME' starts a row. The steps above the first row run first in every
+row, each row in a folder of its own; 'then STEP' lines (above the first row) run after
+the own steps of each row that runs no tool itself. 'row NAME: MESSAGE' is a refusal:
+the row's last run must print MESSAGE and exit with a status other than 0.
 
-    # The [bios] section's refusals.
-    base small
+Worked example (cli/refusals.case, shortened): every row builds the 128 KB base script
+with one module added, changed as the row says, and must be refused with its message.
+
+    gen short.bin random 100 2
+    mkdir out
+    base image_128k
     then run fwforge out build.scr
     row bbsize_zero: Boot block size must be a multiple of 4 between 4 and 65536
     set bios.bbsize 00000000
-    row bios_file_missing: ...
-    del bios.file
+    add [module] file=short.bin moduleid=01 destn=f000:0000
+    row boot_block_file_missing: Cannot open boot block file
+    set init.file nobb.bin
+    add [module] file=short.bin moduleid=01 destn=f000:0000
     ==== expected
     ---- bbsize_zero
     $ fwforge out build.scr
     | Parsing build.scr...
-    ...
+    | Generating boot block image...
+    |
+    | FATAL ERROR: Boot block size must be a multiple of 4 between 4 and 65536
     = exit 1
     files
+    ---- boot_block_file_missing
+    ...
 
 Below '==== expected' --update writes what the steps gave: each run's stdout ('| '
 lines), stderr ('! ' lines) and exit status, then each file that is not an unchanged
