@@ -5,7 +5,8 @@
 #   tools    build, and two header packages for the helper tools: CLI11 for the command
 #            lines of fwforge-lzh and fwforge-inspect, nlohmann/json for the inspector's JSON
 #   test     the test suite: the tools, GoogleTest, python3 for the case driver, gzip for
-#            the benchmark
+#            the benchmark, and two lh5 decoders of others (lhasa, p7zip-full) that check
+#            the compressed streams
 #   windows  the cross toolchain MinGW-w64, GoogleTest's sources to build for it, and wine
 #            to run the Windows programs (scripts/windows-check.sh)
 #   fuzz     clang and its sanitizer runtime for the fuzz targets, and the header packages
@@ -19,7 +20,7 @@ set -euo pipefail
 declare -A group=(
     [build]="cmake g++ make"
     [tools]="cmake g++ make libcli11-dev nlohmann-json3-dev"
-    [test]="cmake g++ make libcli11-dev nlohmann-json3-dev libgtest-dev python3 gzip"
+    [test]="cmake g++ make libcli11-dev nlohmann-json3-dev libgtest-dev python3 gzip lhasa p7zip-full"
     [windows]="cmake make g++-mingw-w64-x86-64-posix googletest wine wine64"
     [fuzz]="cmake make clang libclang-rt-dev libcli11-dev nlohmann-json3-dev"
     [browser]="chromium nodejs npm"
