@@ -97,11 +97,12 @@ bool InputFile::ReadExactly(std::span<std::uint8_t> buffer) {
 
 std::optional<OutputFile> OutputFile::Create(std::string_view name) {
     const std::string host = ToHostSeparators(name);
-    if (!Widen(host)) return std::nullopt;
+    const auto wide_host = Widen(host);
+    if (!wide_host) return std::nullopt;
     // A device such as NUL has no old contents to keep: it is written in place.
-    if (const HANDLE probe = ::CreateFileW(Widen(host)->c_str(), GENERIC_WRITE, FILE_SHARE_READ |
-                                           FILE_SHARE_WRITE, nullptr, OPEN_EXISTING,
-                                           FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (const HANDLE probe =
+            ::CreateFileW(wide_host->c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                          nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
         probe != INVALID_HANDLE_VALUE) {
         if (::GetFileType(probe) != FILE_TYPE_DISK) {
             return OutputFile(reinterpret_cast<std::intptr_t>(probe), std::string(), host);
