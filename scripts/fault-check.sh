@@ -59,8 +59,8 @@ for limit in 256:"Cannot write to ROM file" 16:"Cannot write to boot block file"
     check_outputs "limit ${size}K"
     restore_old
     status=0
-    # The inner shell reports the signal, to nowhere.
-    ( ( ulimit -f "$size"; exec "$bin/fwforge" . firmware.scr ) ) >/dev/null 2>&1 || status=$?
+    # The shell reports the signal, to nowhere.
+    { ( ulimit -f "$size"; exec "$bin/fwforge" . firmware.scr ) >/dev/null 2>&1 || status=$?; } 2>/dev/null
     [ "$status" != 0 ] || fail "limit ${size}K with SIGXFSZ: the build completed"
     cmp -s firmware.rom old.firmware.rom || fail "limit ${size}K with SIGXFSZ: the old ROM was not kept"
     check_outputs "limit ${size}K with SIGXFSZ"
@@ -68,7 +68,8 @@ done
 # The other tools under the same limit keep an old output too.
 cp new.firmware.rom image.rom
 for run in "fwforge-lzh c firmware.rom out.bin" "fwforge-lzh d packed.bin out.bin" \
-           "fwforge-inspect replace firmware.rom out.bin --module 0 --file post.bin"; do
+           "fwforge-inspect replace firmware.rom out.bin --module 0 --file post.bin" \
+           "fwforge-inspect map firmware.rom --html out.bin"; do
     "$bin/fwforge-lzh" c post.bin packed.bin
     echo "old output" > out.bin
     status=0
@@ -76,6 +77,15 @@ for run in "fwforge-lzh c firmware.rom out.bin" "fwforge-lzh d packed.bin out.bi
     [ "$status" != 0 ] || fail "$run under a 4K limit: exit status 0"
     [ "$(cat out.bin)" = "old output" ] || fail "$run under a 4K limit: the old output was not kept"
     check_outputs "$run"
+done
+# extract under a limit that lets the small files through: each file it leaves is whole.
+"$bin/fwforge-inspect" extract firmware.rom whole >/dev/null
+status=0
+( trap '' XFSZ; ulimit -f 40; exec "$bin/fwforge-inspect" extract firmware.rom cut ) >/dev/null 2>&1 || status=$?
+[ "$status" != 0 ] || fail "extract under a 40K limit: exit status 0"
+for f in cut/* cut/.[!.]*; do
+    [ -e "$f" ] || continue
+    cmp -s "$f" "whole/${f#cut/}" || fail "extract under a 40K limit: $f is not whole"
 done
 
 # 2. Builds killed at random moments of their run, starting from the old outputs or
@@ -89,8 +99,8 @@ declare -A seen=()
 for ((i = 0; i < kills; i++)); do
     if ((i % 2)); then restore_old; else rm -f firmware.rom FWF01.int FWF01.inf; fi
     delay=$(( (RANDOM * 32768 + RANDOM) % (span * 12 / 10) ))
-    ( timeout -s KILL "$(printf '%d.%06d' $((delay / 1000000)) $((delay % 1000000)))" \
-        "$bin/fwforge" . firmware.scr ) >/dev/null 2>&1 || true
+    { timeout -s KILL "$(printf '%d.%06d' $((delay / 1000000)) $((delay % 1000000)))" \
+        "$bin/fwforge" . firmware.scr >/dev/null 2>&1 || true; } 2>/dev/null
     check_outputs "kill after ${delay}us"
     if [ ! -e firmware.rom ]; then state=absent
     elif cmp -s firmware.rom new.firmware.rom; then state=new
@@ -98,7 +108,7 @@ for ((i = 0; i < kills; i++)); do
     seen[$state]=$(( ${seen[$state]:-0} + 1 ))
 done
 
-echo "fault-check: file-size limits: 2 build limits x 2 signal actions, 3 other tool runs"
+echo "fault-check: file-size limits: 2 build limits x 2 signal actions, 5 other tool runs"
 echo "fault-check: $kills builds killed at random moments within ${span}us:" \
      "ROM old ${seen[old]:-0}, new ${seen[new]:-0}, absent ${seen[absent]:-0};" \
      "$leftovers temporary files left by killed runs"
