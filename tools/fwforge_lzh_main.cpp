@@ -42,8 +42,7 @@ std::optional<std::vector<std::uint8_t>> ReadWholeFile(const std::string& name) 
 }
 
 bool WriteWholeFile(const std::string& name, std::span<const std::uint8_t> data) {
-    auto file = fwforge::platform::OutputFile::Create(name);
-    if (!file || !file->Write(data)) {
+    if (!fwforge::platform::WriteWholeFile(fwforge::platform::Disk(), name, data)) {
         Fail(fwforge::StrFormat("cannot write output file %s", name.c_str()));
         return false;
     }

@@ -100,7 +100,9 @@ void BuildBootBlock(BuildContext& ctx) {
         platform::ComposeOutputName(ctx.options.OutputPath, bios.BiosTag + ".int");
     auto out = ctx.files.Create(name);
     if (!out) ctx.diag.Fatal("Cannot create boot block file");
-    if (!out->Write(boot_block)) ctx.diag.Fatal("Cannot write to boot block file");
+    if (!out->Write(boot_block) || !out->Commit()) {
+        ctx.diag.Fatal("Cannot write to boot block file");
+    }
 
     CheckBootBlockFits(ctx);
     ctx.image.PlacementCursor -= size;

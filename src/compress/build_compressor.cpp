@@ -34,7 +34,8 @@ bool TooLarge(std::size_t size) { return size > std::uint32_t(-1) - kCompressedO
 
 }  // namespace
 
-BuildCompressor::BuildCompressor(CompressorOptions options) : options_(options) {}
+BuildCompressor::BuildCompressor(CompressorOptions options)
+    : options_(options), encoder_(options.limits) {}
 
 BuildCompressor::~BuildCompressor() { StopWorkers(); }
 

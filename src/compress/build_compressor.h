@@ -24,6 +24,10 @@ namespace fwforge::lzh {
 struct CompressorOptions {
     unsigned threads = 1;  // worker threads for announced runs; below 2, none
     bool reuse = true;     // keep each result for later runs over the same input
+    // The limits of the build's encoder (tests make its allocations fail with them); the
+    // workers' encoders have none, for a result of theirs only counts when it equals
+    // what the build's encoder gives.
+    EncoderLimits limits;
 };
 
 class BuildCompressor {

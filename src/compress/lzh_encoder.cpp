@@ -15,6 +15,10 @@ constexpr std::uint32_t kRefill = kWindowSize;
 void LzhEncoder::AllocateStorage() {
     if (!finder_) {
         if (limits_.fail_working_storage) throw OutOfMemory();
+        if (limits_.allocate &&
+            !limits_.allocate(EncoderAllocation::WorkingStorage, sizeof(MatchFinder))) {
+            throw OutOfMemory();
+        }
         try {
             finder_ = std::make_unique<MatchFinder>();
         } catch (const std::bad_alloc&) {
@@ -25,6 +29,9 @@ void LzhEncoder::AllocateStorage() {
         for (std::size_t size = kTokenBufferSize; size >= kTokenBufferMinimum;
              size = size / 10 * 9) {
             if (size > limits_.token_buffer_limit) continue;
+            if (limits_.allocate && !limits_.allocate(EncoderAllocation::TokenBuffer, size)) {
+                continue;
+            }
             try {
                 tokens_.assign(size, 0);
                 return;

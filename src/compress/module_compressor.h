@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <exception>
+#include <functional>
 #include <limits>
 #include <memory>
 #include <span>
@@ -25,13 +26,24 @@ class OutOfMemory : public std::exception {
     const char* what() const noexcept override { return "Out of memory."; }
 };
 
+// What the encoder allocates: its working storage (window and search tree) once, and
+// its token buffer, tried at smaller sizes after each failure.
+enum class EncoderAllocation { WorkingStorage, TokenBuffer };
+
+// Asked before each allocation of the encoder with what it is for and its size in
+// bytes; false makes that allocation fail as on a machine short of memory.
+using AllocationHook = std::function<bool(EncoderAllocation what, std::size_t bytes)>;
+
 // Limits that make the encoder's allocations fail as on a machine short of memory;
-// the defaults impose none. Tests use them to reach the smaller token buffers.
+// the defaults impose none. Tests use them to reach the smaller token buffers and the
+// encoder's "Out of memory." stop.
 struct EncoderLimits {
     // The largest token buffer that may be allocated.
     std::size_t token_buffer_limit = std::numeric_limits<std::size_t>::max();
     // The window and tree cannot be allocated at all.
     bool fail_working_storage = false;
+    // Asked before each allocation; none by default.
+    AllocationHook allocate;
 };
 
 // One encoder lives as long as a build. Its window is zero when created and is not

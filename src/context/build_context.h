@@ -30,6 +30,8 @@ struct RunOptions {
     // Whether a module compressed to size it gives the same result when it is placed
     // without being compressed again (again the same bytes either way).
     bool ReuseCompression = true;
+    // What the encoder may allocate (tests make its allocations fail); none imposed.
+    lzh::EncoderLimits EncoderLimits;
 };
 
 struct ImageState {
@@ -49,7 +51,7 @@ class BuildContext {
     lzh::BuildCompressor& Compressor() {
         if (!compressor_) {
             compressor_ = std::make_unique<lzh::BuildCompressor>(lzh::CompressorOptions{
-                options.CompressionThreads, options.ReuseCompression});
+                options.CompressionThreads, options.ReuseCompression, options.EncoderLimits});
         }
         return *compressor_;
     }

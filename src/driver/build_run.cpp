@@ -24,6 +24,7 @@ BuildResult RunBuild(platform::FileSystem& files, const BuildRequest& request,
     ctx.options.CompatibilityMode = request.compatibility;
     ctx.options.CompressionThreads = request.compression_threads;
     ctx.options.ReuseCompression = request.reuse_compression;
+    ctx.options.EncoderLimits = request.encoder_limits;
     if (ctx.options.VerboseMode) console << "VERBOSE MODE: \n\n";
     if (ctx.options.CompatibilityMode) {
         console << "COMPATABILITY MODE: Main BIOS header will be pre-version 1.00 style \n\n";

@@ -7,6 +7,7 @@
 #include <ostream>
 #include <string>
 
+#include "compress/module_compressor.h"
 #include "platform/file_system.h"
 
 namespace fwforge {
@@ -20,6 +21,8 @@ struct BuildRequest {
     // compression reuses its first; the output is the same bytes either way.
     unsigned compression_threads = 1;
     bool reuse_compression = true;
+    // What the encoder may allocate; tests make its allocations fail with it.
+    lzh::EncoderLimits encoder_limits;
 };
 
 struct BuildResult {

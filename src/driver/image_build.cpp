@@ -57,7 +57,9 @@ void WriteRomFile(BuildContext& ctx) {
         ReleaseImageBuffers(ctx);
         ctx.diag.Fatal(StrFormat("Cannot create file: %s", name.c_str()));
     }
-    if (!file->Write(ctx.image.ImageBuffer)) {
+    // The ROM file appears whole when the write and its commit succeed; otherwise any
+    // file of that name stays as it was.
+    if (!file->Write(ctx.image.ImageBuffer) || !file->Commit()) {
         file.reset();
         ReleaseImageBuffers(ctx);
         ctx.diag.Fatal("Cannot write to ROM file");

@@ -60,14 +60,8 @@ int RunReplace(const ReplaceCommand& cl, std::ostream& out) {
         out << "fwforge-inspect replace: " << outcome.error << "\n";
         return kRefused;
     }
-    auto written = platform::OutputFile::Create(cl.out);
-    if (!written || !written->Write(outcome.image)) {
-        // Only a file this run created goes again; OUT may name a folder, say.
-        if (written) {
-            written.reset();
-            std::error_code ignored;
-            std::filesystem::remove(platform::ToHostSeparators(cl.out), ignored);
-        }
+    // Written whole or not at all: a failed write leaves any old OUT as it was.
+    if (!platform::WriteWholeFile(platform::Disk(), cl.out, outcome.image)) {
         out << "fwforge-inspect replace: cannot write " << cl.out << "\n";
         return kUnusable;
     }

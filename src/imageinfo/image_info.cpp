@@ -147,7 +147,9 @@ void BuildImageInfoModule(BuildContext& ctx) {
         platform::ComposeOutputName(ctx.options.OutputPath, d.Bios.BiosTag + ".inf");
     auto file = ctx.files.Create(name);
     if (!file) ctx.diag.Fatal("Cannot create image information file");
-    if (!file->Write(data)) ctx.diag.Fatal("Cannot write to image information file");
+    if (!file->Write(data) || !file->Commit()) {
+        ctx.diag.Fatal("Cannot write to image information file");
+    }
 
     // The record may still hold a [module] section that went to the Extended Boot
     // Block; the image information module starts from a fresh record instead.

@@ -77,9 +77,9 @@ int RunCommand(const Command& cl, std::ostream& out) {
             out << MapText(*image, model);
         } else {
             const std::string html = MapHtml(*image, model, "ROM image map: " + cl.image);
-            auto file = platform::OutputFile::Create(cl.html);
-            if (!file || !file->Write(std::span(reinterpret_cast<const std::uint8_t*>(html.data()),
-                                                html.size()))) {
+            if (!platform::WriteWholeFile(
+                    platform::Disk(), cl.html,
+                    std::span(reinterpret_cast<const std::uint8_t*>(html.data()), html.size()))) {
                 out << "fwforge-inspect: cannot write " << cl.html << "\n";
                 return kUnusable;
             }

@@ -9,7 +9,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
+#include <cstdlib>
+#include <string>
 #include <utility>
 
 namespace fwforge::platform {
@@ -144,27 +147,69 @@ std::optional<OutputFile> OutputFile::Create(std::string_view name) {
     if (!Exists(host)) {
         if (auto resolved = ResolveComponents(host, false)) host = *resolved;
     }
-    const int fd = ::open(host.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-    if (fd < 0) return std::nullopt;
-    return OutputFile(fd);
+    struct stat st;
+    if (::stat(host.c_str(), &st) == 0 && !S_ISREG(st.st_mode)) {
+        // A device or a pipe has no old contents to keep, and no folder to put a
+        // temporary file in.
+        const int fd = ::open(host.c_str(), O_WRONLY | O_CLOEXEC | O_NONBLOCK);
+        if (fd < 0) return std::nullopt;
+        return OutputFile(fd, std::string(), host);
+    }
+    // A symbolic link keeps pointing at the file it named: the file is replaced.
+    std::string target = host;
+    if (::lstat(host.c_str(), &st) == 0 && S_ISLNK(st.st_mode)) {
+        char* real = ::realpath(host.c_str(), nullptr);
+        if (real == nullptr) return std::nullopt;
+        target = real;
+        ::free(real);
+    }
+    const std::size_t slash = target.rfind(kHostSeparator);
+    const std::string folder = slash == std::string::npos ? "" : target.substr(0, slash + 1);
+    const std::string base = slash == std::string::npos ? target : target.substr(slash + 1);
+    if (base.empty() || base == "." || base == "..") return std::nullopt;
+    static std::atomic<unsigned> serial{0};
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        const std::string temporary = folder + "." + base + ".tmp-" + std::to_string(::getpid()) +
+                                      "-" + std::to_string(serial.fetch_add(1));
+        const int fd =
+            ::open(temporary.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+        if (fd >= 0) return OutputFile(fd, temporary, target);
+        if (errno != EEXIST) return std::nullopt;
+    }
+    return std::nullopt;
 }
 
 OutputFile::OutputFile(OutputFile&& other) noexcept
-    : handle_(std::exchange(other.handle_, kNoHandle)) {}
+    : handle_(std::exchange(other.handle_, kNoHandle)),
+      temporary_(std::move(other.temporary_)),
+      target_(std::move(other.target_)) {
+    other.temporary_.clear();
+}
 
 OutputFile& OutputFile::operator=(OutputFile&& other) noexcept {
     if (this != &other) {
-        if (handle_ != kNoHandle) ::close(Fd(handle_));
+        Discard();
         handle_ = std::exchange(other.handle_, kNoHandle);
+        temporary_ = std::move(other.temporary_);
+        target_ = std::move(other.target_);
+        other.temporary_.clear();
     }
     return *this;
 }
 
 OutputFile::~OutputFile() {
+    Discard();
+}
+
+void OutputFile::Discard() {
     if (handle_ != kNoHandle) ::close(Fd(handle_));
+    handle_ = kNoHandle;
+    if (!temporary_.empty()) ::unlink(temporary_.c_str());
+    temporary_.clear();
 }
 
 bool OutputFile::Write(std::span<const std::uint8_t> data) {
+    if (handle_ == kNoHandle) return false;
     std::size_t done = 0;
     while (done < data.size()) {
         const ssize_t n = ::write(Fd(handle_), data.data() + done, data.size() - done);
@@ -172,6 +217,24 @@ bool OutputFile::Write(std::span<const std::uint8_t> data) {
         if (n <= 0) return false;
         done += static_cast<std::size_t>(n);
     }
+    return true;
+}
+
+bool OutputFile::Commit() {
+    if (handle_ == kNoHandle) return false;
+    if (temporary_.empty()) {
+        const bool closed = ::close(Fd(std::exchange(handle_, kNoHandle))) == 0;
+        return closed;
+    }
+    // The bytes reach the disk before the name does, so that a crash cannot leave the
+    // target's name on a file whose contents were never stored.
+    const bool stored = ::fsync(Fd(handle_)) == 0;
+    const bool closed = ::close(Fd(std::exchange(handle_, kNoHandle))) == 0;
+    if (!stored || !closed || ::rename(temporary_.c_str(), target_.c_str()) != 0) {
+        Discard();
+        return false;
+    }
+    temporary_.clear();
     return true;
 }
 

@@ -17,6 +17,7 @@
 #include <string>
 #include <string_view>
 #include <vector>
+#include <utility>
 
 namespace fwforge::platform {
 
@@ -66,9 +67,16 @@ class InputFile {
     std::intptr_t handle_ = kNoHandle;
 };
 
+// An output written whole or not at all. On disk the bytes go to a temporary file beside
+// the target (".NAME.tmp-PID-N" in the same folder) and only Commit() puts it in the
+// target's place, replacing an existing file in one step: a run that fails or is killed
+// leaves the old file or none, never a part of one. A file dropped without a successful
+// Commit() takes its temporary file with it. A target that exists and is not a regular
+// file (a device such as /dev/null) is written in place.
 class OutputFile {
   public:
-    // Creates the file anew (replacing an existing one); nullopt when that fails.
+    // Starts a new file `name` (replacing an existing one on Commit); nullopt when that
+    // fails.
     static std::optional<OutputFile> Create(std::string_view name);
 
     OutputFile(OutputFile&& other) noexcept;
@@ -79,10 +87,18 @@ class OutputFile {
 
     // Writes the whole buffer; false when the write fails or is short.
     bool Write(std::span<const std::uint8_t> data);
+    // Flushes, closes and puts the file in its target's place; false when any of that
+    // fails, and then the target stays as it was. Nothing may be written after it.
+    bool Commit();
 
   private:
-    explicit OutputFile(std::intptr_t handle) : handle_(handle) {}
+    OutputFile(std::intptr_t handle, std::string temporary, std::string target)
+        : handle_(handle), temporary_(std::move(temporary)), target_(std::move(target)) {}
+    void Discard();
+
     std::intptr_t handle_ = kNoHandle;
+    std::string temporary_;  // empty when written in place
+    std::string target_;
 };
 
 }  // namespace fwforge::platform

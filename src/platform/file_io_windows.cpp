@@ -12,6 +12,8 @@
 #include <windows.h>
 
 #include <algorithm>
+#include <atomic>
+#include <string>
 #include <utility>
 
 namespace fwforge::platform {
@@ -94,31 +96,73 @@ bool InputFile::ReadExactly(std::span<std::uint8_t> buffer) {
 }
 
 std::optional<OutputFile> OutputFile::Create(std::string_view name) {
-    const auto wide = Widen(ToHostSeparators(name));
-    if (!wide) return std::nullopt;
-    const HANDLE handle =
-        ::CreateFileW(wide->c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ, nullptr,
-                      CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
-    if (handle == INVALID_HANDLE_VALUE) return std::nullopt;
-    return OutputFile(reinterpret_cast<std::intptr_t>(handle));
+    const std::string host = ToHostSeparators(name);
+    const auto wide_host = Widen(host);
+    if (!wide_host) return std::nullopt;
+    // A device such as NUL has no old contents to keep: it is written in place.
+    if (const HANDLE probe =
+            ::CreateFileW(wide_host->c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                          nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+        probe != INVALID_HANDLE_VALUE) {
+        if (::GetFileType(probe) != FILE_TYPE_DISK) {
+            return OutputFile(reinterpret_cast<std::intptr_t>(probe), std::string(), host);
+        }
+        ::CloseHandle(probe);
+    }
+    const std::size_t slash = host.find_last_of("\\/:");
+    const std::string folder = slash == std::string::npos ? "" : host.substr(0, slash + 1);
+    const std::string base = slash == std::string::npos ? host : host.substr(slash + 1);
+    if (base.empty() || base == "." || base == "..") return std::nullopt;
+    static std::atomic<unsigned> serial{0};
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        const std::string temporary = folder + "." + base + ".tmp-" +
+                                      std::to_string(::GetCurrentProcessId()) + "-" +
+                                      std::to_string(serial.fetch_add(1));
+        const auto wide = Widen(temporary);
+        if (!wide) return std::nullopt;
+        const HANDLE handle =
+            ::CreateFileW(wide->c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ, nullptr,
+                          CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr);
+        if (handle != INVALID_HANDLE_VALUE)
+            return OutputFile(reinterpret_cast<std::intptr_t>(handle), temporary, host);
+        if (::GetLastError() != ERROR_FILE_EXISTS) return std::nullopt;
+    }
+    return std::nullopt;
 }
 
 OutputFile::OutputFile(OutputFile&& other) noexcept
-    : handle_(std::exchange(other.handle_, kNoHandle)) {}
+    : handle_(std::exchange(other.handle_, kNoHandle)),
+      temporary_(std::move(other.temporary_)),
+      target_(std::move(other.target_)) {
+    other.temporary_.clear();
+}
 
 OutputFile& OutputFile::operator=(OutputFile&& other) noexcept {
     if (this != &other) {
-        Close(handle_);
+        Discard();
         handle_ = std::exchange(other.handle_, kNoHandle);
+        temporary_ = std::move(other.temporary_);
+        target_ = std::move(other.target_);
+        other.temporary_.clear();
     }
     return *this;
 }
 
 OutputFile::~OutputFile() {
+    Discard();
+}
+
+void OutputFile::Discard() {
     Close(handle_);
+    handle_ = kNoHandle;
+    if (!temporary_.empty()) {
+        if (const auto wide = Widen(temporary_)) ::DeleteFileW(wide->c_str());
+    }
+    temporary_.clear();
 }
 
 bool OutputFile::Write(std::span<const std::uint8_t> data) {
+    if (handle_ == kNoHandle) return false;
     std::size_t done = 0;
     while (done < data.size()) {
         const DWORD want = static_cast<DWORD>(std::min(data.size() - done, kMaxTransfer));
@@ -128,6 +172,25 @@ bool OutputFile::Write(std::span<const std::uint8_t> data) {
             return false;
         done += written;
     }
+    return true;
+}
+
+bool OutputFile::Commit() {
+    if (handle_ == kNoHandle) return false;
+    if (temporary_.empty()) {
+        return ::CloseHandle(Native(std::exchange(handle_, kNoHandle))) != 0;
+    }
+    const bool stored = ::FlushFileBuffers(Native(handle_)) != 0;
+    const bool closed = ::CloseHandle(Native(std::exchange(handle_, kNoHandle))) != 0;
+    const auto from = Widen(temporary_);
+    const auto to = Widen(target_);
+    if (!stored || !closed || !from || !to ||
+        !::MoveFileExW(from->c_str(), to->c_str(),
+                       MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH)) {
+        Discard();
+        return false;
+    }
+    temporary_.clear();
     return true;
 }
 

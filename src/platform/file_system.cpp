@@ -21,6 +21,7 @@ class DiskOutput final : public WritableFile {
   public:
     explicit DiskOutput(OutputFile file) : file_(std::move(file)) {}
     bool Write(std::span<const std::uint8_t> data) override { return file_.Write(data); }
+    bool Commit() override { return file_.Commit(); }
 
   private:
     OutputFile file_;
@@ -56,14 +57,25 @@ class MemoryInput final : public ReadableFile {
 
 class MemoryOutput final : public WritableFile {
   public:
-    explicit MemoryOutput(std::vector<std::uint8_t>& bytes) : bytes_(bytes) {}
+    MemoryOutput(MemoryFileSystem& files, std::string name)
+        : files_(files), name_(std::move(name)) {}
     bool Write(std::span<const std::uint8_t> data) override {
+        if (committed_) return false;
         bytes_.insert(bytes_.end(), data.begin(), data.end());
+        return true;
+    }
+    bool Commit() override {
+        if (committed_) return false;
+        committed_ = true;
+        files_.Put(name_, std::move(bytes_));
         return true;
     }
 
   private:
-    std::vector<std::uint8_t>& bytes_;
+    MemoryFileSystem& files_;
+    std::string name_;
+    std::vector<std::uint8_t> bytes_;
+    bool committed_ = false;
 };
 
 std::string Normalise(std::string_view name) {
@@ -128,12 +140,9 @@ std::unique_ptr<ReadableFile> MemoryFileSystem::Open(std::string_view name) {
 }
 
 std::unique_ptr<WritableFile> MemoryFileSystem::Create(std::string_view name) {
-    const std::string key = Normalise(name);
+    std::string key = Normalise(name);
     if (key.empty()) return nullptr;
-    const std::lock_guard lock(mutex_);
-    std::vector<std::uint8_t>& bytes = files_[key];
-    bytes.clear();
-    return std::make_unique<MemoryOutput>(bytes);
+    return std::make_unique<MemoryOutput>(*this, std::move(key));
 }
 
 void MemoryFileSystem::Put(std::string_view name, std::vector<std::uint8_t> bytes) {
@@ -168,7 +177,7 @@ WholeFile ReadWholeFile(FileSystem& files, std::string_view name, std::uint64_t 
 
 bool WriteWholeFile(FileSystem& files, std::string_view name, std::span<const std::uint8_t> data) {
     auto file = files.Create(name);
-    return file && file->Write(data);
+    return file && file->Write(data) && file->Commit();
 }
 
 }  // namespace fwforge::platform

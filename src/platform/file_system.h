@@ -2,8 +2,8 @@
 // The seam between a build and its files. Every phase reads its inputs and writes its
 // outputs through a FileSystem: the disk for the command-line tools, memory for a build
 // run inside another program (replace, tests), which then hands its outputs back as
-// values. Each step (open, size, read, create, write) can fail on its own, and each
-// caller keeps the message the build gives for that step.
+// values. Each step (open, size, read, create, write, commit) can fail on its own, and
+// each caller keeps the message the build gives for that step.
 
 #include <cstdint>
 #include <map>
@@ -32,6 +32,10 @@ class WritableFile {
     virtual ~WritableFile() = default;
     // Appends the whole buffer; false when the write fails or is short.
     virtual bool Write(std::span<const std::uint8_t> data) = 0;
+    // Makes what was written the file, whole, in place of any file of that name; false
+    // when that fails. Until then, and for good when it fails or the file is dropped
+    // without it, the name keeps its old file or none: never a part of the new one.
+    virtual bool Commit() = 0;
 };
 
 class FileSystem {
@@ -39,7 +43,8 @@ class FileSystem {
     virtual ~FileSystem() = default;
     // An existing file opened for reading; null when it cannot be opened.
     virtual std::unique_ptr<ReadableFile> Open(std::string_view name) = 0;
-    // A file created anew (an existing one is replaced); null when that fails.
+    // A file created anew (an existing one is replaced when it is committed); null when
+    // that fails.
     virtual std::unique_ptr<WritableFile> Create(std::string_view name) = 0;
 };
 
@@ -49,7 +54,7 @@ FileSystem& Disk();
 // Files held in memory. Names are compared after turning either separator into "/" and
 // dropping "./" components and repeated separators; a name that is not held exactly is
 // looked up ignoring case (exactly one match is used), as on the disk. A file must not
-// be created anew while it is open for reading.
+// be committed anew while it is open for reading.
 class MemoryFileSystem final : public FileSystem {
   public:
     std::unique_ptr<ReadableFile> Open(std::string_view name) override;
@@ -85,7 +90,8 @@ inline WholeFile ReadWholeFile(std::string_view name, std::uint64_t max_size = 0
     return ReadWholeFile(Disk(), name, max_size);
 }
 
-// Writes `data` as the file `name`, created anew; false when creating or writing fails.
+// Writes `data` as the file `name`, created anew and committed; false when creating,
+// writing or committing fails.
 bool WriteWholeFile(FileSystem& files, std::string_view name, std::span<const std::uint8_t> data);
 
 }  // namespace fwforge::platform

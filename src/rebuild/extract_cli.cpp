@@ -6,6 +6,7 @@
 #include "inspect/module_data.h"
 #include "inspect/verify.h"
 #include "platform/file_io.h"
+#include "platform/file_system.h"
 #include "platform/text_format.h"
 #include "rebuild/rebuild.h"
 
@@ -35,8 +36,7 @@ int Extract(std::span<const std::uint8_t> image, const ImageModel& model, const 
     int status = kOk;
     for (const ExtractedFile& f : plan.files) {
         const std::string path = platform::ComposeOutputName(dir, f.name);
-        auto file = platform::OutputFile::Create(path);
-        if (!file || !file->Write(f.bytes)) {
+        if (!platform::WriteWholeFile(platform::Disk(), path, f.bytes)) {
             out << "fwforge-inspect: cannot write " << path << "\n";
             return kUnusable;
         }

@@ -53,7 +53,7 @@ TEST(BuildCompressor, GivesOneEncodersBytesAndComputesEachRunOnce) {
     // the repeated input is a run of its own.
     for (const Way way : {Way{1, false, 14}, Way{1, true, 7}, Way{2, true, 7}, Way{3, true, 7}}) {
         SCOPED_TRACE(::testing::Message() << way.threads << " threads, reuse " << way.reuse);
-        BuildCompressor compressor({way.threads, way.reuse});
+        BuildCompressor compressor({way.threads, way.reuse, {}});
         std::vector<BuildCompressor::Expected> announced;
         for (const Bytes& input : inputs) {
             announced.push_back({[input] { return std::optional<Bytes>(input); }, 2});
