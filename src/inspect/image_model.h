@@ -135,6 +135,9 @@ struct ImageModel {
     bool gap_placement = false;
     std::vector<Finding> problems;   // structural problems met while reading
     std::vector<std::string> notes;  // how the reader decided what it could not see
+    // Set when the main BIOS header does not say the link form and the chain decided
+    // it against the first link's guess: list and verify say so.
+    std::string link_form_note;
 
     std::uint32_t Address(std::uint32_t offset) const { return offset + address_base; }
     std::vector<const Module*> ModulesIn(ModuleArea area, int block = -1) const;

@@ -207,6 +207,7 @@ std::string ListText(std::span<const std::uint8_t> image, const ImageModel& mode
     for (std::size_t i = 0; i < runs.size() && i < 5; ++i) {
         out += "  " + Range(model, runs[i].offset, runs[i].length) + "\n";
     }
+    if (!model.link_form_note.empty()) out += "NOTE: " + model.link_form_note + "\n";
     for (const Finding& f : model.problems) {
         out += "PROBLEM: " + f.where + ": " + f.what + "\n";
     }

@@ -395,6 +395,7 @@ bool DescribeCannotUnpack(const ImageModel& model, const Module& m, const Decode
 VerifyReport Verify(std::span<const std::uint8_t> image, const ImageModel& model) {
     VerifyReport report;
     report.problems = model.problems;
+    if (!model.link_form_note.empty()) report.notes.push_back(model.link_form_note);
     if (model.main) CheckMainRegion(image, model, report);
     // The split module whose data sum is still pending when the first non-critical
     // block is built: the last one of the main chain, if it ends the chain.

@@ -52,7 +52,7 @@ const std::pair<const char*, int> kLeast[] = {
     {"minsize", 100}, {"nowcompressed", 200}, {"junk named", 40}, {"tiny module", 100},
     {"cut off named", 100}, {"cannot unpack", 60}, {"force32", 25}, {"-c", 15},
     {"replaced in place", 50}, {"replaced in a block", 12}, {"replaced by a rebuild", 70},
-    {"replace refused", 25}};
+    {"replace refused", 25}, {"32-bit links, -c, 1 MB", 2}};
 // clang-format on
 
 // What some checksum covers: the boot block, the EBB and the main BIOS header's region
@@ -407,6 +407,8 @@ TEST(RandomBuildProperty, InspectorReadsBackEveryBuiltImage) {
             seen[key] += script.text.find(key) != std::string::npos;
         }
         seen["-c"] += !script.options.empty();
+        seen["32-bit links, -c, 1 MB"] +=
+            model.links32 && !script.options.empty() && model.size == 0x100000;
     }
     EXPECT_GE(built, 200 / kSeedStep);
     EXPECT_LE(refused, 10);
