@@ -2,15 +2,16 @@
 
 #include <algorithm>
 
+#include "check/verify.h"
 #include "compress/module_compressor.h"
 #include "edit/module_selector.h"
 #include "edit/rebuild_with_file.h"
 #include "edit/replace_in_place.h"
 #include "format/main_header_block.h"
 #include "format/module_header.h"
+#include "image/image_reader.h"
+#include "image/module_data.h"
 #include "inspect/extract.h"
-#include "inspect/module_data.h"
-#include "inspect/verify.h"
 #include "platform/text_format.h"
 #include "script/boot_block_stamp.h"
 

@@ -7,7 +7,7 @@
 #include <ostream>
 #include <string>
 
-#include "inspect/image_model.h"
+#include "image/image_model.h"
 
 namespace fwforge::edit {
 

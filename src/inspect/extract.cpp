@@ -6,7 +6,7 @@
 #include "format/image_info_records.h"
 #include "format/main_header_block.h"
 #include "format/module_header.h"
-#include "inspect/module_data.h"
+#include "image/module_data.h"
 #include "platform/byte_order.h"
 #include "platform/text_format.h"
 

@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "inspect/image_model.h"
-#include "inspect/verify.h"
+#include "check/verify.h"
+#include "image/image_model.h"
 
 namespace fwforge::inspect {
 

@@ -5,14 +5,15 @@
 #include <string>
 #include <vector>
 
-#include "inspect/diff.h"
+#include "check/verify.h"
+#include "image/image_model.h"
+#include "image/image_reader.h"
 #include "inspect/extract.h"
-#include "inspect/image_model.h"
-#include "inspect/map.h"
-#include "inspect/report.h"
-#include "inspect/verify.h"
 #include "platform/file_io.h"
 #include "platform/text_format.h"
+#include "present/diff.h"
+#include "present/map.h"
+#include "present/report.h"
 
 namespace fwforge::inspect {
 namespace {

@@ -9,13 +9,13 @@
 #include <ostream>
 #include <string>
 
-#include "inspect/image_model.h"
+#include "image/image_model.h"
 
 namespace fwforge::inspect {
 
 // One command as the command line gives it.
 struct Command {
-    std::string command;   // list, verify, extract, map or diff
+    std::string command;  // list, verify, extract, map or diff
     std::string image;
     std::string argument;  // DIR of extract, IMAGE2 of diff
     std::string html;      // map: the HTML file to write; empty for the text map

@@ -12,11 +12,13 @@
 
 #include "compress/module_compressor.h"
 #include "edit/replace.h"
+#include "image/image_reader.h"
+#include "image/module_data.h"
 #include "inspect/extract.h"
 #include "inspect/inspect_cli.h"
-#include "inspect/report.h"
 #include "platform/byte_order.h"
 #include "platform/text_format.h"
+#include "present/report.h"
 #include "support/random_script.h"
 
 namespace fwforge::inspect {

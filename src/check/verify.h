@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "inspect/image_model.h"
-#include "inspect/module_data.h"
+#include "image/image_model.h"
+#include "image/module_data.h"
 
 namespace fwforge::inspect {
 
@@ -47,20 +47,5 @@ bool DescribeCannotUnpack(const ImageModel& model, const Module& m, const Decode
                           CannotUnpack& out);
 
 VerifyReport Verify(std::span<const std::uint8_t> image, const ImageModel& model);
-
-// An item that takes room in the image, for overlap checks, maps and free space.
-struct Extent {
-    std::uint32_t begin = 0;
-    std::uint32_t end = 0;
-    std::string name;
-};
-
-// The top-level items of the image (modules of the EBB and of non-critical blocks lie
-// inside their blocks and are not listed), ordered by address; without the modules of
-// the main chain when `with_modules` is false.
-std::vector<Extent> TopLevelExtents(const ImageModel& model, bool with_modules = true);
-
-// The ranges that `extents` cover, merged, in address order.
-std::vector<Extent> MergedCover(std::vector<Extent> extents);
 
 }  // namespace fwforge::inspect

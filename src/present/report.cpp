@@ -1,4 +1,4 @@
-#include "inspect/report.h"
+#include "present/report.h"
 
 #include <algorithm>
 
@@ -6,6 +6,8 @@
 #include "format/image_info_records.h"
 #include "format/main_header_block.h"
 #include "format/module_header.h"
+#include "image/extents.h"
+#include "image/module_data.h"
 #include "platform/byte_order.h"
 #include "platform/text_format.h"
 
@@ -59,42 +61,6 @@ void ModuleTable(std::string& out, std::span<const std::uint8_t> image, const Im
 }
 
 }  // namespace
-
-std::vector<FreeRun> FreeSpace(std::span<const std::uint8_t> image, const ImageModel& model) {
-    std::vector<FreeRun> runs;
-    std::vector<Extent> cover = MergedCover(TopLevelExtents(model));
-    cover.push_back(
-        {static_cast<std::uint32_t>(image.size()), static_cast<std::uint32_t>(image.size()), ""});
-    std::uint32_t from = 0;
-    for (const Extent& item : cover) {
-        // The bytes between the items, scanned for runs of 0xFF.
-        std::uint32_t start = from, length = 0;
-        for (std::uint32_t i = from; i <= item.begin; ++i) {
-            if (i < item.begin && image[i] == 0xFF) {
-                if (length++ == 0) start = i;
-                continue;
-            }
-            if (length >= kMinFreeRun) runs.push_back({start, length});
-            length = 0;
-        }
-        from = std::max(from, item.end);
-    }
-    return runs;
-}
-
-ModuleSizes SizesOf(std::span<const std::uint8_t> image, const Module& m) {
-    ModuleSizes s;
-    s.stored = m.Linked() ? 0 : m.header.data_size;
-    if (!m.Compressed() || m.pieces.empty()) return s;
-    // The compressed-data header is at the start of the first piece.
-    const Piece& first = m.pieces.front();
-    if (first.length < compressed_data_header::kSize) return s;
-    s.compressed = true;
-    s.total = load_le32(image.data() + first.offset + compressed_data_header::TotalSize.offset);
-    s.original =
-        load_le32(image.data() + first.offset + compressed_data_header::OriginalSize.offset);
-    return s;
-}
 
 std::string RatioText(const ModuleSizes& s) {
     if (!s.compressed || s.original == 0) return "-";

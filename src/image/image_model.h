@@ -1,9 +1,9 @@
 #pragma once
 // What fwforge-inspect knows about a ROM image after reading it: the regions from the
 // top down, the module chains (main BIOS, Extended Boot Block, non-critical blocks),
-// the image information records, and every problem met while reading. The reader fills
-// it from the image bytes alone, through the structures of src/format/; verify, list,
-// map, extract and diff only read it.
+// the image information records, and every problem met while reading. The reader
+// (image_reader.h) fills it from the image bytes alone, through the structures of
+// src/format/; the checks, the presentations, extract and replace only read it.
 
 #include <cstdint>
 #include <optional>
@@ -149,9 +149,6 @@ struct ImageModel {
 inline std::uint64_t ModuleByteBudget(const ImageModel& model) {
     return 8ull * model.size + (std::uint64_t(16) << 20);
 }
-
-// Reads the image. Never fails: what cannot be read is a problem in the model.
-ImageModel ReadImage(std::span<const std::uint8_t> image, const InspectOptions& options);
 
 // "module #3 (id 12)" and the like, for messages.
 std::string DescribeModule(const ImageModel& model, const Module& module);

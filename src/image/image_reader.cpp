@@ -3,7 +3,9 @@
 // choosing the link form, reading the image information records and telling the boot
 // block and NVRAM area. Everything here must hold up against arbitrary bytes: every
 // offset is checked against the image before it is read. The chains themselves are
-// walked in module_chain.cpp.
+// walked in chain_walker.cpp.
+
+#include "image/image_reader.h"
 
 #include <algorithm>
 #include <cstring>
@@ -14,9 +16,8 @@
 #include "format/image_info_records.h"
 #include "format/main_header_block.h"
 #include "format/module_header.h"
-#include "inspect/image_model.h"
-#include "inspect/module_chain.h"
-#include "inspect/module_data.h"
+#include "image/chain_walker.h"
+#include "image/module_data.h"
 #include "platform/byte_order.h"
 #include "platform/text_format.h"
 

@@ -1,4 +1,4 @@
-#include "inspect/module_data.h"
+#include "image/module_data.h"
 
 #include "compress/lzh_decoder.h"
 #include "format/compressed_data_header.h"
@@ -54,6 +54,20 @@ DecodeResult DecodeStoredData(std::span<const std::uint8_t> stored) {
     r.status = stopped_size ? DecodeStatus::CutOff : DecodeStatus::Malformed;
     r.message = error;
     return r;
+}
+
+ModuleSizes SizesOf(std::span<const std::uint8_t> image, const Module& m) {
+    ModuleSizes s;
+    s.stored = m.Linked() ? 0 : m.header.data_size;
+    if (!m.Compressed() || m.pieces.empty()) return s;
+    // The compressed-data header is at the start of the first piece.
+    const Piece& first = m.pieces.front();
+    if (first.length < compressed_data_header::kSize) return s;
+    s.compressed = true;
+    s.total = load_le32(image.data() + first.offset + compressed_data_header::TotalSize.offset);
+    s.original =
+        load_le32(image.data() + first.offset + compressed_data_header::OriginalSize.offset);
+    return s;
 }
 
 }  // namespace fwforge::inspect

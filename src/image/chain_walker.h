@@ -10,7 +10,7 @@
 #include <span>
 #include <string>
 
-#include "inspect/image_model.h"
+#include "image/image_model.h"
 
 namespace fwforge::inspect {
 

@@ -1,4 +1,4 @@
-#include "inspect/verify.h"
+#include "check/verify.h"
 
 #include <algorithm>
 
@@ -9,7 +9,8 @@
 #include "format/image_info_records.h"
 #include "format/main_header_block.h"
 #include "format/module_header.h"
-#include "inspect/module_data.h"
+#include "image/extents.h"
+#include "image/module_data.h"
 #include "platform/byte_order.h"
 #include "platform/text_format.h"
 
@@ -310,57 +311,6 @@ void CheckOverlaps(const ImageModel& model, VerifyReport& report) {
 }
 
 }  // namespace
-
-std::vector<Extent> MergedCover(std::vector<Extent> extents) {
-    std::sort(extents.begin(), extents.end(),
-              [](const Extent& a, const Extent& b) { return a.begin < b.begin; });
-    std::vector<Extent> merged;
-    for (const Extent& e : extents) {
-        if (e.end <= e.begin) continue;
-        if (!merged.empty() && e.begin <= merged.back().end) {
-            merged.back().end = std::max(merged.back().end, e.end);
-        } else {
-            merged.push_back({e.begin, e.end, ""});
-        }
-    }
-    return merged;
-}
-
-std::vector<Extent> TopLevelExtents(const ImageModel& model, bool with_modules) {
-    std::vector<Extent> items;
-    auto add = [&](std::uint64_t begin, std::uint64_t size, std::string name) {
-        if (size == 0 || begin >= model.size) return;
-        const std::uint64_t end = std::min<std::uint64_t>(begin + size, model.size);
-        items.push_back(
-            {static_cast<std::uint32_t>(begin), static_cast<std::uint32_t>(end), std::move(name)});
-    };
-    if (model.boot_block_size) {
-        add(model.size - *model.boot_block_size, *model.boot_block_size, "boot block");
-    }
-    if (model.ebb) add(model.ebb->offset, model.ebb->length, "Extended Boot Block");
-    if (model.nvram_offset) add(*model.nvram_offset, *model.nvram_size, "NVRAM area");
-    if (model.main) add(model.main->BlockStart(), main_header::kBlockSize, "main BIOS header");
-    for (const Module& m : model.modules) {
-        if (m.area != ModuleArea::Main || !with_modules) continue;
-        const std::string name = DescribeModule(model, m);
-        for (std::size_t i = 0; i < m.piece_headers.size(); ++i) {
-            add(m.piece_headers[i].offset, kHeader + std::uint64_t(m.pieces[i].length),
-                name + StrFormat(" piece %zu", i + 1));
-        }
-        const std::uint64_t data = m.Linked() ? 0 : m.pieces.back().length;
-        add(m.header.offset, kHeader + data, m.Split() ? name + " last piece" : name);
-    }
-    for (std::size_t i = 0; i < model.ncbs.size(); ++i) {
-        add(model.ncbs[i].offset, model.ncbs[i].length, StrFormat("non-critical block %zu", i + 1));
-    }
-    for (const ImageInfoItemHole& hole : model.info.holes) {
-        if (hole.kind == rec::kNonCriticalBlock) continue;  // listed as the block itself
-        add(hole.start, hole.size, hole.kind == rec::kFileHole ? "ROM hole (file)" : "ROM hole");
-    }
-    std::sort(items.begin(), items.end(),
-              [](const Extent& a, const Extent& b) { return a.begin < b.begin; });
-    return items;
-}
 
 bool DescribeCannotUnpack(const ImageModel& model, const Module& m, const DecodeResult& decoded,
                           CannotUnpack& out) {
