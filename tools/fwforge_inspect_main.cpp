@@ -17,7 +17,7 @@
 
 namespace {
 
-constexpr int kBadCommandLine = 2;
+constexpr int kBadCommandLine = fwforge::inspect::ExitCode(fwforge::inspect::ExitStatus::Unusable);
 
 std::optional<std::uint32_t> ParseHex(std::string_view text) {
     if (text.starts_with("0x") || text.starts_with("0X")) text.remove_prefix(2);
@@ -133,11 +133,13 @@ int main(int argc, char** argv) {
 
     int status = kBadCommandLine;
     if (app.got_subcommand(edit)) {
-        if (reading.Apply(replace.options)) status = fwforge::edit::RunReplace(replace, std::cout);
+        if (reading.Apply(replace.options)) {
+            status = fwforge::inspect::ExitCode(fwforge::edit::RunReplace(replace, std::cout));
+        }
     } else {
         inspect.command = app.get_subcommands().front()->get_name();
         if (reading.Apply(inspect.options)) {
-            status = fwforge::inspect::RunCommand(inspect, std::cout);
+            status = fwforge::inspect::ExitCode(fwforge::inspect::RunCommand(inspect, std::cout));
         }
     }
     std::cout.flush();

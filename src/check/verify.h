@@ -12,13 +12,9 @@
 
 #include "image/image_model.h"
 #include "image/module_data.h"
+#include "image/outcome.h"
 
 namespace fwforge::inspect {
-
-// Exit status classes of `verify` (2 is a bad command line or an unreadable file).
-inline constexpr int kVerifyIntact = 0;
-inline constexpr int kVerifyDamaged = 1;
-inline constexpr int kVerifyCannotUnpack = 3;
 
 // A compressed module of an intact image that does not decode: why, and what to change
 // in the build script.
@@ -34,10 +30,11 @@ struct VerifyReport {
     std::vector<std::string> notes;  // checks that could not be made, and why
     int checks = 0;                  // checks made
     bool Clean() const { return problems.empty(); }
-    int Status() const {
-        return !problems.empty()        ? kVerifyDamaged
-               : !cannot_unpack.empty() ? kVerifyCannotUnpack
-                                        : kVerifyIntact;
+    // The exit status of `verify`: damaged, intact but not all unpackable, or intact.
+    ExitStatus Status() const {
+        return !problems.empty()        ? ExitStatus::Problems
+               : !cannot_unpack.empty() ? ExitStatus::CannotUnpack
+                                        : ExitStatus::Ok;
     }
 };
 

@@ -136,7 +136,7 @@ ReplaceOutcome ReplaceModule(std::span<const std::uint8_t> image, const ReplaceR
     ReplaceOutcome out;
     const ImageModel model = inspect::ReadImage(image, request.options);
     const inspect::VerifyReport verified = inspect::Verify(image, model);
-    if (!model.main || verified.Status() == inspect::kVerifyDamaged) {
+    if (!model.main || verified.Status() == inspect::ExitStatus::Problems) {
         out.error = "the image is damaged, and replace changes intact images only: " +
                     FirstProblem(verified);
         return out;
@@ -193,7 +193,7 @@ ReplaceOutcome ReplaceModule(std::span<const std::uint8_t> image, const ReplaceR
     const ImageModel after = inspect::ReadImage(result, request.options);
     const inspect::VerifyReport check = inspect::Verify(result, after);
     const Module* replaced = Counterpart(after, module);
-    if (check.Status() == inspect::kVerifyDamaged || !replaced) {
+    if (check.Status() == inspect::ExitStatus::Problems || !replaced) {
         out.error = "the new image does not verify: " +
                     (check.problems.empty() ? std::string("the module is gone")
                                             : FirstProblem(check));

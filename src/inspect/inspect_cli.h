@@ -1,15 +1,16 @@
 #pragma once
 // fwforge-inspect COMMAND IMAGE [options]: list, verify, extract, map and diff a ROM
-// image. Exit status 0 when the command found everything in order, 1 when the image
-// has problems (or differs, for diff), 2 for a bad command line or an image that
-// cannot be read at all (for verify: a file that cannot be read), 3 from verify and
-// extract for an image that is intact as built but holds compressed modules that
-// cannot be unpacked.
+// image, each ending with an ExitStatus (image/outcome.h): Ok when the command found
+// everything in order, Problems when the image has problems (or differs, for diff),
+// Unusable for an image that cannot be read at all (for verify: a file that cannot be
+// read), CannotUnpack from verify and extract for an image that is intact as built but
+// holds compressed modules that cannot be unpacked.
 
 #include <ostream>
 #include <string>
 
 #include "image/image_model.h"
+#include "image/outcome.h"
 
 namespace fwforge::inspect {
 
@@ -23,6 +24,6 @@ struct Command {
     InspectOptions options;
 };
 
-int RunCommand(const Command& command, std::ostream& out);
+ExitStatus RunCommand(const Command& command, std::ostream& out);
 
 }  // namespace fwforge::inspect

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "check/problems.h"
 #include "check/verify.h"
 #include "format/module_header.h"
 #include "image/extents.h"
@@ -208,7 +209,7 @@ std::string MapText(std::span<const std::uint8_t> image, const ImageModel& model
                       StrFormat("%x-%x", e.begin, e.end - 1).c_str(), e.end - e.begin,
                       e.name.c_str(), e.details.empty() ? "" : ": ", e.details.c_str());
     }
-    for (const Finding& f : model.problems) out += "PROBLEM: " + f.where + ": " + f.what + "\n";
+    out += ProblemLines(model.problems);
     return out;
 }
 
@@ -262,7 +263,7 @@ std::string MapHtml(std::span<const std::uint8_t> image, const ImageModel& model
          "<div id=\"picture\"><div id=\"band\"></div></div>\n<aside>\n"
          "<ul id=\"legend\"></ul>\n<h2>Details</h2>\n<div id=\"details\"></div>\n";
     for (const Finding& f : model.problems) {
-        h += "<p class=\"problem\">PROBLEM: " + HtmlEscape(f.where + ": " + f.what) + "</p>\n";
+        h += "<p class=\"problem\">" + HtmlEscape(ProblemText(f)) + "</p>\n";
     }
     h += "<h2>Modules</h2>\n<table id=\"modules\">\n<tr><th>area</th><th>#</th><th>id</th>"
          "<th>attributes</th><th>destination</th><th>header</th><th>stored</th>"

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "check/problems.h"
 #include "format/compressed_data_header.h"
 #include "format/image_info_records.h"
 #include "format/main_header_block.h"
@@ -174,9 +175,7 @@ std::string ListText(std::span<const std::uint8_t> image, const ImageModel& mode
         out += "  " + Range(model, runs[i].offset, runs[i].length) + "\n";
     }
     if (!model.link_form_note.empty()) out += "NOTE: " + model.link_form_note + "\n";
-    for (const Finding& f : model.problems) {
-        out += "PROBLEM: " + f.where + ": " + f.what + "\n";
-    }
+    out += ProblemLines(model.problems);
     return out;
 }
 
@@ -319,16 +318,16 @@ std::string ListJson(std::span<const std::uint8_t> image, const ImageModel& mode
 
 std::string VerifyText(const VerifyReport& report) {
     std::string out;
-    for (const Finding& f : report.problems) out += "PROBLEM: " + f.where + ": " + f.what + "\n";
+    out += ProblemLines(report.problems);
     for (const CannotUnpack& c : report.cannot_unpack) {
         out += "CANNOT UNPACK: " + c.module + ": " + c.reason + "; " + c.change + "\n";
     }
     for (const std::string& n : report.notes) out += "NOTE: " + n + "\n";
     switch (report.Status()) {
-        case kVerifyIntact:
+        case ExitStatus::Ok:
             out += StrFormat("verify: OK, %d checks passed\n", report.checks);
             break;
-        case kVerifyCannotUnpack:
+        case ExitStatus::CannotUnpack:
             out += StrFormat(
                 "verify: intact as built, %d checks passed, but %zu compressed %s cannot be "
                 "unpacked\n",
@@ -343,7 +342,7 @@ std::string VerifyText(const VerifyReport& report) {
 }
 
 std::string VerifyJson(const VerifyReport& report) {
-    const int status = report.Status();
+    const ExitStatus status = report.Status();
     Json cannot = Json::array();
     for (const CannotUnpack& c : report.cannot_unpack) {
         cannot.push_back({{"module", JsonText(c.module)},
@@ -351,11 +350,11 @@ std::string VerifyJson(const VerifyReport& report) {
                           {"change", JsonText(c.change)}});
     }
     const Json out = {{"schema_version", kJsonSchemaVersion},
-                      {"status", status},
-                      {"result", status == kVerifyIntact    ? "intact"
-                                 : status == kVerifyDamaged ? "damaged"
-                                                            : "cannot unpack"},
-                      {"ok", status == kVerifyIntact},
+                      {"status", ExitCode(status)},
+                      {"result", status == ExitStatus::Ok         ? "intact"
+                                 : status == ExitStatus::Problems ? "damaged"
+                                                                  : "cannot unpack"},
+                      {"ok", status == ExitStatus::Ok},
                       {"checks", report.checks},
                       {"problems", JsonFindings(report.problems)},
                       {"cannot_unpack", std::move(cannot)},

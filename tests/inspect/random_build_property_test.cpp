@@ -289,8 +289,8 @@ void CheckReplace(const RandomScript& script, const std::vector<std::uint8_t>& r
     const ImageModel after = ReadImage(outcome.image, {});
     const VerifyReport report = Verify(outcome.image, after);
     // Only modules that could not be unpacked before may keep the image from verify's 0.
-    EXPECT_TRUE(report.Status() == kVerifyIntact ||
-                (report.Clean() && Verify(rom, model).Status() == kVerifyCannotUnpack))
+    EXPECT_TRUE(report.Status() == ExitStatus::Ok ||
+                (report.Clean() && Verify(rom, model).Status() == ExitStatus::CannotUnpack))
         << VerifyText(report);
     if (m.header.id == kDescriptorModuleId) return;  // patched with its place
     const std::vector<std::uint8_t> stored =
@@ -324,7 +324,7 @@ void CheckJson(const std::vector<std::uint8_t>& rom, const ImageModel& model,
     }
     const auto verify = nlohmann::json::parse(VerifyJson(report));
     EXPECT_EQ(verify.at("schema_version"), kJsonSchemaVersion);
-    EXPECT_EQ(verify.at("status"), report.Status());
+    EXPECT_EQ(verify.at("status"), ExitCode(report.Status()));
     EXPECT_EQ(verify.at("problems").size(), report.problems.size());
 }
 
@@ -352,8 +352,8 @@ TEST(RandomBuildProperty, InspectorReadsBackEveryBuiltImage) {
         verify.command = "verify";
         verify.image = script.rom;
         std::ostringstream verify_out;
-        const int status = RunCommand(verify, verify_out);
-        ASSERT_TRUE(status == kVerifyIntact || status == kVerifyCannotUnpack)
+        const ExitStatus status = RunCommand(verify, verify_out);
+        ASSERT_TRUE(status == ExitStatus::Ok || status == ExitStatus::CannotUnpack)
             << verify_out.str() << script.text;
         const ImageModel model = ReadImage(rom, {});
         const VerifyReport report = Verify(rom, model);
@@ -367,7 +367,7 @@ TEST(RandomBuildProperty, InspectorReadsBackEveryBuiltImage) {
             std::vector<std::uint8_t> flipped = rom;
             const std::uint32_t at = Pick(Covered(*model.main, script), r);
             flipped[at] ^= static_cast<std::uint8_t>(1 + r.Below(255));
-            EXPECT_EQ(Verify(flipped, ReadImage(flipped, {})).Status(), kVerifyDamaged)
+            EXPECT_EQ(Verify(flipped, ReadImage(flipped, {})).Status(), ExitStatus::Problems)
                 << StrFormat("byte %x flipped", at) << "\n"
                 << script.text;
         }
@@ -392,7 +392,7 @@ TEST(RandomBuildProperty, InspectorReadsBackEveryBuiltImage) {
         seen["block modules"] +=
             std::any_of(model.modules.begin(), model.modules.end(),
                         [](const Module& m) { return m.area == ModuleArea::Ncb; });
-        seen["cannot unpack"] += status == kVerifyCannotUnpack;
+        seen["cannot unpack"] += status == ExitStatus::CannotUnpack;
         for (const ImageInfoItemHole& hole : model.info.holes)
             seen["ROM hole file"] += hole.kind == 1;
         for (const ImageInfoItemConstrained& c : model.info.constrained) {
