@@ -29,17 +29,9 @@ struct Finding {
     std::string what;
 };
 
-// One 20-byte module header as it stands in the image.
-struct HeaderView {
+// One 20-byte module header as it stands in the image: its fields, and where it is.
+struct HeaderView : ModuleHeaderFields {
     std::uint32_t offset = 0;  // image offset of the header's first byte
-    std::uint32_t data_size = 0;
-    std::uint32_t checksum = 0;
-    std::uint32_t next_link = 0;
-    std::uint16_t data_size16 = 0;
-    std::uint8_t id = 0;
-    std::uint8_t attributes = 0;
-    std::uint16_t dest_offset = 0;   // or PCI vendor id
-    std::uint16_t dest_segment = 0;  // or PCI device id
 };
 
 // A range of data bytes in the image.

@@ -15,20 +15,22 @@ constexpr std::uint32_t kLargestOriginal = 64u << 20;
 }  // namespace
 
 DecodeResult DecodeStoredData(std::span<const std::uint8_t> stored) {
-    namespace header = compressed_data_header;
     DecodeResult r;
-    if (stored.size() < kCompressedOverhead) {
-        r.status = DecodeStatus::BadHeader;
-        r.message = StrFormat("%zx bytes are too few for compressed data", stored.size());
-        return r;
-    }
-    r.total = load_le32(stored.data() + header::TotalSize.offset);
-    r.original = load_le32(stored.data() + header::OriginalSize.offset);
-    if (r.total < kCompressedOverhead || r.total > stored.size()) {
-        r.status = DecodeStatus::BadHeader;
-        r.message =
-            StrFormat("total size %x does not fit the %zx stored bytes", r.total, stored.size());
-        return r;
+    const CompressedFrame frame = ReadCompressedFrame(stored);
+    r.total = frame.total;
+    r.original = frame.original;
+    switch (frame.fault) {
+        case CompressedFrame::Fault::TooShort:
+            r.status = DecodeStatus::BadHeader;
+            r.message = StrFormat("%zx bytes are too few for compressed data", stored.size());
+            return r;
+        case CompressedFrame::Fault::BadTotal:
+            r.status = DecodeStatus::BadHeader;
+            r.message =
+                StrFormat("total size %x does not fit the %zx stored bytes", r.total, stored.size());
+            return r;
+        case CompressedFrame::Fault::None:
+            break;
     }
     if (r.original > kLargestOriginal) {
         r.status = DecodeStatus::Malformed;
@@ -40,14 +42,13 @@ DecodeResult DecodeStoredData(std::span<const std::uint8_t> stored) {
     // is then exactly what it read + 9, and the stream ends wherever it was cut.
     const bool stopped_size = r.total == r.original + kCompressedOverhead;
     std::string error;
-    auto bytes = lzh::DecodeLh5(stored.subspan(header::kSize, r.total - kCompressedOverhead),
-                                r.original, &error);
+    auto bytes = lzh::DecodeLh5(frame.stream, r.original, &error);
     if (bytes) {
         r.status = DecodeStatus::Ok;
         r.bytes = std::move(*bytes);
-        if (stored[r.total - 1] != 0x00) {
+        if (frame.closing != 0x00) {
             r.status = DecodeStatus::Malformed;
-            r.message = StrFormat("the closing byte is %02x, not 00", stored[r.total - 1]);
+            r.message = StrFormat("the closing byte is %02x, not 00", frame.closing);
         }
         return r;
     }
