@@ -155,8 +155,7 @@ void CheckModule(Bytes image, const ImageModel& model, const Module& m, const Mo
             {name, StrFormat("checksum %08x does not match: covered bytes sum to %08x, not 0",
                              m.header.checksum, sum)});
     }
-    const std::uint16_t expect16 =
-        m.header.data_size < 0x10000 ? static_cast<std::uint16_t>(m.header.data_size) : 0xFFFF;
+    const std::uint16_t expect16 = DataSize16For(m.header.data_size);
     ++report.checks;
     if (m.header.data_size16 != expect16) {
         report.problems.push_back(
@@ -166,9 +165,7 @@ void CheckModule(Bytes image, const ImageModel& model, const Module& m, const Mo
     if (!decoded) return;
     ++report.checks;
     CannotUnpack entry;
-    if (decoded->status == DecodeStatus::Unavailable) {
-        report.notes.push_back(name + ": not decoded (" + decoded->message + ")");
-    } else if (DescribeCannotUnpack(model, m, *decoded, entry)) {
+    if (DescribeCannotUnpack(model, m, *decoded, entry)) {
         // Data that its own checksum seals is what the build wrote; otherwise the
         // damage may be what keeps it from decoding.
         if (sealed) {
@@ -213,26 +210,29 @@ void CheckMainRegion(Bytes image, const ImageModel& model, VerifyReport& report)
     }
 }
 
-void CheckEbb(Bytes image, const ImageModel& model, VerifyReport& report) {
-    const Block& b = *model.ebb;
-    const std::string name = StrFormat("EBB at %x", model.Address(b.offset));
+// The two checksums of a block's header: HeaderChecksum by the block's own rule, and
+// BlockChecksum over the whole block.
+void CheckBlock(Bytes image, const Block& b, const std::string& name, HeaderChecksumRule rule,
+                VerifyReport& report) {
     ++report.checks;
-    // Taken over the header with BlockChecksum in place, low 16 bits of a dword sum.
-    const std::uint16_t expect =
-        BlockHeaderChecksum(image, b.offset, HeaderChecksumRule::LowWordOfDwordChecksum);
+    const std::uint16_t expect = BlockHeaderChecksum(image, b.offset, rule);
     if (expect != b.header_checksum) {
         report.problems.push_back({name, StrFormat("header checksum %04x does not match (%04x)",
                                                    b.header_checksum, expect)});
     }
-    std::vector<std::uint8_t> block(image.begin() + b.offset, image.begin() + b.offset + b.length);
-    store_le16(&block[block_header::HeaderChecksum.offset], 0);
-    store_le32(&block[block_header::BlockChecksum.offset], 0);
     ++report.checks;
-    const std::uint32_t expect_block = DwordChecksum(block, 0, block.size());
+    const std::uint32_t expect_block = ComputeBlockChecksum(image, b.offset, b.length);
     if (expect_block != b.block_checksum) {
         report.problems.push_back({name, StrFormat("block checksum %08x does not match (%08x)",
                                                    b.block_checksum, expect_block)});
     }
+}
+
+void CheckEbb(Bytes image, const ImageModel& model, VerifyReport& report) {
+    const Block& b = *model.ebb;
+    const std::string name = StrFormat("EBB at %x", model.Address(b.offset));
+    // Taken over the header with BlockChecksum in place, low 16 bits of a dword sum.
+    CheckBlock(image, b, name, HeaderChecksumRule::LowWordOfDwordChecksum, report);
     if (model.boot_block_size) {
         ++report.checks;
         const std::uint64_t end = std::uint64_t(b.offset) + b.length;
@@ -246,24 +246,8 @@ void CheckEbb(Bytes image, const ImageModel& model, VerifyReport& report) {
 
 void CheckNcb(Bytes image, const ImageModel& model, std::size_t i, VerifyReport& report) {
     const Block& b = model.ncbs[i];
-    const std::string name =
-        StrFormat("non-critical block %zu at %x", i + 1, model.Address(b.offset));
-    std::vector<std::uint8_t> block(image.begin() + b.offset, image.begin() + b.offset + b.length);
-    ++report.checks;
-    const std::uint16_t expect =
-        BlockHeaderChecksum(image, b.offset, HeaderChecksumRule::WordChecksum);
-    if (expect != b.header_checksum) {
-        report.problems.push_back({name, StrFormat("header checksum %04x does not match (%04x)",
-                                                   b.header_checksum, expect)});
-    }
-    store_le16(&block[block_header::HeaderChecksum.offset], 0);
-    store_le32(&block[block_header::BlockChecksum.offset], 0);
-    ++report.checks;
-    const std::uint32_t expect_block = DwordChecksum(block, 0, block.size());
-    if (expect_block != b.block_checksum) {
-        report.problems.push_back({name, StrFormat("block checksum %08x does not match (%08x)",
-                                                   b.block_checksum, expect_block)});
-    }
+    CheckBlock(image, b, StrFormat("non-critical block %zu at %x", i + 1, model.Address(b.offset)),
+               HeaderChecksumRule::WordChecksum, report);
 }
 
 void CheckOverlaps(const ImageModel& model, VerifyReport& report) {
@@ -317,7 +301,6 @@ bool DescribeCannotUnpack(const ImageModel& model, const Module& m, const Decode
     out.module = ModuleName(model, m);
     switch (decoded.status) {
         case DecodeStatus::Ok:
-        case DecodeStatus::Unavailable:
             return false;
         case DecodeStatus::CutOff:
             out.reason = StrFormat(

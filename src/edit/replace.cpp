@@ -211,8 +211,7 @@ ReplaceOutcome ReplaceModule(std::span<const std::uint8_t> image, const ReplaceR
                 name.c_str(), request.file_name.c_str(), decoded.total, decoded.original);
             return out;
         }
-        if (decoded.status != inspect::DecodeStatus::Ok &&
-            decoded.status != inspect::DecodeStatus::Unavailable) {
+        if (decoded.status != inspect::DecodeStatus::Ok) {
             out.error = StrFormat(
                 "%s: %s does not hold compressed data that the firmware could unpack (%s)%s",
                 name.c_str(), request.file_name.c_str(), decoded.message.c_str(),

@@ -17,7 +17,6 @@ enum class DecodeStatus {
     BadHeader,    // the total size does not fit the stored data
     CutOff,       // the encoder's output bound stopped the stream; it cannot be decoded
     Malformed,    // the stream does not decode to the original size
-    Unavailable,  // no decoder in this build
 };
 
 struct DecodeResult {
