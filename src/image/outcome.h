@@ -24,12 +24,11 @@ constexpr int ExitCode(ExitStatus status) { return static_cast<int>(status); }
 enum class FailureKind {
     Unreadable,  // a file that cannot be opened or read
     Unwritable,  // a file or folder that cannot be created or written
-    Unusable,    // an image in which nothing can be told apart (no main BIOS header)
     Refused,     // a change that the image cannot take
 };
 
 struct Failure {
-    FailureKind kind = FailureKind::Unusable;
+    FailureKind kind = FailureKind::Refused;
     std::string message;  // a whole line of text, without its line end
 
     ExitStatus Status() const {
