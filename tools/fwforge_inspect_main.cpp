@@ -18,7 +18,7 @@
 
 namespace {
 
-constexpr int kBadCommandLine = 2;
+constexpr int kBadCommandLine = fwforge::inspect::ExitCode(fwforge::inspect::ExitStatus::Unusable);
 
 std::optional<std::uint32_t> ParseHex(std::string_view text) {
     if (text.starts_with("0x") || text.starts_with("0X")) text.remove_prefix(2);
@@ -134,12 +134,16 @@ int main(int argc, char** argv) {
 
     int status = kBadCommandLine;
     if (app.got_subcommand(edit)) {
-        if (reading.Apply(replace.options)) status = fwforge::edit::RunReplace(replace, std::cout);
+        if (reading.Apply(replace.options)) {
+            status = fwforge::inspect::ExitCode(fwforge::edit::RunReplace(replace, std::cout));
+        }
     } else {
         inspect.command = app.get_subcommands().front()->get_name();
         if (reading.Apply(inspect.options)) {
-            status = inspect.command == "extract" ? fwforge::rebuild::RunExtract(inspect, std::cout)
-                                                  : fwforge::inspect::RunCommand(inspect, std::cout);
+            const fwforge::inspect::ExitStatus done =
+                inspect.command == "extract" ? fwforge::rebuild::RunExtract(inspect, std::cout)
+                                             : fwforge::inspect::RunCommand(inspect, std::cout);
+            status = fwforge::inspect::ExitCode(done);
         }
     }
     std::cout.flush();

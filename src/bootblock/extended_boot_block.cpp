@@ -164,7 +164,7 @@ void BuildExtendedBootBlock(BuildContext& ctx) {
         if (fill + size + kSize > ebb_size) ctx.diag.Fatal("Out of EBB space!");
         record.Header.SetDataSize(std::uint32_t(size));
         store_le32(record.Header.bytes.data() + module_header::Checksum.offset, 0);
-        record.Header.SetDataSize16(size >= 0x10000 ? 0xFFFF : std::uint16_t(size));
+        record.Header.SetDataSize16(DataSize16For(size));
 
         const std::uint32_t header = ebb_start + std::uint32_t(fill);
         ctx.diag.Printf(" at %x\n", unsigned(header));

@@ -284,23 +284,22 @@ std::optional<std::vector<std::uint8_t>> DecodeCompressedData(std::span<const st
         if (error != nullptr) *error = std::move(message);
         return std::nullopt;
     };
-    if (data.size() < kCompressedOverhead) {
-        return fail(StrFormat("compressed data of %zu bytes is shorter than its %u-byte frame",
-                              data.size(), kCompressedOverhead));
+    const CompressedFrame frame = ReadCompressedFrame(data);
+    switch (frame.fault) {
+        case CompressedFrame::Fault::TooShort:
+            return fail(StrFormat("compressed data of %zu bytes is shorter than its %u-byte frame",
+                                  data.size(), kCompressedOverhead));
+        case CompressedFrame::Fault::BadTotal:
+            return fail(StrFormat("total size %u is outside 9..%zu, the size of the data",
+                                  frame.total, data.size()));
+        case CompressedFrame::Fault::None:
+            break;
     }
-    const std::uint32_t total = load_le32(data.data() + compressed_data_header::TotalSize.offset);
-    const std::uint32_t original =
-        load_le32(data.data() + compressed_data_header::OriginalSize.offset);
-    if (total < kCompressedOverhead || total > data.size()) {
-        return fail(
-            StrFormat("total size %u is outside 9..%zu, the size of the data", total, data.size()));
+    if (frame.closing != 0x00) {
+        return fail(StrFormat("the closing byte at offset %u is %02x, not 00", frame.total - 1,
+                              frame.closing));
     }
-    if (data[total - 1] != 0x00) {
-        return fail(
-            StrFormat("the closing byte at offset %u is %02x, not 00", total - 1, data[total - 1]));
-    }
-    return DecodeLh5(data.subspan(compressed_data_header::kSize, total - kCompressedOverhead),
-                     original, error, trace);
+    return DecodeLh5(frame.stream, frame.original, error, trace);
 }
 
 }  // namespace fwforge::lzh

@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-#include "inspect/image_model.h"
+#include "image/image_model.h"
 
 namespace fwforge::edit {
 

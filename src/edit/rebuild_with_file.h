@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "image/image_model.h"
 #include "inspect/extract.h"
-#include "inspect/image_model.h"
 
 namespace fwforge::edit {
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "check/verify.h"
 #include "compress/module_compressor.h"
 #include "edit/module_selector.h"
 #include "edit/rebuild_with_file.h"
@@ -9,9 +10,9 @@
 #include "rebuild/rebuild.h"
 #include "format/main_header_block.h"
 #include "format/module_header.h"
+#include "image/image_reader.h"
+#include "image/module_data.h"
 #include "inspect/extract.h"
-#include "inspect/module_data.h"
-#include "inspect/verify.h"
 #include "platform/text_format.h"
 #include "script/boot_block_stamp.h"
 
@@ -141,7 +142,7 @@ ReplaceOutcome ReplaceModule(std::span<const std::uint8_t> image, const ReplaceR
     ReplaceOutcome out;
     const ImageModel model = inspect::ReadImage(image, request.options);
     const inspect::VerifyReport verified = inspect::Verify(image, model);
-    if (!model.main || verified.Status() == inspect::kVerifyDamaged) {
+    if (!model.main || verified.Status() == inspect::ExitStatus::Problems) {
         out.error = "the image is damaged, and replace changes intact images only: " +
                     FirstProblem(verified);
         return out;
@@ -211,7 +212,7 @@ ReplaceOutcome ReplaceModule(std::span<const std::uint8_t> image, const ReplaceR
     const ImageModel after = inspect::ReadImage(result, request.options);
     const inspect::VerifyReport check = inspect::Verify(result, after);
     const Module* replaced = Counterpart(after, module);
-    if (check.Status() == inspect::kVerifyDamaged || !replaced) {
+    if (check.Status() == inspect::ExitStatus::Problems || !replaced) {
         out.error = "the new image does not verify: " +
                     (check.problems.empty() ? std::string("the module is gone")
                                             : FirstProblem(check));
@@ -229,8 +230,7 @@ ReplaceOutcome ReplaceModule(std::span<const std::uint8_t> image, const ReplaceR
                 name.c_str(), request.file_name.c_str(), decoded.total, decoded.original);
             return out;
         }
-        if (decoded.status != inspect::DecodeStatus::Ok &&
-            decoded.status != inspect::DecodeStatus::Unavailable) {
+        if (decoded.status != inspect::DecodeStatus::Ok) {
             out.error = StrFormat(
                 "%s: %s does not hold compressed data that the firmware could unpack (%s)%s",
                 name.c_str(), request.file_name.c_str(), decoded.message.c_str(),

@@ -13,9 +13,10 @@
 namespace fwforge::edit {
 namespace {
 
-constexpr int kWritten = 0;
-constexpr int kRefused = 1;
-constexpr int kUnusable = 2;
+using inspect::ExitStatus;
+constexpr ExitStatus kWritten = ExitStatus::Ok;
+constexpr ExitStatus kRefused = ExitStatus::Problems;
+constexpr ExitStatus kUnusable = ExitStatus::Unusable;
 
 // Whether the two names denote one file: the same name, or two names of one existing file.
 bool SameFile(const std::string& a, const std::string& b) {
@@ -38,7 +39,7 @@ std::optional<std::vector<std::uint8_t>> Load(const std::string& what, const std
 
 }  // namespace
 
-int RunReplace(const ReplaceCommand& cl, std::ostream& out) {
+inspect::ExitStatus RunReplace(const ReplaceCommand& cl, std::ostream& out) {
     if (SameFile(cl.image, cl.out)) {
         out << "fwforge-inspect replace: OUT " << cl.out << " names the image itself; IMAGE "
             << "is never written over: give another OUT\n";

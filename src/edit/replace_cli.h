@@ -7,7 +7,8 @@
 #include <ostream>
 #include <string>
 
-#include "inspect/image_model.h"
+#include "image/image_model.h"
+#include "image/outcome.h"
 
 namespace fwforge::edit {
 
@@ -18,6 +19,6 @@ struct ReplaceCommand {
     inspect::InspectOptions options;
 };
 
-int RunReplace(const ReplaceCommand& command, std::ostream& out);
+inspect::ExitStatus RunReplace(const ReplaceCommand& command, std::ostream& out);
 
 }  // namespace fwforge::edit

@@ -2,11 +2,12 @@
 
 #include <algorithm>
 
+#include "check/verify.h"
 #include "format/block_header.h"
 #include "format/checksum.h"
 #include "format/main_header_block.h"
 #include "format/module_header.h"
-#include "inspect/verify.h"
+#include "image/extents.h"
 #include "layout/module_insertion.h"
 #include "platform/byte_order.h"
 #include "platform/text_format.h"

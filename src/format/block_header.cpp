@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <vector>
 
 #include "format/checksum.h"
 #include "platform/byte_order.h"
@@ -18,6 +19,16 @@ std::uint16_t BlockHeaderChecksum(std::span<const std::uint8_t> image, std::size
         return std::uint16_t(DwordChecksum(header, 0, kSize));
     }
     return std::uint16_t(0u - WordSum(header, 0, kSize));
+}
+
+std::uint32_t ComputeBlockChecksum(std::span<const std::uint8_t> image, std::size_t block,
+                                   std::size_t length) {
+    using namespace block_header;
+    std::vector<std::uint8_t> bytes(image.begin() + static_cast<std::ptrdiff_t>(block),
+                                    image.begin() + static_cast<std::ptrdiff_t>(block + length));
+    store_le16(&bytes[HeaderChecksum.offset], 0);
+    store_le32(&bytes[BlockChecksum.offset], 0);
+    return DwordChecksum(bytes, 0, bytes.size());
 }
 
 void WriteBlockHeader(std::span<std::uint8_t> image, std::size_t block, std::string_view signature,

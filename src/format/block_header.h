@@ -48,6 +48,12 @@ enum class HeaderChecksumRule {
 std::uint16_t BlockHeaderChecksum(std::span<const std::uint8_t> image, std::size_t block,
                                   HeaderChecksumRule rule);
 
+// The BlockChecksum that seals the block of `length` bytes at `block` in `image` (which
+// holds it) as its bytes stand: with both checksum fields counted as 0, and bytes past
+// the block's end, where its length is not a multiple of 4, as 0.
+std::uint32_t ComputeBlockChecksum(std::span<const std::uint8_t> image, std::size_t block,
+                                   std::size_t length);
+
 // Writes the header of the block of `block_length` bytes at image offset `block` and
 // seals it: BlockChecksum first, over the whole block with both checksum fields 0,
 // then HeaderChecksum by `rule`. Neither is recomputed after the other. The caller has

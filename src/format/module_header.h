@@ -8,6 +8,7 @@
 #include <optional>
 
 #include "format/field.h"
+#include "platform/byte_order.h"
 
 namespace fwforge {
 
@@ -17,13 +18,59 @@ inline constexpr std::size_t kExtensionSize = 8;  // base header starts here
 inline constexpr HeaderField DataSize{0, 4};
 inline constexpr HeaderField Checksum{4, 4};
 inline constexpr HeaderField NextModuleLink{8, 4};
-inline constexpr HeaderField DataSize16{12, 2};  // 0xFFFF when DataSize does not fit
+inline constexpr HeaderField DataSize16{12, 2};  // DataSize16For(DataSize)
 inline constexpr HeaderField ModuleId{14, 1};
 inline constexpr HeaderField ModuleAttributes{15, 1};
 inline constexpr HeaderField DestOffset{16, 2};   // or the PCI VendorId of an add-on ROM
 inline constexpr HeaderField DestSegment{18, 2};  // or the PCI DeviceId of an add-on ROM
 static_assert(Checksum.end() == kExtensionSize && DestSegment.end() == kSize);
 }  // namespace module_header
+
+// DataSize16 of a module of `size` data bytes: the size where it fits 16 bits, else
+// kDataSize16TooLarge.
+inline constexpr std::uint16_t kDataSize16TooLarge = 0xFFFF;
+constexpr std::uint16_t DataSize16For(std::uint32_t size) {
+    return size < 0x10000 ? static_cast<std::uint16_t>(size) : kDataSize16TooLarge;
+}
+
+// The fields of a module header, read from or written to its 20 bytes.
+struct ModuleHeaderFields {
+    std::uint32_t data_size = 0;
+    std::uint32_t checksum = 0;
+    std::uint32_t next_link = 0;
+    std::uint16_t data_size16 = 0;
+    std::uint8_t id = 0;
+    std::uint8_t attributes = 0;
+    std::uint16_t dest_offset = 0;   // or the PCI VendorId of an add-on ROM
+    std::uint16_t dest_segment = 0;  // or the PCI DeviceId of an add-on ROM
+};
+
+// `header` holds module_header::kSize bytes.
+inline ModuleHeaderFields ReadModuleHeader(const std::uint8_t* header) {
+    using namespace module_header;
+    ModuleHeaderFields h;
+    h.data_size = load_le32(header + DataSize.offset);
+    h.checksum = load_le32(header + Checksum.offset);
+    h.next_link = load_le32(header + NextModuleLink.offset);
+    h.data_size16 = load_le16(header + DataSize16.offset);
+    h.id = header[ModuleId.offset];
+    h.attributes = header[ModuleAttributes.offset];
+    h.dest_offset = load_le16(header + DestOffset.offset);
+    h.dest_segment = load_le16(header + DestSegment.offset);
+    return h;
+}
+
+inline void WriteModuleHeader(std::uint8_t* header, const ModuleHeaderFields& h) {
+    using namespace module_header;
+    store_le32(header + DataSize.offset, h.data_size);
+    store_le32(header + Checksum.offset, h.checksum);
+    store_le32(header + NextModuleLink.offset, h.next_link);
+    store_le16(header + DataSize16.offset, h.data_size16);
+    header[ModuleId.offset] = h.id;
+    header[ModuleAttributes.offset] = h.attributes;
+    store_le16(header + DestOffset.offset, h.dest_offset);
+    store_le16(header + DestSegment.offset, h.dest_segment);
+}
 
 // ModuleAttributes bits.
 namespace module_attr {

@@ -7,7 +7,7 @@
 #include "format/main_header_block.h"
 #include "format/module_room.h"
 #include "format/module_header.h"
-#include "inspect/module_data.h"
+#include "image/module_data.h"
 #include "platform/byte_order.h"
 #include "platform/text_format.h"
 #include "script/script_writer.h"

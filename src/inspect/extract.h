@@ -8,9 +8,9 @@
 #include <string>
 #include <vector>
 
-#include "inspect/image_model.h"
+#include "check/verify.h"
+#include "image/image_model.h"
 #include "script/build_description.h"
-#include "inspect/verify.h"
 
 namespace fwforge::inspect {
 

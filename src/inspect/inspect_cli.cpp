@@ -1,57 +1,70 @@
 #include "inspect/inspect_cli.h"
 
 #include <filesystem>
-#include <optional>
 #include <string>
 #include <vector>
 
-#include "inspect/diff.h"
-#include "inspect/image_model.h"
-#include "inspect/map.h"
-#include "inspect/report.h"
-#include "inspect/verify.h"
+#include "check/problems.h"
+#include "check/verify.h"
+#include "image/image_model.h"
+#include "image/image_reader.h"
 #include "platform/file_io.h"
 #include "platform/file_system.h"
 #include "platform/text_format.h"
+#include "present/diff.h"
+#include "present/map.h"
+#include "present/report.h"
 
 namespace fwforge::inspect {
-namespace {
 
-constexpr int kOk = kStatusOk;
-constexpr int kProblems = kStatusProblems;
-constexpr int kUnusable = kStatusUnusable;
-
-
-}  // namespace
-
-std::optional<std::vector<std::uint8_t>> LoadImage(const std::string& name, std::ostream& out) {
+Result<std::vector<std::uint8_t>> LoadImage(const std::string& name) {
     platform::WholeFile file = platform::ReadWholeFile(name);
     switch (file.failure) {
         case platform::WholeFile::Failure::None:
             return std::move(file.bytes);
         case platform::WholeFile::Failure::Open:
-            out << "fwforge-inspect: cannot open image " << name << "\n";
-            break;
+            return Failure{FailureKind::Unreadable, "fwforge-inspect: cannot open image " + name};
         case platform::WholeFile::Failure::Size:
-            out << "fwforge-inspect: cannot determine the size of " << name << "\n";
-            break;
+            return Failure{FailureKind::Unreadable,
+                           "fwforge-inspect: cannot determine the size of " + name};
         case platform::WholeFile::Failure::Read:
-            out << "fwforge-inspect: cannot read image " << name << "\n";
             break;
     }
-    return std::nullopt;
+    return Failure{FailureKind::Unreadable, "fwforge-inspect: cannot read image " + name};
 }
 
-int RunCommand(const Command& cl, std::ostream& out) {
-    auto image = LoadImage(cl.image, out);
-    if (!image) return kUnusable;
+Result<bool> WriteFile(const std::string& name, std::span<const std::uint8_t> bytes) {
+    if (!platform::WriteWholeFile(platform::Disk(), name, bytes)) {
+        return Failure{FailureKind::Unwritable, "fwforge-inspect: cannot write " + name};
+    }
+    return true;
+}
+
+ExitStatus Fail(const Failure& failure, std::ostream& out) {
+    out << failure.message << "\n";
+    return failure.Status();
+}
+
+namespace {
+
+// What list and map end with: the image cannot be told apart without its main BIOS
+// header; otherwise whether it has problems.
+ExitStatus ReadingStatus(const ImageModel& model) {
+    return !model.main               ? ExitStatus::Unusable
+           : model.problems.empty() ? ExitStatus::Ok
+                                    : ExitStatus::Problems;
+}
+
+}  // namespace
+
+ExitStatus RunCommand(const Command& cl, std::ostream& out) {
+    const auto image = LoadImage(cl.image);
+    if (!image) return Fail(image.Error(), out);
     const ImageModel model = ReadImage(*image, cl.options);
-    // Without a main BIOS header nothing of the image can be told apart.
-    const bool unusable = !model.main;
 
     if (cl.command == "list") {
         out << (cl.json ? ListJson(*image, model) : ListText(*image, model));
-        return unusable ? kUnusable : model.problems.empty() ? kOk : kProblems;
+        return ReadingStatus(model);
     }
     if (cl.command == "verify") {
         // An image without a main BIOS header is a damaged one here: the file was read.
@@ -60,38 +73,31 @@ int RunCommand(const Command& cl, std::ostream& out) {
         return report.Status();
     }
     if (cl.command == "diff") {
-        auto other = LoadImage(cl.argument, out);
-        if (!other) return kUnusable;
+        const auto other = LoadImage(cl.argument);
+        if (!other) return Fail(other.Error(), out);
         const ImageModel model_b = ReadImage(*other, cl.options);
-        for (const Finding& f : model.problems)
-            out << "PROBLEM: " << cl.image << ": " << f.where << ": " << f.what << "\n";
-        for (const Finding& f : model_b.problems)
-            out << "PROBLEM: " << cl.argument << ": " << f.where << ": " << f.what << "\n";
-        if (unusable || !model_b.main) return kUnusable;
+        out << ProblemLines(model.problems, cl.image + ": ")
+            << ProblemLines(model_b.problems, cl.argument + ": ");
+        if (!model.main || !model_b.main) return ExitStatus::Unusable;
         const auto differences = DiffImages(*image, model, *other, model_b);
         out << DiffText(differences);
-        return differences.empty() ? kOk : kProblems;
+        return differences.empty() ? ExitStatus::Ok : ExitStatus::Problems;
     }
     if (cl.command == "map") {
         if (cl.html.empty()) {
             out << MapText(*image, model);
         } else {
             const std::string html = MapHtml(*image, model, "ROM image map: " + cl.image);
-            if (!platform::WriteWholeFile(
-                    platform::Disk(), cl.html,
-                    std::span(reinterpret_cast<const std::uint8_t*>(html.data()), html.size()))) {
-                out << "fwforge-inspect: cannot write " << cl.html << "\n";
-                return kUnusable;
-            }
-            out << "map: " << cl.html << " written\n";
-            for (const Finding& f : model.problems) {
-                out << "PROBLEM: " << f.where << ": " << f.what << "\n";
-            }
+            const auto written = WriteFile(
+                cl.html,
+                std::span(reinterpret_cast<const std::uint8_t*>(html.data()), html.size()));
+            if (!written) return Fail(written.Error(), out);
+            out << "map: " << cl.html << " written\n" << ProblemLines(model.problems);
         }
-        return unusable ? kUnusable : model.problems.empty() ? kOk : kProblems;
+        return ReadingStatus(model);
     }
     out << "fwforge-inspect: " << cl.command << " is not a command\n";
-    return kUnusable;
+    return ExitStatus::Unusable;
 }
 
 }  // namespace fwforge::inspect

@@ -1,24 +1,25 @@
 #pragma once
 // fwforge-inspect COMMAND IMAGE [options]: list, verify, extract, map and diff a ROM
-// image. Exit status 0 when the command found everything in order, 1 when the image
-// has problems (or differs, for diff), 2 for a bad command line or an image that
-// cannot be read at all (for verify: a file that cannot be read), 3 from verify and
-// extract for an image that is intact as built but holds compressed modules that
-// cannot be unpacked.
+// image, each ending with an ExitStatus (image/outcome.h): Ok when the command found
+// everything in order, Problems when the image has problems (or differs, for diff),
+// Unusable for an image that cannot be read at all (for verify: a file that cannot be
+// read), CannotUnpack from verify and extract for an image that is intact as built but
+// holds compressed modules that cannot be unpacked.
 
 #include <cstdint>
-#include <optional>
 #include <ostream>
-#include <vector>
+#include <span>
 #include <string>
+#include <vector>
 
-#include "inspect/image_model.h"
+#include "image/image_model.h"
+#include "image/outcome.h"
 
 namespace fwforge::inspect {
 
 // One command as the command line gives it.
 struct Command {
-    std::string command;   // list, verify, extract, map or diff
+    std::string command;  // list, verify, extract, map or diff
     std::string image;
     std::string argument;  // DIR of extract, IMAGE2 of diff
     std::string html;      // map: the HTML file to write; empty for the text map
@@ -26,14 +27,16 @@ struct Command {
     InspectOptions options;
 };
 
-int RunCommand(const Command& command, std::ostream& out);
+// list, verify, map and diff; extract is rebuild::RunExtract.
+ExitStatus RunCommand(const Command& command, std::ostream& out);
 
-// The image file read whole; nothing, and a line on `out` that says why, when it cannot be.
-std::optional<std::vector<std::uint8_t>> LoadImage(const std::string& name, std::ostream& out);
+// The image file read whole.
+Result<std::vector<std::uint8_t>> LoadImage(const std::string& name);
 
-// Exit statuses of fwforge-inspect.
-inline constexpr int kStatusOk = 0;
-inline constexpr int kStatusProblems = 1;
-inline constexpr int kStatusUnusable = 2;
+// Writes `bytes` as the file `name`, whole or not at all.
+Result<bool> WriteFile(const std::string& name, std::span<const std::uint8_t> bytes);
+
+// Prints the failure's message and gives its exit status.
+ExitStatus Fail(const Failure& failure, std::ostream& out);
 
 }  // namespace fwforge::inspect

@@ -9,6 +9,6 @@
 
 namespace fwforge::rebuild {
 
-int RunExtract(const inspect::Command& command, std::ostream& out);
+inspect::ExitStatus RunExtract(const inspect::Command& command, std::ostream& out);
 
 }  // namespace fwforge::rebuild

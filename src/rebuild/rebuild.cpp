@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "driver/build_run.h"
+#include "image/image_reader.h"
 #include "platform/file_system.h"
 #include "platform/text_format.h"
 #include "script/script_writer.h"

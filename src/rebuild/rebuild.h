@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "inspect/extract.h"
-#include "inspect/image_model.h"
+#include "image/image_model.h"
 #include "script/build_description.h"
 
 namespace fwforge::rebuild {

@@ -6,10 +6,11 @@
 #include <cstdint>
 #include <span>
 
-#include "inspect/image_model.h"
-#include "inspect/map.h"
-#include "inspect/report.h"
-#include "inspect/verify.h"
+#include "check/verify.h"
+#include "image/image_model.h"
+#include "image/image_reader.h"
+#include "present/map.h"
+#include "present/report.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::span<const std::uint8_t> image(data, size);

@@ -11,7 +11,8 @@
 #include <vector>
 
 #include "edit/replace.h"
-#include "inspect/image_model.h"
+#include "image/image_model.h"
+#include "image/image_reader.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::span<const std::uint8_t> image(data, size);

@@ -12,12 +12,14 @@
 
 #include "compress/module_compressor.h"
 #include "edit/replace.h"
+#include "image/image_reader.h"
+#include "image/module_data.h"
 #include "inspect/extract.h"
 #include "rebuild/rebuild.h"
 #include "inspect/inspect_cli.h"
-#include "inspect/report.h"
 #include "platform/byte_order.h"
 #include "platform/text_format.h"
+#include "present/report.h"
 #include "support/random_script.h"
 
 namespace fwforge::inspect {
@@ -53,7 +55,7 @@ const std::pair<const char*, int> kLeast[] = {
     {"minsize", 100}, {"nowcompressed", 200}, {"junk named", 40}, {"tiny module", 100},
     {"cut off named", 100}, {"cannot unpack", 60}, {"force32", 25}, {"-c", 15},
     {"replaced in place", 50}, {"replaced in a block", 12}, {"replaced by a rebuild", 70},
-    {"replace refused", 25}};
+    {"replace refused", 25}, {"32-bit links, -c, 1 MB", 2}};
 // clang-format on
 
 // What some checksum covers: the boot block, the EBB and the main BIOS header's region
@@ -292,8 +294,8 @@ void CheckReplace(const RandomScript& script, const std::vector<std::uint8_t>& r
     const ImageModel after = ReadImage(outcome.image, {});
     const VerifyReport report = Verify(outcome.image, after);
     // Only modules that could not be unpacked before may keep the image from verify's 0.
-    EXPECT_TRUE(report.Status() == kVerifyIntact ||
-                (report.Clean() && Verify(rom, model).Status() == kVerifyCannotUnpack))
+    EXPECT_TRUE(report.Status() == ExitStatus::Ok ||
+                (report.Clean() && Verify(rom, model).Status() == ExitStatus::CannotUnpack))
         << VerifyText(report);
     if (m.header.id == kDescriptorModuleId) return;  // patched with its place
     const Module* now = &after.modules.at(&m - model.modules.data());
@@ -334,7 +336,7 @@ void CheckJson(const std::vector<std::uint8_t>& rom, const ImageModel& model,
     }
     const auto verify = nlohmann::json::parse(VerifyJson(report));
     EXPECT_EQ(verify.at("schema_version"), kJsonSchemaVersion);
-    EXPECT_EQ(verify.at("status"), report.Status());
+    EXPECT_EQ(verify.at("status"), ExitCode(report.Status()));
     EXPECT_EQ(verify.at("problems").size(), report.problems.size());
 }
 
@@ -355,8 +357,8 @@ TEST(RandomBuildProperty, InspectorReadsBackEveryBuiltImage) {
         verify.command = "verify";
         verify.image = script.rom;
         std::ostringstream verify_out;
-        const int status = RunCommand(verify, verify_out);
-        ASSERT_TRUE(status == kVerifyIntact || status == kVerifyCannotUnpack)
+        const ExitStatus status = RunCommand(verify, verify_out);
+        ASSERT_TRUE(status == ExitStatus::Ok || status == ExitStatus::CannotUnpack)
             << verify_out.str() << script.text;
         const ImageModel model = ReadImage(rom, {});
         const VerifyReport report = Verify(rom, model);
@@ -370,7 +372,7 @@ TEST(RandomBuildProperty, InspectorReadsBackEveryBuiltImage) {
             std::vector<std::uint8_t> flipped = rom;
             const std::uint32_t at = Pick(Covered(*model.main, script), r);
             flipped[at] ^= static_cast<std::uint8_t>(1 + r.Below(255));
-            EXPECT_EQ(Verify(flipped, ReadImage(flipped, {})).Status(), kVerifyDamaged)
+            EXPECT_EQ(Verify(flipped, ReadImage(flipped, {})).Status(), ExitStatus::Problems)
                 << StrFormat("byte %x flipped", at) << "\n"
                 << script.text;
         }
@@ -400,7 +402,7 @@ TEST(RandomBuildProperty, InspectorReadsBackEveryBuiltImage) {
         seen["block modules"] +=
             std::any_of(model.modules.begin(), model.modules.end(),
                         [](const Module& m) { return m.area == ModuleArea::Ncb; });
-        seen["cannot unpack"] += status == kVerifyCannotUnpack;
+        seen["cannot unpack"] += status == ExitStatus::CannotUnpack;
         for (const ImageInfoItemHole& hole : model.info.holes)
             seen["ROM hole file"] += hole.kind == 1;
         for (const ImageInfoItemConstrained& c : model.info.constrained) {
@@ -417,6 +419,8 @@ TEST(RandomBuildProperty, InspectorReadsBackEveryBuiltImage) {
             seen[key] += script.text.find(key) != std::string::npos;
         }
         seen["-c"] += !script.options.empty();
+        seen["32-bit links, -c, 1 MB"] +=
+            model.links32 && !script.options.empty() && model.size == 0x100000;
     }
     EXPECT_GE(built, 200 / kSeedStep);
     // Gap placement leaves open what the image cannot tell (whether a compressed module

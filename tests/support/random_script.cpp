@@ -206,12 +206,14 @@ RandomScript ScriptMaker::Make() {
     packable_ = r_.OneIn(2);
     out_.gap = r_.OneIn(2);
     const bool big = r_.OneIn(16);
-    static const std::uint32_t kSizes[] = {0x20000, 0x40000, 0x40000, 0x80000};
-    out_.bios_size = big ? 0x200000 : kSizes[r_.Below(4)];
+    // 1 MB is the largest image whose links can be either form, so that where the main
+    // BIOS header does not say (-c), a link can lead to something like a header in both.
+    static const std::uint32_t kSizes[] = {0x20000, 0x40000, 0x40000, 0x80000, 0x100000};
+    out_.bios_size = big ? 0x200000 : kSizes[r_.Below(5)];
     const bool force32 = !big && r_.OneIn(4);
     out_.boot_block = 0x2000u << r_.Below(4);
     out_.nvram = r_.OneIn(3) ? 0 : 0x100 * (1 + r_.Below(0x40));
-    if (r_.OneIn(10)) out_.options.push_back("-c");
+    if (r_.OneIn(force32 ? 3 : 10)) out_.options.push_back("-c");
 
     // Modules of the Extended Boot Block, in a script of their own until their place
     // among the others is chosen.

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "inspect/image_model.h"
+#include "image/image_model.h"
 
 namespace fwforge::inspect {
 

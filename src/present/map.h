@@ -7,7 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "inspect/image_model.h"
+#include "image/extents.h"
+#include "image/image_model.h"
 
 namespace fwforge::inspect {
 
@@ -22,7 +23,8 @@ struct MapEntry {
     int depth = 0;
     std::string name;
     std::string details;
-    int module = -1;  // index into ImageModel::modules
+    int module = -1;                        // index into ImageModel::modules
+    ExtentKind extent = ExtentKind::Other;  // what a region or block is
 };
 
 // The map in ascending address order.

@@ -1,9 +1,9 @@
 #pragma once
 // What fwforge-inspect knows about a ROM image after reading it: the regions from the
 // top down, the module chains (main BIOS, Extended Boot Block, non-critical blocks),
-// the image information records, and every problem met while reading. The reader fills
-// it from the image bytes alone, through the structures of src/format/; verify, list,
-// map, extract and diff only read it.
+// the image information records, and every problem met while reading. The reader
+// (image_reader.h) fills it from the image bytes alone, through the structures of
+// src/format/; the checks, the presentations, extract and replace only read it.
 
 #include <cstdint>
 #include <optional>
@@ -29,17 +29,9 @@ struct Finding {
     std::string what;
 };
 
-// One 20-byte module header as it stands in the image.
-struct HeaderView {
+// One 20-byte module header as it stands in the image: its fields, and where it is.
+struct HeaderView : ModuleHeaderFields {
     std::uint32_t offset = 0;  // image offset of the header's first byte
-    std::uint32_t data_size = 0;
-    std::uint32_t checksum = 0;
-    std::uint32_t next_link = 0;
-    std::uint16_t data_size16 = 0;
-    std::uint8_t id = 0;
-    std::uint8_t attributes = 0;
-    std::uint16_t dest_offset = 0;   // or PCI vendor id
-    std::uint16_t dest_segment = 0;  // or PCI device id
 };
 
 // A range of data bytes in the image.
@@ -135,6 +127,9 @@ struct ImageModel {
     bool gap_placement = false;
     std::vector<Finding> problems;   // structural problems met while reading
     std::vector<std::string> notes;  // how the reader decided what it could not see
+    // Set when the main BIOS header does not say the link form and the chain decided
+    // it against the first link's guess: list and verify say so.
+    std::string link_form_note;
 
     std::uint32_t Address(std::uint32_t offset) const { return offset + address_base; }
     std::vector<const Module*> ModulesIn(ModuleArea area, int block = -1) const;
@@ -146,9 +141,6 @@ struct ImageModel {
 inline std::uint64_t ModuleByteBudget(const ImageModel& model) {
     return 8ull * model.size + (std::uint64_t(16) << 20);
 }
-
-// Reads the image. Never fails: what cannot be read is a problem in the model.
-ImageModel ReadImage(std::span<const std::uint8_t> image, const InspectOptions& options);
 
 // "module #3 (id 12)" and the like, for messages.
 std::string DescribeModule(const ImageModel& model, const Module& module);

@@ -1,5 +1,6 @@
-#include "inspect/module_chain.h"
+#include "image/chain_walker.h"
 
+#include <functional>
 #include <set>
 
 #include "format/block_header.h"
@@ -9,56 +10,6 @@
 
 namespace fwforge::inspect {
 
-bool Module::Compressed() const {
-    return !Linked() && (header.attributes & module_attr::NotCompressed) == 0;
-}
-bool Module::Linked() const {
-    return link_without_bit || (header.attributes & module_attr::LinkedRom) != 0;
-}
-bool Module::Contiguous() const {
-    return (header.attributes & module_attr::ContiguousAttr) != 0;
-}
-std::uint32_t Module::StoredLength() const {
-    std::uint32_t total = 0;
-    for (const Piece& p : pieces) total += p.length;
-    return total;
-}
-std::vector<std::uint8_t> Module::StoredData(std::span<const std::uint8_t> image) const {
-    std::vector<std::uint8_t> out;
-    for (const Piece& p : pieces) {
-        if (p.offset >= image.size()) continue;
-        const std::size_t n = std::min<std::size_t>(p.length, image.size() - p.offset);
-        out.insert(out.end(), image.begin() + p.offset, image.begin() + p.offset + n);
-    }
-    return out;
-}
-
-std::vector<const Module*> ImageModel::ModulesIn(ModuleArea area, int block) const {
-    std::vector<const Module*> out;
-    for (const Module& m : modules) {
-        if (m.area == area && (area != ModuleArea::Ncb || m.block == block)) out.push_back(&m);
-    }
-    return out;
-}
-
-std::string DescribeModule(const ImageModel& model, const Module& module) {
-    (void)model;
-    switch (module.area) {
-        case ModuleArea::Main:
-            return StrFormat("module #%d (id %02X)", module.index, module.header.id);
-        case ModuleArea::Ebb:
-            return StrFormat("EBB module #%d (id %02X)", module.index, module.header.id);
-        case ModuleArea::Ncb:
-            return StrFormat("non-critical block %d module #%d (id %02X)", module.block + 1,
-                             module.index, module.header.id);
-    }
-    return "module";
-}
-
-std::string ModuleNumber(const Module& module) {
-    return StrFormat(module.area == ModuleArea::Ebb ? "ebb:%d" : "%d", module.index);
-}
-
 namespace {
 
 using Bytes = std::span<const std::uint8_t>;
@@ -67,17 +18,9 @@ constexpr std::uint32_t kHeader = module_header::kSize;
 constexpr std::uint32_t kBase = module_header::kExtensionSize;  // links point here
 
 HeaderView ReadHeader(Bytes image, std::uint32_t at) {
-    const std::uint8_t* p = image.data() + at;
     HeaderView h;
+    static_cast<ModuleHeaderFields&>(h) = ReadModuleHeader(image.data() + at);
     h.offset = at;
-    h.data_size = load_le32(p + module_header::DataSize.offset);
-    h.checksum = load_le32(p + module_header::Checksum.offset);
-    h.next_link = load_le32(p + module_header::NextModuleLink.offset);
-    h.data_size16 = load_le16(p + module_header::DataSize16.offset);
-    h.id = p[module_header::ModuleId.offset];
-    h.attributes = p[module_header::ModuleAttributes.offset];
-    h.dest_offset = load_le16(p + module_header::DestOffset.offset);
-    h.dest_segment = load_le16(p + module_header::DestSegment.offset);
     return h;
 }
 
@@ -131,22 +74,37 @@ bool PlausibleHeader(Bytes image, std::uint32_t at) {
     if (h.attributes & module_attr::LinkedRom) return true;
     const std::uint64_t data = std::uint64_t(at) + kHeader;
     if (h.attributes & module_attr::SplitPiece) return Fits(data, h.data_size, image.size());
-    return Fits(data, h.data_size, image.size()) || h.data_size16 == 0xFFFF;
+    return Fits(data, h.data_size, image.size()) || h.data_size16 == kDataSize16TooLarge;
 }
 
-// Walks the main chain. Split pieces are gathered into the module that their last
-// piece (the one with the full header) completes.
-void WalkMainChain(Bytes image, ImageModel& model) {
-    const std::uint32_t size = model.size;
+namespace {
+
+// How one chain is read: where its links lead, what bounds its headers and data, and
+// whether its modules may be split.
+struct ChainRules {
+    ModuleArea area = ModuleArea::Main;
+    int block = -1;  // index into ImageModel::ncbs for ModuleArea::Ncb
+    // The image offset of the header that a link names, or nothing when it leads outside.
+    std::function<std::optional<std::uint32_t>(std::uint32_t)> header_at;
+    std::string outside;    // where links and data must stay, for messages: "the image"
+    std::uint64_t end = 0;  // the end of that place
+};
+
+// The one walk of a chain, from `link` on: every header is read once (a link back to one
+// already seen ends the walk), split pieces (main chain only) are gathered into the
+// module that their last piece completes, and data that runs past the chain's place is
+// cut there. Modules are numbered on from `index`.
+void WalkChain(Bytes image, ImageModel& model, const ChainRules& rules, std::uint32_t link,
+               std::string from, int& index) {
+    const bool main = rules.area == ModuleArea::Main;
     std::set<std::uint32_t> visited;
-    std::uint32_t link = model.main->link;
-    std::string from = "main BIOS header";
-    Module pending;  // split pieces seen so far
-    int index = 0;
+    Module pending;                     // split pieces seen so far
+    std::optional<std::size_t> before;  // the module before in this chain
     while (link != kEndOfChain) {
-        auto at = DecodeMainLink(link, model.links32, size);
+        const std::optional<std::uint32_t> at = rules.header_at(link);
         if (!at) {
-            model.problems.push_back({from, StrFormat("link %08x points outside the image", link)});
+            model.problems.push_back(
+                {from, StrFormat("link %08x points outside %s", link, rules.outside.c_str())});
             break;
         }
         if (!visited.insert(*at).second) {
@@ -162,18 +120,18 @@ void WalkMainChain(Bytes image, ImageModel& model) {
                                  "(%02x): not a module header?",
                                  link, *at, h.attributes)});
         }
-        if (h.attributes & module_attr::SplitPiece) {
+        if (main && (h.attributes & module_attr::SplitPiece)) {
             if (!pending.piece_headers.empty() && pending.header.id != h.id) {
                 model.problems.push_back({StrFormat("header at %x", *at),
                                           "split piece of another module before the last piece "
                                           "of the one before"});
             }
             Piece piece{data, h.data_size};
-            if (!Fits(data, h.data_size, size)) {
+            if (!Fits(data, h.data_size, rules.end)) {
                 model.problems.push_back(
                     {StrFormat("split piece at %x", *at),
                      StrFormat("data of %x bytes runs past the end of the image", h.data_size)});
-                piece.length = data <= size ? size - data : 0;
+                piece.length = data <= rules.end ? static_cast<std::uint32_t>(rules.end - data) : 0;
                 pending.truncated = true;
             }
             pending.header = h;
@@ -185,11 +143,12 @@ void WalkMainChain(Bytes image, ImageModel& model) {
         }
         Module m = std::move(pending);
         pending = Module{};
-        m.area = ModuleArea::Main;
+        m.area = rules.area;
+        m.block = rules.block;
         m.index = index++;
         m.header = h;
         if (m.piece_headers.empty() &&
-            LinkWithoutBit(h, model.modules.empty() ? nullptr : &model.modules.back())) {
+            LinkWithoutBit(h, before ? &model.modules[*before] : nullptr)) {
             m.link_without_bit = true;
             NoteLinkWithoutBit(model, m);
         }
@@ -199,25 +158,27 @@ void WalkMainChain(Bytes image, ImageModel& model) {
         }
         if (!m.Linked()) {
             std::uint64_t remaining = h.data_size;
-            const std::uint64_t before = m.StoredLength();
+            const std::uint64_t stored_before = m.StoredLength();
             if (m.Split()) {
-                if (before > remaining) {
+                if (stored_before > remaining) {
                     model.problems.push_back(
                         {DescribeModule(model, m),
                          StrFormat("split pieces hold %llx bytes, more than the module's size %x",
-                                   static_cast<unsigned long long>(before), h.data_size)});
+                                   static_cast<unsigned long long>(stored_before), h.data_size)});
                     remaining = 0;
                 } else {
-                    remaining -= before;
+                    remaining -= stored_before;
                 }
             }
             Piece piece{data, static_cast<std::uint32_t>(remaining)};
-            if (!Fits(data, remaining, size)) {
+            if (!Fits(data, remaining, rules.end)) {
                 model.problems.push_back(
                     {DescribeModule(model, m),
-                     StrFormat("data of %llx bytes at %x runs past the end of the image",
-                               static_cast<unsigned long long>(remaining), data)});
-                piece.length = data <= size ? size - data : 0;
+                     main ? StrFormat("data of %llx bytes at %x runs past the end of the image",
+                                      static_cast<unsigned long long>(remaining), data)
+                          : StrFormat("data of %x bytes runs past the end of %s", h.data_size,
+                                      rules.outside.c_str())});
+                piece.length = data <= rules.end ? static_cast<std::uint32_t>(rules.end - data) : 0;
                 m.truncated = true;
             }
             m.pieces.push_back(piece);
@@ -225,6 +186,7 @@ void WalkMainChain(Bytes image, ImageModel& model) {
         from = DescribeModule(model, m);
         link = h.next_link;
         model.modules.push_back(std::move(m));
+        before = model.modules.size() - 1;
     }
     if (!pending.piece_headers.empty()) {
         model.problems.push_back(
@@ -233,18 +195,30 @@ void WalkMainChain(Bytes image, ImageModel& model) {
     }
 }
 
-// Walks the chain of a block (EBB or non-critical block): 32-bit links counted from
-// the block's start, headers and data inside the block.
+}  // namespace
+
+// The main chain: links from the main BIOS header, in the model's link form.
+void WalkMainChain(Bytes image, ImageModel& model) {
+    ChainRules rules;
+    rules.header_at = [&](std::uint32_t link) {
+        return DecodeMainLink(link, model.links32, model.size);
+    };
+    rules.outside = "the image";
+    rules.end = model.size;
+    int index = 0;
+    WalkChain(image, model, rules, model.main->link, "main BIOS header", index);
+}
+
+// The chain of a block (EBB or non-critical block): 32-bit links counted from the
+// block's start, headers and data inside the block.
 void WalkBlockChain(Bytes image, ImageModel& model, const Block& block, ModuleArea area,
                     int block_index, const std::string& name, int& index) {
-    std::set<std::uint32_t> visited;
     std::uint32_t link = block.first_module;
     if (link != kEndOfChain && link != block_header::kFirstModuleOffset) {
         model.problems.push_back(
             {name + " header",
              StrFormat("first module offset %08x is neither 20 nor ffffffff", link)});
     }
-    std::string from = name + " header";
     const std::uint64_t block_end = std::uint64_t(block.offset) + block.length;
     // The header names the first header in the block. When the first module is an
     // add-on ROM with linked ones, that is the lowest link header: the links lie below
@@ -275,51 +249,19 @@ void WalkBlockChain(Bytes image, ImageModel& model, const Block& block, ModuleAr
                                   "headers that its header names");
         }
     }
-    const Module* before = nullptr;  // the module before in this block's chain
-    while (link != kEndOfChain) {
-        const std::uint64_t header = std::uint64_t(block.offset) + link - kBase;
-        if (link < block_header::kFirstModuleOffset || header + kHeader > block_end) {
-            model.problems.push_back(
-                {from, StrFormat("link %08x points outside %s", link, name.c_str())});
-            break;
+    ChainRules rules;
+    rules.area = area;
+    rules.block = block_index;
+    rules.header_at = [&](std::uint32_t at) -> std::optional<std::uint32_t> {
+        const std::uint64_t header = std::uint64_t(block.offset) + at - kBase;
+        if (at < block_header::kFirstModuleOffset || header + kHeader > block_end) {
+            return std::nullopt;
         }
-        const auto at = static_cast<std::uint32_t>(header);
-        if (!visited.insert(at).second) {
-            model.problems.push_back(
-                {from, StrFormat("link %08x loops back to the header at %x", link, at)});
-            break;
-        }
-        Module m;
-        m.area = area;
-        m.block = block_index;
-        m.index = index++;
-        m.header = ReadHeader(image, at);
-        if (LinkWithoutBit(m.header, before)) {
-            m.link_without_bit = true;
-            NoteLinkWithoutBit(model, m);
-        }
-        if (m.header.attributes & module_attr::kUnused) {
-            model.problems.push_back(
-                {from, StrFormat("link %08x leads to a header at %x with unknown attribute bits "
-                                 "(%02x): not a module header?",
-                                 link, at, m.header.attributes)});
-        }
-        if (!m.Linked()) {
-            Piece piece{at + kHeader, m.header.data_size};
-            if (at + std::uint64_t(kHeader) + m.header.data_size > block_end) {
-                model.problems.push_back(
-                    {DescribeModule(model, m), StrFormat("data of %x bytes runs past the end of %s",
-                                                         m.header.data_size, name.c_str())});
-                piece.length = static_cast<std::uint32_t>(block_end - (at + kHeader));
-                m.truncated = true;
-            }
-            m.pieces.push_back(piece);
-        }
-        from = DescribeModule(model, m);
-        link = m.header.next_link;
-        model.modules.push_back(std::move(m));
-        before = &model.modules.back();
-    }
+        return static_cast<std::uint32_t>(header);
+    };
+    rules.outside = name;
+    rules.end = block_end;
+    WalkChain(image, model, rules, link, name + " header", index);
 }
 
 }  // namespace fwforge::inspect

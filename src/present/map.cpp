@@ -1,12 +1,15 @@
-#include "inspect/map.h"
+#include "present/map.h"
 
 #include <algorithm>
 
+#include "check/problems.h"
+#include "check/verify.h"
 #include "format/module_header.h"
-#include "inspect/map_page.h"
-#include "inspect/report.h"
-#include "inspect/verify.h"
+#include "image/extents.h"
+#include "image/module_data.h"
 #include "platform/text_format.h"
+#include "present/map_page.h"
+#include "present/report.h"
 
 namespace fwforge::inspect {
 namespace {
@@ -75,12 +78,25 @@ std::string ItemKind(const ImageModel& model, const MapEntry& e) {
             return m.Compressed() ? "compressed" : "uncompressed";
         }
         case MapKind::Block:
-            return e.name == "Extended Boot Block" ? "ebb" : "ncb";
         case MapKind::Region:
-            if (e.name == "boot block") return "boot";
-            if (e.name == "NVRAM area") return "nvram";
-            if (e.name == "main BIOS header") return "header";
-            if (e.name.starts_with("ROM hole")) return "hole";
+            switch (e.extent) {
+                case ExtentKind::BootBlock:
+                    return "boot";
+                case ExtentKind::Ebb:
+                    return "ebb";
+                case ExtentKind::Nvram:
+                    return "nvram";
+                case ExtentKind::MainHeader:
+                    return "header";
+                case ExtentKind::Ncb:
+                    return "ncb";
+                case ExtentKind::RomHole:
+                case ExtentKind::RomHoleFile:
+                    return "hole";
+                case ExtentKind::Module:
+                case ExtentKind::Other:
+                    break;
+            }
             return "region";
         case MapKind::Free:
             return "free";
@@ -148,10 +164,8 @@ std::vector<MapEntry> BuildMap(std::span<const std::uint8_t> image, const ImageM
     // Top-level items; a module of the main chain is a module, the rest regions.
     std::vector<Extent> covered = TopLevelExtents(model);
     for (const Extent& e : TopLevelExtents(model, false)) {
-        MapEntry entry{e.begin, e.end, MapKind::Region, 0, e.name, "", -1};
-        if (e.name.starts_with("non-critical block") || e.name == "Extended Boot Block") {
-            entry.kind = MapKind::Block;
-        }
+        MapEntry entry{e.begin, e.end, MapKind::Region, 0, e.name, "", -1, e.kind};
+        if (e.kind == ExtentKind::Ncb || e.kind == ExtentKind::Ebb) entry.kind = MapKind::Block;
         map.push_back(entry);
     }
     for (std::size_t i = 0; i < model.modules.size(); ++i) {
@@ -165,11 +179,11 @@ std::vector<MapEntry> BuildMap(std::span<const std::uint8_t> image, const ImageM
     // What lies between the items: free runs of 0xFF and other bytes (padding).
     for (const FreeRun& r : FreeSpace(image, model)) {
         map.push_back({r.offset, r.offset + r.length, MapKind::Free, 0, "free", "0xFF", -1});
-        covered.push_back({r.offset, r.offset + r.length, ""});
+        covered.push_back({r.offset, r.offset + r.length, "", ExtentKind::Other});
     }
     std::uint32_t from = 0;
     covered = MergedCover(std::move(covered));
-    covered.push_back({model.size, model.size, ""});
+    covered.push_back({model.size, model.size, "", ExtentKind::Other});
     for (const Extent& e : covered) {
         if (e.begin > from) {
             map.push_back({from, e.begin, MapKind::Other, 0, "other",
@@ -195,10 +209,20 @@ std::string MapText(std::span<const std::uint8_t> image, const ImageModel& model
                       StrFormat("%x-%x", e.begin, e.end - 1).c_str(), e.end - e.begin,
                       e.name.c_str(), e.details.empty() ? "" : ": ", e.details.c_str());
     }
-    for (const Finding& f : model.problems) out += "PROBLEM: " + f.where + ": " + f.what + "\n";
+    out += ProblemLines(model.problems);
     return out;
 }
 
+// The page carries everything it needs: its style sheet and script (map_page.css and
+// map_page.js beside this file, compiled in as map_page::kStyle and kScript), the map's
+// items as a JSON object `MAP` in a script element before the script, and a content
+// security policy that keeps the browser from loading anything else.
+//
+// The picture is a strip whose height is the window's: the whole image on first load,
+// the top of the image (highest address) at the top. Heights follow the bytes, except
+// that every module and region is drawn at least MIN_PX tall, and what that costs is
+// taken from the larger items, so the boxes still tile the strip without overlapping.
+// Wheel, drag and click narrow the range shown; the same rule lays out every range.
 std::string MapHtml(std::span<const std::uint8_t> image, const ImageModel& model,
                     const std::string& title) {
     Json items = Json::array();
@@ -224,11 +248,12 @@ std::string MapHtml(std::span<const std::uint8_t> image, const ImageModel& model
          "style-src 'unsafe-inline'; script-src 'unsafe-inline'\">\n";
     h += "<title>" + HtmlEscape(title) + "</title>\n<style>" + map_page::kStyle +
          "</style>\n</head>\n<body>\n<header>\n<h1>" + HtmlEscape(title) + "</h1>\n";
-    h += StrFormat("<p id=\"summary\">%x bytes, ROM addresses %x-%x, %s links, %s placement, "
-                   "%zu modules.</p>\n",
-                   model.size, model.Address(0), model.Address(model.size ? model.size - 1 : 0),
-                   model.links32 ? "32-bit" : "16-bit", model.gap_placement ? "gap" : "sequential",
-                   model.modules.size());
+    h += StrFormat(
+        "<p id=\"summary\">%x bytes, ROM addresses %x-%x, %s links, %s placement, "
+        "%zu modules.</p>\n",
+        model.size, model.Address(0), model.Address(model.size ? model.size - 1 : 0),
+        model.links32 ? "32-bit" : "16-bit", model.gap_placement ? "gap" : "sequential",
+        model.modules.size());
     h += "<div id=\"controls\"><button id=\"whole\">Whole image</button>"
          "<button id=\"out\">Zoom out</button><span id=\"range\"></span>"
          "<span class=\"hint\">wheel: zoom, drag: zoom to a range, click: zoom to an item, "
@@ -238,7 +263,7 @@ std::string MapHtml(std::span<const std::uint8_t> image, const ImageModel& model
          "<div id=\"picture\"><div id=\"band\"></div></div>\n<aside>\n"
          "<ul id=\"legend\"></ul>\n<h2>Details</h2>\n<div id=\"details\"></div>\n";
     for (const Finding& f : model.problems) {
-        h += "<p class=\"problem\">PROBLEM: " + HtmlEscape(f.where + ": " + f.what) + "</p>\n";
+        h += "<p class=\"problem\">" + HtmlEscape(ProblemText(f)) + "</p>\n";
     }
     h += "<h2>Modules</h2>\n<table id=\"modules\">\n<tr><th>area</th><th>#</th><th>id</th>"
          "<th>attributes</th><th>destination</th><th>header</th><th>stored</th>"

@@ -2,15 +2,16 @@
 // Walking the module chains of an image: the main BIOS chain from the main BIOS
 // header (16-bit segment:offset or 32-bit links, split pieces gathered into their
 // module) and the chains of the Extended Boot Block and non-critical blocks (32-bit
-// offsets from the block's start). Every offset is checked before it is read, every
-// walk remembers where it has been, and a problem ends only the walk it was found in.
+// offsets from the block's start). One walk reads them all, each chain with its own
+// rules for links and bounds: every offset is checked before it is read, every walk
+// remembers where it has been, and a problem ends only the walk it was found in.
 
 #include <cstdint>
 #include <optional>
 #include <span>
 #include <string>
 
-#include "inspect/image_model.h"
+#include "image/image_model.h"
 
 namespace fwforge::inspect {
 

@@ -1,11 +1,11 @@
-#include "inspect/diff.h"
+#include "present/diff.h"
 
 #include <map>
 #include <tuple>
 
-#include "inspect/module_data.h"
-#include "inspect/report.h"
+#include "image/module_data.h"
 #include "platform/text_format.h"
+#include "present/report.h"
 
 namespace fwforge::inspect {
 namespace {

@@ -3,19 +3,21 @@
 // choosing the link form, reading the image information records and telling the boot
 // block and NVRAM area. Everything here must hold up against arbitrary bytes: every
 // offset is checked against the image before it is read. The chains themselves are
-// walked in module_chain.cpp.
+// walked in chain_walker.cpp.
+
+#include "image/image_reader.h"
 
 #include <algorithm>
 #include <cstring>
 #include <string_view>
 
 #include "format/block_header.h"
+#include "format/checksum.h"
 #include "format/image_info_records.h"
 #include "format/main_header_block.h"
 #include "format/module_header.h"
-#include "inspect/image_model.h"
-#include "inspect/module_chain.h"
-#include "inspect/module_data.h"
+#include "image/chain_walker.h"
+#include "image/module_data.h"
 #include "platform/byte_order.h"
 #include "platform/text_format.h"
 
@@ -80,6 +82,27 @@ std::optional<MainHeader> FindMainHeader(Bytes image, ImageModel& model) {
     return best;
 }
 
+// Whether the main chain, read with 32-bit links or with 16-bit ones, holds: it is
+// walked without a problem to its end, and every module header on it that seals its
+// own data (no split piece, no link header) sums to zero with that data.
+bool ChainHolds(Bytes image, const ImageModel& model, bool links32) {
+    ImageModel probe;
+    probe.size = model.size;
+    probe.main = model.main;
+    probe.links32 = links32;
+    WalkMainChain(image, probe);
+    if (!probe.problems.empty() || probe.modules.empty()) return false;
+    std::uint64_t budget = ModuleByteBudget(probe);
+    for (const Module& m : probe.modules) {
+        if (m.Split() || m.Linked()) continue;
+        const std::uint64_t covered = module_header::kSize + std::uint64_t(m.header.data_size);
+        if (covered > budget) return false;
+        budget -= covered;
+        if (DwordSum(image, m.header.offset, covered) != 0) return false;
+    }
+    return true;
+}
+
 void ChooseLinkForm(Bytes image, const InspectOptions& options, ImageModel& model) {
     const MainHeader& h = *model.main;
     if (options.link_form != LinkForm::Auto) {
@@ -105,6 +128,22 @@ void ChooseLinkForm(Bytes image, const InspectOptions& options, ImageModel& mode
     const bool ok16 = as16 && PlausibleHeader(image, *as16);
     const bool ok32 = as32 && PlausibleHeader(image, *as32);
     model.links32 = !ok16 && ok32;
+    // In an image of 1 MB the first link can lead to something that looks like a header
+    // under both forms; the form under which the whole chain holds decides then.
+    if (ok16 && ok32) {
+        const bool holds16 = ChainHolds(image, model, false);
+        const bool holds32 = ChainHolds(image, model, true);
+        if (holds16 != holds32 && holds32 != model.links32) {
+            model.links32 = holds32;
+            model.link_form_note =
+                model.links32 ? "links read as 32-bit: the main BIOS header does not say, and "
+                                "the chain holds only so"
+                              : "links read as 16-bit segment:offset: the main BIOS header does "
+                                "not say, and the chain holds only so";
+            model.notes.push_back(model.link_form_note);
+            return;
+        }
+    }
     model.notes.push_back(model.links32
                               ? "32-bit links (flags byte clear, but only a 32-bit link leads "
                                 "to a header; compatibility form?)"

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "image/image_model.h"
+
 namespace fwforge::inspect {
 
 enum class DecodeStatus {
@@ -15,7 +17,6 @@ enum class DecodeStatus {
     BadHeader,    // the total size does not fit the stored data
     CutOff,       // the encoder's output bound stopped the stream; it cannot be decoded
     Malformed,    // the stream does not decode to the original size
-    Unavailable,  // no decoder in this build
 };
 
 struct DecodeResult {
@@ -30,5 +31,15 @@ struct DecodeResult {
 // whose total is its original size + 9 is what a stopped encoder leaves; when such a
 // stream does not decode it is reported as cut off.
 DecodeResult DecodeStoredData(std::span<const std::uint8_t> stored);
+
+// What a module stores: DataSize, and for a compressed module the totals of its
+// compressed-data header.
+struct ModuleSizes {
+    bool compressed = false;
+    std::uint32_t stored = 0;    // DataSize
+    std::uint32_t total = 0;     // compressed total (header, stream, 0x00)
+    std::uint32_t original = 0;  // from the compressed-data header
+};
+ModuleSizes SizesOf(std::span<const std::uint8_t> image, const Module& m);
 
 }  // namespace fwforge::inspect

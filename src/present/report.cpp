@@ -1,11 +1,14 @@
-#include "inspect/report.h"
+#include "present/report.h"
 
 #include <algorithm>
 
+#include "check/problems.h"
 #include "format/compressed_data_header.h"
 #include "format/image_info_records.h"
 #include "format/main_header_block.h"
 #include "format/module_header.h"
+#include "image/extents.h"
+#include "image/module_data.h"
 #include "platform/byte_order.h"
 #include "platform/text_format.h"
 
@@ -59,42 +62,6 @@ void ModuleTable(std::string& out, std::span<const std::uint8_t> image, const Im
 }
 
 }  // namespace
-
-std::vector<FreeRun> FreeSpace(std::span<const std::uint8_t> image, const ImageModel& model) {
-    std::vector<FreeRun> runs;
-    std::vector<Extent> cover = MergedCover(TopLevelExtents(model));
-    cover.push_back(
-        {static_cast<std::uint32_t>(image.size()), static_cast<std::uint32_t>(image.size()), ""});
-    std::uint32_t from = 0;
-    for (const Extent& item : cover) {
-        // The bytes between the items, scanned for runs of 0xFF.
-        std::uint32_t start = from, length = 0;
-        for (std::uint32_t i = from; i <= item.begin; ++i) {
-            if (i < item.begin && image[i] == 0xFF) {
-                if (length++ == 0) start = i;
-                continue;
-            }
-            if (length >= kMinFreeRun) runs.push_back({start, length});
-            length = 0;
-        }
-        from = std::max(from, item.end);
-    }
-    return runs;
-}
-
-ModuleSizes SizesOf(std::span<const std::uint8_t> image, const Module& m) {
-    ModuleSizes s;
-    s.stored = m.Linked() ? 0 : m.header.data_size;
-    if (!m.Compressed() || m.pieces.empty()) return s;
-    // The compressed-data header is at the start of the first piece.
-    const Piece& first = m.pieces.front();
-    if (first.length < compressed_data_header::kSize) return s;
-    s.compressed = true;
-    s.total = load_le32(image.data() + first.offset + compressed_data_header::TotalSize.offset);
-    s.original =
-        load_le32(image.data() + first.offset + compressed_data_header::OriginalSize.offset);
-    return s;
-}
 
 std::string RatioText(const ModuleSizes& s) {
     if (!s.compressed || s.original == 0) return "-";
@@ -207,9 +174,8 @@ std::string ListText(std::span<const std::uint8_t> image, const ImageModel& mode
     for (std::size_t i = 0; i < runs.size() && i < 5; ++i) {
         out += "  " + Range(model, runs[i].offset, runs[i].length) + "\n";
     }
-    for (const Finding& f : model.problems) {
-        out += "PROBLEM: " + f.where + ": " + f.what + "\n";
-    }
+    if (!model.link_form_note.empty()) out += "NOTE: " + model.link_form_note + "\n";
+    out += ProblemLines(model.problems);
     return out;
 }
 
@@ -352,16 +318,16 @@ std::string ListJson(std::span<const std::uint8_t> image, const ImageModel& mode
 
 std::string VerifyText(const VerifyReport& report) {
     std::string out;
-    for (const Finding& f : report.problems) out += "PROBLEM: " + f.where + ": " + f.what + "\n";
+    out += ProblemLines(report.problems);
     for (const CannotUnpack& c : report.cannot_unpack) {
         out += "CANNOT UNPACK: " + c.module + ": " + c.reason + "; " + c.change + "\n";
     }
     for (const std::string& n : report.notes) out += "NOTE: " + n + "\n";
     switch (report.Status()) {
-        case kVerifyIntact:
+        case ExitStatus::Ok:
             out += StrFormat("verify: OK, %d checks passed\n", report.checks);
             break;
-        case kVerifyCannotUnpack:
+        case ExitStatus::CannotUnpack:
             out += StrFormat(
                 "verify: intact as built, %d checks passed, but %zu compressed %s cannot be "
                 "unpacked\n",
@@ -376,7 +342,7 @@ std::string VerifyText(const VerifyReport& report) {
 }
 
 std::string VerifyJson(const VerifyReport& report) {
-    const int status = report.Status();
+    const ExitStatus status = report.Status();
     Json cannot = Json::array();
     for (const CannotUnpack& c : report.cannot_unpack) {
         cannot.push_back({{"module", JsonText(c.module)},
@@ -384,11 +350,11 @@ std::string VerifyJson(const VerifyReport& report) {
                           {"change", JsonText(c.change)}});
     }
     const Json out = {{"schema_version", kJsonSchemaVersion},
-                      {"status", status},
-                      {"result", status == kVerifyIntact    ? "intact"
-                                 : status == kVerifyDamaged ? "damaged"
-                                                            : "cannot unpack"},
-                      {"ok", status == kVerifyIntact},
+                      {"status", ExitCode(status)},
+                      {"result", status == ExitStatus::Ok         ? "intact"
+                                 : status == ExitStatus::Problems ? "damaged"
+                                                                  : "cannot unpack"},
+                      {"ok", status == ExitStatus::Ok},
                       {"checks", report.checks},
                       {"problems", JsonFindings(report.problems)},
                       {"cannot_unpack", std::move(cannot)},

@@ -1,4 +1,4 @@
-#include "inspect/verify.h"
+#include "check/verify.h"
 
 #include <algorithm>
 
@@ -9,7 +9,8 @@
 #include "format/image_info_records.h"
 #include "format/main_header_block.h"
 #include "format/module_header.h"
-#include "inspect/module_data.h"
+#include "image/extents.h"
+#include "image/module_data.h"
 #include "platform/byte_order.h"
 #include "platform/text_format.h"
 
@@ -154,8 +155,7 @@ void CheckModule(Bytes image, const ImageModel& model, const Module& m, const Mo
             {name, StrFormat("checksum %08x does not match: covered bytes sum to %08x, not 0",
                              m.header.checksum, sum)});
     }
-    const std::uint16_t expect16 =
-        m.header.data_size < 0x10000 ? static_cast<std::uint16_t>(m.header.data_size) : 0xFFFF;
+    const std::uint16_t expect16 = DataSize16For(m.header.data_size);
     ++report.checks;
     if (m.header.data_size16 != expect16) {
         report.problems.push_back(
@@ -165,9 +165,7 @@ void CheckModule(Bytes image, const ImageModel& model, const Module& m, const Mo
     if (!decoded) return;
     ++report.checks;
     CannotUnpack entry;
-    if (decoded->status == DecodeStatus::Unavailable) {
-        report.notes.push_back(name + ": not decoded (" + decoded->message + ")");
-    } else if (DescribeCannotUnpack(model, m, *decoded, entry)) {
+    if (DescribeCannotUnpack(model, m, *decoded, entry)) {
         // Data that its own checksum seals is what the build wrote; otherwise the
         // damage may be what keeps it from decoding.
         if (sealed) {
@@ -212,26 +210,29 @@ void CheckMainRegion(Bytes image, const ImageModel& model, VerifyReport& report)
     }
 }
 
-void CheckEbb(Bytes image, const ImageModel& model, VerifyReport& report) {
-    const Block& b = *model.ebb;
-    const std::string name = StrFormat("EBB at %x", model.Address(b.offset));
+// The two checksums of a block's header: HeaderChecksum by the block's own rule, and
+// BlockChecksum over the whole block.
+void CheckBlock(Bytes image, const Block& b, const std::string& name, HeaderChecksumRule rule,
+                VerifyReport& report) {
     ++report.checks;
-    // Taken over the header with BlockChecksum in place, low 16 bits of a dword sum.
-    const std::uint16_t expect =
-        BlockHeaderChecksum(image, b.offset, HeaderChecksumRule::LowWordOfDwordChecksum);
+    const std::uint16_t expect = BlockHeaderChecksum(image, b.offset, rule);
     if (expect != b.header_checksum) {
         report.problems.push_back({name, StrFormat("header checksum %04x does not match (%04x)",
                                                    b.header_checksum, expect)});
     }
-    std::vector<std::uint8_t> block(image.begin() + b.offset, image.begin() + b.offset + b.length);
-    store_le16(&block[block_header::HeaderChecksum.offset], 0);
-    store_le32(&block[block_header::BlockChecksum.offset], 0);
     ++report.checks;
-    const std::uint32_t expect_block = DwordChecksum(block, 0, block.size());
+    const std::uint32_t expect_block = ComputeBlockChecksum(image, b.offset, b.length);
     if (expect_block != b.block_checksum) {
         report.problems.push_back({name, StrFormat("block checksum %08x does not match (%08x)",
                                                    b.block_checksum, expect_block)});
     }
+}
+
+void CheckEbb(Bytes image, const ImageModel& model, VerifyReport& report) {
+    const Block& b = *model.ebb;
+    const std::string name = StrFormat("EBB at %x", model.Address(b.offset));
+    // Taken over the header with BlockChecksum in place, low 16 bits of a dword sum.
+    CheckBlock(image, b, name, HeaderChecksumRule::LowWordOfDwordChecksum, report);
     if (model.boot_block_size) {
         ++report.checks;
         const std::uint64_t end = std::uint64_t(b.offset) + b.length;
@@ -245,24 +246,8 @@ void CheckEbb(Bytes image, const ImageModel& model, VerifyReport& report) {
 
 void CheckNcb(Bytes image, const ImageModel& model, std::size_t i, VerifyReport& report) {
     const Block& b = model.ncbs[i];
-    const std::string name =
-        StrFormat("non-critical block %zu at %x", i + 1, model.Address(b.offset));
-    std::vector<std::uint8_t> block(image.begin() + b.offset, image.begin() + b.offset + b.length);
-    ++report.checks;
-    const std::uint16_t expect =
-        BlockHeaderChecksum(image, b.offset, HeaderChecksumRule::WordChecksum);
-    if (expect != b.header_checksum) {
-        report.problems.push_back({name, StrFormat("header checksum %04x does not match (%04x)",
-                                                   b.header_checksum, expect)});
-    }
-    store_le16(&block[block_header::HeaderChecksum.offset], 0);
-    store_le32(&block[block_header::BlockChecksum.offset], 0);
-    ++report.checks;
-    const std::uint32_t expect_block = DwordChecksum(block, 0, block.size());
-    if (expect_block != b.block_checksum) {
-        report.problems.push_back({name, StrFormat("block checksum %08x does not match (%08x)",
-                                                   b.block_checksum, expect_block)});
-    }
+    CheckBlock(image, b, StrFormat("non-critical block %zu at %x", i + 1, model.Address(b.offset)),
+               HeaderChecksumRule::WordChecksum, report);
 }
 
 void CheckOverlaps(const ImageModel& model, VerifyReport& report) {
@@ -311,63 +296,11 @@ void CheckOverlaps(const ImageModel& model, VerifyReport& report) {
 
 }  // namespace
 
-std::vector<Extent> MergedCover(std::vector<Extent> extents) {
-    std::sort(extents.begin(), extents.end(),
-              [](const Extent& a, const Extent& b) { return a.begin < b.begin; });
-    std::vector<Extent> merged;
-    for (const Extent& e : extents) {
-        if (e.end <= e.begin) continue;
-        if (!merged.empty() && e.begin <= merged.back().end) {
-            merged.back().end = std::max(merged.back().end, e.end);
-        } else {
-            merged.push_back({e.begin, e.end, ""});
-        }
-    }
-    return merged;
-}
-
-std::vector<Extent> TopLevelExtents(const ImageModel& model, bool with_modules) {
-    std::vector<Extent> items;
-    auto add = [&](std::uint64_t begin, std::uint64_t size, std::string name) {
-        if (size == 0 || begin >= model.size) return;
-        const std::uint64_t end = std::min<std::uint64_t>(begin + size, model.size);
-        items.push_back(
-            {static_cast<std::uint32_t>(begin), static_cast<std::uint32_t>(end), std::move(name)});
-    };
-    if (model.boot_block_size) {
-        add(model.size - *model.boot_block_size, *model.boot_block_size, "boot block");
-    }
-    if (model.ebb) add(model.ebb->offset, model.ebb->length, "Extended Boot Block");
-    if (model.nvram_offset) add(*model.nvram_offset, *model.nvram_size, "NVRAM area");
-    if (model.main) add(model.main->BlockStart(), main_header::kBlockSize, "main BIOS header");
-    for (const Module& m : model.modules) {
-        if (m.area != ModuleArea::Main || !with_modules) continue;
-        const std::string name = DescribeModule(model, m);
-        for (std::size_t i = 0; i < m.piece_headers.size(); ++i) {
-            add(m.piece_headers[i].offset, kHeader + std::uint64_t(m.pieces[i].length),
-                name + StrFormat(" piece %zu", i + 1));
-        }
-        const std::uint64_t data = m.Linked() ? 0 : m.pieces.back().length;
-        add(m.header.offset, kHeader + data, m.Split() ? name + " last piece" : name);
-    }
-    for (std::size_t i = 0; i < model.ncbs.size(); ++i) {
-        add(model.ncbs[i].offset, model.ncbs[i].length, StrFormat("non-critical block %zu", i + 1));
-    }
-    for (const ImageInfoItemHole& hole : model.info.holes) {
-        if (hole.kind == rec::kNonCriticalBlock) continue;  // listed as the block itself
-        add(hole.start, hole.size, hole.kind == rec::kFileHole ? "ROM hole (file)" : "ROM hole");
-    }
-    std::sort(items.begin(), items.end(),
-              [](const Extent& a, const Extent& b) { return a.begin < b.begin; });
-    return items;
-}
-
 bool DescribeCannotUnpack(const ImageModel& model, const Module& m, const DecodeResult& decoded,
                           CannotUnpack& out) {
     out.module = ModuleName(model, m);
     switch (decoded.status) {
         case DecodeStatus::Ok:
-        case DecodeStatus::Unavailable:
             return false;
         case DecodeStatus::CutOff:
             out.reason = StrFormat(
@@ -395,6 +328,7 @@ bool DescribeCannotUnpack(const ImageModel& model, const Module& m, const Decode
 VerifyReport Verify(std::span<const std::uint8_t> image, const ImageModel& model) {
     VerifyReport report;
     report.problems = model.problems;
+    if (!model.link_form_note.empty()) report.notes.push_back(model.link_form_note);
     if (model.main) CheckMainRegion(image, model, report);
     // The split module whose data sum is still pending when the first non-critical
     // block is built: the last one of the main chain, if it ends the chain.

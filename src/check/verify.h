@@ -10,15 +10,11 @@
 #include <string>
 #include <vector>
 
-#include "inspect/image_model.h"
-#include "inspect/module_data.h"
+#include "image/image_model.h"
+#include "image/module_data.h"
+#include "image/outcome.h"
 
 namespace fwforge::inspect {
-
-// Exit status classes of `verify` (2 is a bad command line or an unreadable file).
-inline constexpr int kVerifyIntact = 0;
-inline constexpr int kVerifyDamaged = 1;
-inline constexpr int kVerifyCannotUnpack = 3;
 
 // A compressed module of an intact image that does not decode: why, and what to change
 // in the build script.
@@ -34,10 +30,11 @@ struct VerifyReport {
     std::vector<std::string> notes;  // checks that could not be made, and why
     int checks = 0;                  // checks made
     bool Clean() const { return problems.empty(); }
-    int Status() const {
-        return !problems.empty()        ? kVerifyDamaged
-               : !cannot_unpack.empty() ? kVerifyCannotUnpack
-                                        : kVerifyIntact;
+    // The exit status of `verify`: damaged, intact but not all unpackable, or intact.
+    ExitStatus Status() const {
+        return !problems.empty()        ? ExitStatus::Problems
+               : !cannot_unpack.empty() ? ExitStatus::CannotUnpack
+                                        : ExitStatus::Ok;
     }
 };
 
@@ -47,20 +44,5 @@ bool DescribeCannotUnpack(const ImageModel& model, const Module& m, const Decode
                           CannotUnpack& out);
 
 VerifyReport Verify(std::span<const std::uint8_t> image, const ImageModel& model);
-
-// An item that takes room in the image, for overlap checks, maps and free space.
-struct Extent {
-    std::uint32_t begin = 0;
-    std::uint32_t end = 0;
-    std::string name;
-};
-
-// The top-level items of the image (modules of the EBB and of non-critical blocks lie
-// inside their blocks and are not listed), ordered by address; without the modules of
-// the main chain when `with_modules` is false.
-std::vector<Extent> TopLevelExtents(const ImageModel& model, bool with_modules = true);
-
-// The ranges that `extents` cover, merged, in address order.
-std::vector<Extent> MergedCover(std::vector<Extent> extents);
 
 }  // namespace fwforge::inspect

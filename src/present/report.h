@@ -2,38 +2,16 @@
 // The `list` and `verify` reports, as text for people and as JSON for scripts.
 
 #include <cstdint>
+#include <nlohmann/json.hpp>
 #include <span>
 #include <string>
 #include <vector>
 
-#include <nlohmann/json.hpp>
-
-#include "inspect/image_model.h"
-#include "inspect/verify.h"
+#include "check/verify.h"
+#include "image/image_model.h"
 
 namespace fwforge::inspect {
 
-// A run of 0xFF bytes outside every item of the image.
-struct FreeRun {
-    std::uint32_t offset = 0;
-    std::uint32_t length = 0;
-};
-
-// Runs shorter than this are padding between items, not free space.
-inline constexpr std::uint32_t kMinFreeRun = 16;
-
-// Free runs in address order.
-std::vector<FreeRun> FreeSpace(std::span<const std::uint8_t> image, const ImageModel& model);
-
-// What a module stores: DataSize, and for a compressed module the totals of its
-// compressed-data header.
-struct ModuleSizes {
-    bool compressed = false;
-    std::uint32_t stored = 0;    // DataSize
-    std::uint32_t total = 0;     // compressed total (header, stream, 0x00)
-    std::uint32_t original = 0;  // from the compressed-data header
-};
-ModuleSizes SizesOf(std::span<const std::uint8_t> image, const Module& m);
 // The compressed total as a share of the original size, "44.0%"; "-" when not compressed.
 std::string RatioText(const ModuleSizes& s);
 
