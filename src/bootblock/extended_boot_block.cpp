@@ -162,9 +162,8 @@ void BuildExtendedBootBlock(BuildContext& ctx) {
         size = (size + 3) & ~std::uint64_t(3);
 
         if (fill + size + kSize > ebb_size) ctx.diag.Fatal("Out of EBB space!");
-        record.Header.SetDataSize(std::uint32_t(size));
+        record.Header.SetDataSizes(std::uint32_t(size));
         store_le32(record.Header.bytes.data() + module_header::Checksum.offset, 0);
-        record.Header.SetDataSize16(DataSize16For(size));
 
         const std::uint32_t header = ebb_start + std::uint32_t(fill);
         ctx.diag.Printf(" at %x\n", unsigned(header));

@@ -54,8 +54,7 @@ void SealHeader(std::vector<std::uint8_t>& image, std::uint32_t header, std::uin
 
 void SetDataSize(std::vector<std::uint8_t>& image, std::uint32_t header, std::uint32_t size) {
     store_le32(&image[header + module_header::DataSize.offset], size);
-    store_le16(&image[header + module_header::DataSize16.offset],
-               static_cast<std::uint16_t>(size < 0x10000 ? size : 0xFFFF));
+    store_le16(&image[header + module_header::DataSize16.offset], DataSize16For(size));
 }
 
 // The doublewords of the main BIOS header's region that the bytes [lo, hi) fall into.

@@ -15,11 +15,6 @@ PlacementMode ModeOf(const BuildContext& ctx) {
     return ctx.description.RomHoleCount == 0 ? PlacementMode::Sequential : PlacementMode::Gap;
 }
 
-void SetDataSize(ModuleHeaderImage& header, std::uint32_t size) {
-    header.SetDataSize(size);
-    header.SetDataSize16(size < 0x10000 ? static_cast<std::uint16_t>(size) : 0xFFFF);
-}
-
 // Copies the header image to the PlacementCursor and joins it to the chain.
 void WriteHeaderAndChain(BuildContext& ctx, const ModuleHeaderImage& header) {
     std::copy(header.bytes.begin(), header.bytes.end(),
@@ -127,7 +122,7 @@ void InsertModule(BuildContext& ctx, std::uint32_t index) {
             PatchDescriptors(buffer, data_offset, s, desc.Bios.BiosSize);
         }
     }
-    SetDataSize(m.Header, s);
+    m.Header.SetDataSizes(s);
 
     if (mode == PlacementMode::Sequential) {
         if (image.PlacementCursor < s + kHeader) ctx.diag.Fatal("Out of ROM space!");
@@ -165,7 +160,7 @@ void InsertLinkedRom(BuildContext& ctx, std::uint32_t index) {
         ctx.diag.Fatal("Addon-rom must precede linked modules");
     }
     k.InsertionIndex = ctx.layout.InsertionCounter++;
-    SetDataSize(k.Header, load_le32(last + module_header::DataSize.offset));
+    k.Header.SetDataSizes(load_le32(last + module_header::DataSize.offset));
     if (ModeOf(ctx) == PlacementMode::Sequential && image.PlacementCursor <= kHeader) {
         ctx.diag.Fatal("Not enough free space in ROM file to insert module");
     }

@@ -141,8 +141,7 @@ void SplitModule(BuildContext& ctx, std::uint32_t index) {
 
     // The last piece carries the whole module's DataSize and no SplitPiece; its checksum
     // covers its header and the data of every piece (SplitDataSum).
-    m.Header.SetDataSize(s);
-    m.Header.SetDataSize16(s < 0x10000 ? static_cast<std::uint16_t>(s) : 0xFFFF);
+    m.Header.SetDataSizes(s);
     std::copy(m.Header.bytes.begin(), m.Header.bytes.end(),
               image.ImageBuffer.begin() + image.PlacementCursor);
     SealNewHeader(ctx);

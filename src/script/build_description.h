@@ -36,6 +36,11 @@ struct ModuleHeaderImage {
 
     std::uint32_t DataSize() const { return load_le32(&bytes[module_header::DataSize.offset]); }
     void SetDataSize(std::uint32_t v) { store_le32(&bytes[module_header::DataSize.offset], v); }
+    // DataSize, and DataSize16 as it follows from it.
+    void SetDataSizes(std::uint32_t v) {
+        SetDataSize(v);
+        SetDataSize16(DataSize16For(v));
+    }
     std::uint16_t DataSize16() const { return load_le16(&bytes[module_header::DataSize16.offset]); }
     void SetDataSize16(std::uint16_t v) { store_le16(&bytes[module_header::DataSize16.offset], v); }
     std::uint8_t ModuleId() const { return bytes[module_header::ModuleId.offset]; }

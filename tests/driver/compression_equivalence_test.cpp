@@ -56,9 +56,7 @@ Outcome Build(const TempDir& dir, const RandomScript& script, unsigned threads, 
 // The same build with the script and every input file in memory.
 Outcome BuildInMemory(const TempDir& dir, const RandomScript& script) {
     platform::MemoryFileSystem files;
-    for (const auto& entry : fs::directory_iterator(dir.path())) {
-        files.Put(entry.path().string(), ReadBytes(entry.path().string()));
-    }
+    PutFolder(files, dir);
     const std::vector<std::string> inputs = files.Names();
     BuildRequest request;
     request.script = script.path;

@@ -17,7 +17,6 @@
 namespace fwforge {
 namespace {
 
-namespace fs = std::filesystem;
 using namespace fwforge::testing;
 
 // A sanitizer build takes every third seed.
@@ -41,9 +40,7 @@ TEST(ScriptWriter, ReadingWhatItWritesGivesTheSameDescriptionAndImage) {
         TempDir dir;
         const RandomScript script = MakeRandomScript(seed, dir);
         platform::MemoryFileSystem files;
-        for (const auto& entry : fs::directory_iterator(dir.path())) {
-            files.Put(entry.path().string(), ReadBytes(entry.path().string()));
-        }
+        PutFolder(files, dir);
         BuildDescription first, second;
         if (!Parse(files, script.path, first)) continue;
         const std::string written = WriteBuildScript(first, {"written back"});

@@ -73,4 +73,10 @@ std::vector<std::uint8_t> RandomBytes(std::size_t count, std::uint32_t seed) {
     return bytes;
 }
 
+void PutFolder(platform::MemoryFileSystem& files, const TempDir& dir) {
+    for (const auto& entry : std::filesystem::directory_iterator(dir.path())) {
+        if (entry.is_regular_file()) files.Put(entry.path().string(), ReadBytes(entry.path().string()));
+    }
+}
+
 }  // namespace fwforge::testing

@@ -7,6 +7,8 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/file_system.h"
+
 namespace fwforge::testing {
 
 // A fresh folder under the system's temp folder, removed with everything in it when
@@ -29,6 +31,9 @@ private:
 void WriteBytes(const std::string& path, const std::vector<std::uint8_t>& bytes);
 void WriteText(const std::string& path, std::string_view text);
 std::vector<std::uint8_t> ReadBytes(const std::string& path);
+
+// Every file of the folder `dir`, put into `files` under its whole path.
+void PutFolder(platform::MemoryFileSystem& files, const TempDir& dir);
 
 // Turns "\n" line ends into the CR LF that build scripts use.
 std::string WithCrLf(std::string_view text);
