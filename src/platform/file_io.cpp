@@ -9,9 +9,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <cstdlib>
+#include <random>
 #include <string>
 #include <utility>
 
@@ -167,10 +167,11 @@ std::optional<OutputFile> OutputFile::Create(std::string_view name) {
     const std::string folder = slash == std::string::npos ? "" : target.substr(0, slash + 1);
     const std::string base = slash == std::string::npos ? target : target.substr(slash + 1);
     if (base.empty() || base == "." || base == "..") return std::nullopt;
-    static std::atomic<unsigned> serial{0};
+    // A name that no other output of this or another process takes at the same time.
+    std::random_device random;
     for (int attempt = 0; attempt < 100; ++attempt) {
         const std::string temporary = folder + "." + base + ".tmp-" + std::to_string(::getpid()) +
-                                      "-" + std::to_string(serial.fetch_add(1));
+                                      "-" + std::to_string(random());
         const int fd =
             ::open(temporary.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
         if (fd >= 0) return OutputFile(fd, temporary, target);

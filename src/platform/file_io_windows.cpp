@@ -12,7 +12,7 @@
 #include <windows.h>
 
 #include <algorithm>
-#include <atomic>
+#include <random>
 #include <string>
 #include <utility>
 
@@ -113,11 +113,17 @@ std::optional<OutputFile> OutputFile::Create(std::string_view name) {
     const std::string folder = slash == std::string::npos ? "" : host.substr(0, slash + 1);
     const std::string base = slash == std::string::npos ? host : host.substr(slash + 1);
     if (base.empty() || base == "." || base == "..") return std::nullopt;
-    static std::atomic<unsigned> serial{0};
+    // A folder of that name is no file to replace.
+    const DWORD attributes = ::GetFileAttributesW(wide_host->c_str());
+    if (attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY)) {
+        return std::nullopt;
+    }
+    // A name that no other output of this or another process takes at the same time.
+    std::random_device random;
     for (int attempt = 0; attempt < 100; ++attempt) {
         const std::string temporary = folder + "." + base + ".tmp-" +
                                       std::to_string(::GetCurrentProcessId()) + "-" +
-                                      std::to_string(serial.fetch_add(1));
+                                      std::to_string(random());
         const auto wide = Widen(temporary);
         if (!wide) return std::nullopt;
         const HANDLE handle =

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <filesystem>
 #include <iostream>
 #include <map>
@@ -29,7 +30,11 @@ struct Example {
 
 Example LoadExample(const std::string& name) {
     Example example{name, {}};
-    const std::filesystem::path dir = std::filesystem::path(FWFORGE_BINARY_DIR) / "examples" / name;
+    // A cross build makes no example inputs; FWFORGE_EXAMPLE_INPUTS names the build that
+    // made them.
+    const char* inputs = std::getenv("FWFORGE_EXAMPLE_INPUTS");
+    const std::filesystem::path dir =
+        std::filesystem::path(inputs ? inputs : FWFORGE_BINARY_DIR) / "examples" / name;
     for (const auto& entry : std::filesystem::directory_iterator(dir)) {
         if (!entry.is_regular_file()) continue;
         example.inputs[entry.path().filename().string()] =
