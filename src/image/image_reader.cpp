@@ -253,17 +253,22 @@ void ReadImageInfo(Bytes image, ImageModel& model) {
     }
 }
 
+// A block whose length runs past the end of the image is a problem, and is read up to
+// the end.
+void ClipToImage(ImageModel& model, Block& block, std::uint32_t at, const char* what) {
+    if (Fits(at, block.length, model.size)) return;
+    model.problems.push_back(
+        {StrFormat("%s at %x", what, at),
+         StrFormat("block length %x runs past the end of the image", block.length)});
+    block.length = model.size - at;
+}
+
 void FindBlocks(Bytes image, ImageModel& model) {
     for (std::uint32_t at : FindSignature(image, block_header::kEbbSignature)) {
         if (InsideMainModuleData(model, at)) continue;
         auto block = ReadBlockHeader(image, at);
         if (!block) continue;
-        if (!Fits(at, block->length, model.size)) {
-            model.problems.push_back(
-                {StrFormat("EBB at %x", at),
-                 StrFormat("block length %x runs past the end of the image", block->length)});
-            block->length = model.size - at;
-        }
+        ClipToImage(model, *block, at, "EBB");
         model.ebb = block;  // the highest one wins: the EBB sits right below the boot block
     }
     std::vector<Block> found;
@@ -272,12 +277,7 @@ void FindBlocks(Bytes image, ImageModel& model) {
         if (at % 16 != 0 || InsideMainModuleData(model, at)) continue;
         auto block = ReadBlockHeader(image, at);
         if (!block) continue;
-        if (!Fits(at, block->length, model.size)) {
-            model.problems.push_back(
-                {StrFormat("non-critical block at %x", at),
-                 StrFormat("block length %x runs past the end of the image", block->length)});
-            block->length = model.size - at;
-        }
+        ClipToImage(model, *block, at, "non-critical block");
         found.push_back(*block);
     }
     // Blocks are built in the order the image information lists them; that order also

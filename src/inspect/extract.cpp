@@ -10,6 +10,7 @@
 #include "image/module_data.h"
 #include "platform/byte_order.h"
 #include "platform/text_format.h"
+#include "script/ebb_module_list.h"
 #include "script/script_writer.h"
 
 namespace fwforge::inspect {
@@ -365,33 +366,20 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
         entry.MaxModuleSize = fixed_size[k];
         entry.Contiguous =
             m.Contiguous() || ((attributes & module_attr::NotCompressed) && !may_split(m));
-        if (m.area == ModuleArea::Main) {
-            for (const ImageInfoItemConstrained& c : model.info.constrained) {
-                if (c.insertion_index != m.index) continue;
-                if (c.alignment) {
-                    entry.Alignment = c.alignment;
-                    ++d.ConstrainedModuleCount;
-                }
-                if (c.start_address != kEndOfChain && d.RomHoleCount < d.RomHoleTable.size()) {
-                    // The reservation the script reader makes for a start address.
-                    entry.StartAddress = c.start_address;
-                    entry.HeaderAddress = c.start_address - std::uint32_t(module_header::kSize);
-                    entry.Contiguous = 1;
-                    entry.RomHoleIndex = static_cast<std::uint8_t>(d.RomHoleCount);
-                    RomHoleEntry& reservation = d.RomHoleTable[d.RomHoleCount++];
-                    reservation.StartAddress = entry.HeaderAddress & ~std::uint32_t{0xF};
-                    reservation.Filler = 0x00;
-                    reservation.OwnerModule = static_cast<std::uint8_t>(d.ModuleCount);
-                    ++d.FixedModuleCount;
-                    ++d.ConstrainedModuleCount;
-                }
-            }
-        }
         // A linked add-on ROM goes wherever its parent goes.
         if (!m.Linked()) entry.RomRegion = region;
-        if (d.ModuleCount + 1 < d.ModuleTable.size()) {
-            plan.module_entries[k] = {false, d.ModuleCount};
-            d.ModuleTable[d.ModuleCount++] = std::move(entry);
+        if (d.ModuleCount + 1 >= d.ModuleTable.size()) return;
+        const std::uint32_t at = d.ModuleCount++;
+        plan.module_entries[k] = {false, at};
+        d.ModuleTable[at] = std::move(entry);
+        if (m.area != ModuleArea::Main) return;
+        for (const ImageInfoItemConstrained& c : model.info.constrained) {
+            if (c.insertion_index != m.index) continue;
+            if (c.alignment) {
+                d.ModuleTable[at].Alignment = c.alignment;
+                ++d.ConstrainedModuleCount;
+            }
+            if (c.start_address != kEndOfChain) ReserveStartAddress(d, at, c.start_address);
         }
     };
     const auto ebb_modules = model.ModulesIn(ModuleArea::Ebb);

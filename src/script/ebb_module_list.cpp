@@ -23,4 +23,28 @@ EbbOffer AddEbbModule(BuildDescription& description, const ModuleEntry& record) 
     return EbbOffer::Taken;
 }
 
+bool ReserveStartAddress(BuildDescription& description, std::uint32_t module,
+                         std::uint32_t address) {
+    // Reservations share the 16 records with ROM holes and non-critical blocks.
+    if (description.RomHoleCount >= kRomHoleTableSize) return false;
+    // The header goes directly below the data. Below address 20 this wraps to the top
+    // of the 32-bit space, which the gap map finds out of range.
+    const std::uint32_t header_size = 12u + description.ModuleHeaderExtension;
+    ++description.ConstrainedModuleCount;
+    ++description.FixedModuleCount;
+    ModuleEntry& entry = description.ModuleTable[module];
+    entry.StartAddress = address;
+    entry.HeaderAddress = address - header_size;
+    entry.Contiguous = 1;
+    entry.RomHoleIndex = static_cast<std::uint8_t>(description.RomHoleCount);
+    RomHoleEntry& reservation = description.RomHoleTable[description.RomHoleCount];
+    reservation = RomHoleEntry{};
+    reservation.StartAddress = entry.HeaderAddress & ~std::uint32_t{0xF};
+    reservation.Filler = 0x00;
+    reservation.Size = 0;  // known once the module is sized
+    reservation.OwnerModule = static_cast<std::uint8_t>(module);
+    ++description.RomHoleCount;
+    return true;
+}
+
 }  // namespace fwforge

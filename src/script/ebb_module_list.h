@@ -17,4 +17,10 @@ enum class EbbOffer {
 // EbbModuleList. The list is never grown past kMaxEbbModules; the caller reports that.
 EbbOffer AddEbbModule(BuildDescription& description, const ModuleEntry& record);
 
+// Gives module record `module` the start address `address`: its header directly below
+// the data, contiguous, and a reservation among the ROM-hole records (sized once the
+// module is). False, and nothing changed, when the 16 records are taken.
+bool ReserveStartAddress(BuildDescription& description, std::uint32_t module,
+                         std::uint32_t address);
+
 }  // namespace fwforge

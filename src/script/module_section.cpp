@@ -195,27 +195,9 @@ void ScriptParser::ModuleStartAddressKey(std::string_view key) {
     }
     if (*address % 4 != 0)
         Fail("Module StartAddress must be DWORD aligned.  Refer to %s, line %d.");
-    // The header goes directly below the data. Below address 20 this wraps to the top
-    // of the 32-bit space, which the gap map finds out of range.
-    const std::uint32_t header_size = 12u + desc_.ModuleHeaderExtension;
-    ++desc_.ConstrainedModuleCount;
-    ++desc_.FixedModuleCount;
-    ModuleEntry& module = Current();
-    module.StartAddress = *address;
-    module.HeaderAddress = *address - header_size;
-    module.Contiguous = 1;
-    // Reservations share the 16 records with ROM holes and non-critical blocks.
-    if (desc_.RomHoleCount >= kRomHoleTableSize) {
+    if (!ReserveStartAddress(desc_, static_cast<std::uint32_t>(*current_module_), *address)) {
         Fatal("Maximum number of ROMHOLEs, NCBs or MODULEs with StartAddress exceeded");
     }
-    module.RomHoleIndex = static_cast<std::uint8_t>(desc_.RomHoleCount);
-    RomHoleEntry& reservation = desc_.RomHoleTable[desc_.RomHoleCount];
-    reservation = RomHoleEntry{};
-    reservation.StartAddress = module.HeaderAddress & ~std::uint32_t{0xF};
-    reservation.Filler = 0x00;
-    reservation.Size = 0;  // known once the module is sized
-    reservation.OwnerModule = static_cast<std::uint8_t>(desc_.ModuleCount);
-    ++desc_.RomHoleCount;
 }
 
 // ----- end of the section -----
