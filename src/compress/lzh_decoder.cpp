@@ -187,6 +187,7 @@ class Lh5Decoder {
                               block_, symbol, kNumLitLen)};
             }
             lit_len_.SetSingle(symbol);
+            if (trace_ != nullptr) trace_->lit_len_lengths.assign(kNumLitLen, 0);
             return;
         }
         if (n > kNumLitLen) {
@@ -215,6 +216,7 @@ class Lh5Decoder {
             i += run;  // the lengths are zero already
         }
         lit_len_.Build(lengths, "literal/length");
+        if (trace_ != nullptr) trace_->lit_len_lengths.assign(lengths.begin(), lengths.end());
     }
 
     void DecodeToken(std::vector<std::uint8_t>& out) {

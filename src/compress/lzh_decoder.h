@@ -25,6 +25,9 @@ struct Lh5Token {
 struct Lh5Trace {
     std::vector<std::uint32_t> block_token_counts;
     std::vector<Lh5Token> tokens;
+    // The literal/length code lengths of the last block whose tables were read whole
+    // (empty before; all zero for a single-symbol code).
+    std::vector<std::uint8_t> lit_len_lengths;
 };
 
 // Decodes `original_size` bytes from an lh5 bit stream. On failure returns nullopt

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "compress/cut_off_stand_in.h"
 #include "format/compressed_data_header.h"
 #include "format/image_info_records.h"
 #include "format/main_header_block.h"
@@ -48,6 +49,16 @@ const Module* ParentOf(const std::vector<const Module*>& chain, std::size_t i) {
     return nullptr;
 }
 
+// Gap placement reserves 2 bytes beyond the compressed total that the build computed
+// (rounded to 4). It shows where that reaches past the stored data and no maximum size
+// made the data longer.
+bool ReserveShows(const ImageModel& model, const Module& m, std::uint32_t total) {
+    using module_room::RoundUp4;
+    return model.gap_placement && m.area != ModuleArea::Ebb &&
+           m.header.data_size == RoundUp4(total) &&
+           RoundUp4(total + module_room::kCompressedReserve) != RoundUp4(total);
+}
+
 }  // namespace
 
 std::string ModuleFileName(const ImageModel& model, const Module& m, const char* suffix) {
@@ -65,6 +76,7 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
     std::vector<std::string>& module_files = plan.module_files;
     module_files.resize(model.modules.size());
     std::vector<bool> recompress(model.modules.size(), false);
+    std::vector<bool> stand_in(model.modules.size(), false);
     // A stored size beyond what the compressed data needs was fixed by maxmodulesize.
     std::vector<std::uint32_t> fixed_size(model.modules.size(), 0);
 
@@ -111,17 +123,9 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
             plan.files.push_back({name, std::move(decoded.bytes)});
             // The boot block stamp is read from the original file of module 1B, so
             // that one must be given decompressed and compressed again by the build.
-            //
-            // Gap placement reserves 2 bytes beyond the compressed total (rounded to 4);
-            // when that reaches past the stored data (and no maximum size made the data
-            // longer), a build from the stored data would take 4 bytes less room, and so
-            // the module is compressed again too.
-            using module_room::RoundUp4;
-            const bool reserve_shows =
-                model.gap_placement && m.area != ModuleArea::Ebb &&
-                m.header.data_size == RoundUp4(decoded.total) &&
-                RoundUp4(decoded.total + module_room::kCompressedReserve) !=
-                    RoundUp4(decoded.total);
+            // Where the reserve shows, a build from the stored data would take 4 bytes
+            // less room, and so the module is compressed again too.
+            const bool reserve_shows = ReserveShows(model, m, decoded.total);
             // Whether the reserve was there is a guess: a file given as compressed data
             // (nowcompressed = yes) has none. A choice overrides it.
             const bool stamp = m.header.id == kBootBlockStampModuleId && m.area != ModuleArea::Ebb;
@@ -142,6 +146,23 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
             if (DescribeCannotUnpack(model, m, decoded, entry)) {
                 plan.cannot_unpack.push_back(std::move(entry));
             }
+            // A cut-off stream that a build made took the room of compressed data, which
+            // a build given the stored bytes does not give them. A stand-in file that the
+            // encoder cuts off at the same bytes gets that room back.
+            if (decoded.status != DecodeStatus::CutOff || !ReserveShows(model, m, decoded.total)) {
+                continue;
+            }
+            std::map<std::size_t, std::optional<std::vector<std::uint8_t>>> found;
+            auto& memo = choices.stand_ins != nullptr ? *choices.stand_ins : found;
+            if (!memo.contains(i)) memo[i] = lzh::CutOffStandIn(stored);
+            const std::optional<std::vector<std::uint8_t>>& standin = memo[i];
+            if (!standin) continue;
+            plan.open_choices.push_back({i, OpenChoice::Recompress});
+            if (i < choices.recompress.size() && choices.recompress[i] == 0) continue;
+            module_files[i] = ModuleFileName(model, m, ".standin.bin");
+            plan.files.push_back({module_files[i], *standin});
+            recompress[i] = true;
+            stand_in[i] = true;
         }
     }
     if (model.info.module >= 0) {
@@ -317,7 +338,12 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
         if (m.Contiguous()) attributes |= module_attr::ContiguousAttr;
         const std::uint8_t compression =
             m.Compressed() && !recompress[k] ? compression_flag::AlreadyCompressed : 0;
-        if (recompress[k]) {
+        if (stand_in[k]) {
+            lost.push_back(DescribeModule(model, m) +
+                           ": its file's end, past the encoder's cut, is lost; " + module_files[k] +
+                           " is data of its length that the encoder cuts off at the same bytes, "
+                           "for the build to store them again in the room it gave them");
+        } else if (recompress[k]) {
             lost.push_back(DescribeModule(model, m) +
                            (m.header.id == kBootBlockStampModuleId
                                 ? ": given decompressed (it supplies the boot block stamp)"

@@ -4,6 +4,8 @@
 // contents, and DIR/rebuild.scr, a build script that gives fwforge what it needs to
 // build the image again: byte for byte for an image built in sequential placement.
 
+#include <map>
+#include <optional>
 #include <span>
 #include <string>
 #include <vector>
@@ -47,6 +49,9 @@ struct ExtractChoices {
     // decompressed, so that the build compresses all of them again in the order it
     // did, with the same encoder window from run to run.
     bool recompress_all = false;
+    // Stand-ins for cut-off modules (see compress/cut_off_stand_in.h) by module, kept
+    // across the plans of one search when given: finding one costs more than a plan.
+    std::map<std::size_t, std::optional<std::vector<std::uint8_t>>>* stand_ins = nullptr;
 };
 
 struct ExtractPlan {

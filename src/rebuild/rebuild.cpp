@@ -92,7 +92,9 @@ Built BuildInMemory(const inspect::ExtractPlan& plan, const BuildDescription& de
 
 Reconstruction Reconstruct(std::span<const std::uint8_t> image, const inspect::ImageModel& model) {
     Reconstruction out;
+    std::map<std::size_t, std::optional<std::vector<std::uint8_t>>> stand_ins;
     inspect::ExtractChoices choices;
+    choices.stand_ins = &stand_ins;
     auto attempt = [&](const inspect::ExtractChoices& c, std::uint64_t& distance) {
         inspect::ExtractPlan plan = inspect::PlanExtract(image, model, c);
         const Built built = BuildInMemory(plan, plan.description);

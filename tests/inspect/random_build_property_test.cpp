@@ -424,8 +424,10 @@ TEST(RandomBuildProperty, InspectorReadsBackEveryBuiltImage) {
     }
     EXPECT_GE(built, 200 / kSeedStep);
     // Gap placement leaves open what the image cannot tell (whether a compressed module
-    // was compressed by the build, which encoder window a short one met).
-    EXPECT_LE(seen["not rebuilt exactly"] * 8, seen["gap placement"]);
+    // was compressed by the build, which encoder window a short one met, the lost end of
+    // a stream cut off before its code tables): 95 in 100 come back (the sanitizer
+    // build's third of the seeds: 15 in 16).
+    EXPECT_LE(seen["not rebuilt exactly"] * (kSeedStep == 1 ? 20 : 16), seen["gap placement"]);
     for (const auto& [kind, least] : kLeast) {
         EXPECT_GE(seen[kind], least / kSeedStep) << kind;
     }
