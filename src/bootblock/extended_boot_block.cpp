@@ -67,15 +67,14 @@ ModuleBuffer ReadModuleFile(BuildContext& ctx, const EbbModuleRecord& record) {
 std::uint64_t CompressInPlace(BuildContext& ctx, EbbModuleRecord& record, ModuleBuffer& buffer) {
     std::vector<std::uint8_t> source = AllocateFilled(ctx, buffer.file_size, 0);
     std::copy_n(buffer.bytes.begin(), buffer.file_size, source.begin());
-    if (ctx.options.VerboseMode && record.Header.ModuleId() == kImageInfoModuleId) {
+    if (ctx.options.VerboseMode && record.Header.id == kImageInfoModuleId) {
         ctx.diag.Print(" (compressed)");
     }
     const lzh::CompressResult result = ctx.Compressor().CompressModule(source, buffer.bytes);
     if (result.stopped && result.consumed < buffer.file_size) {
         std::fill(buffer.bytes.begin(), buffer.bytes.end(), std::uint8_t(0xFF));
         std::copy(source.begin(), source.end(), buffer.bytes.begin());
-        record.Header.SetModuleAttributes(record.Header.ModuleAttributes() |
-                                          module_attr::NotCompressed);
+        record.Header.attributes |= module_attr::NotCompressed;
         return buffer.file_size;
     }
     return result.total;
@@ -144,9 +143,9 @@ void BuildExtendedBootBlock(BuildContext& ctx) {
 
         ModuleBuffer buffer = ReadModuleFile(ctx, record);
         ctx.diag.Printf(" Inserting %s as module id %02X", record.FileName.c_str(),
-                        record.Header.ModuleId());
+                        record.Header.id);
         std::uint64_t size = buffer.file_size;
-        if ((record.Header.ModuleAttributes() & module_attr::NotCompressed) == 0 &&
+        if ((record.Header.attributes & module_attr::NotCompressed) == 0 &&
             (record.CompressionFlags & compression_flag::AlreadyCompressed) == 0) {
             size = CompressInPlace(ctx, record, buffer);
         }
@@ -163,12 +162,12 @@ void BuildExtendedBootBlock(BuildContext& ctx) {
 
         if (fill + size + kSize > ebb_size) ctx.diag.Fatal("Out of EBB space!");
         record.Header.SetDataSizes(std::uint32_t(size));
-        store_le32(record.Header.bytes.data() + module_header::Checksum.offset, 0);
+        record.Header.checksum = 0;
 
         const std::uint32_t header = ebb_start + std::uint32_t(fill);
         ctx.diag.Printf(" at %x\n", unsigned(header));
         CheckEbbFits(ctx, cursor);
-        std::copy(record.Header.bytes.begin(), record.Header.bytes.end(), image.begin() + header);
+        WriteModuleHeader(image.data() + header, record.Header);
         std::copy_n(buffer.bytes.begin(), data_length, image.begin() + header + kSize);
 
         // A module's checksum covers its link, so each is sealed once its link is final:

@@ -32,7 +32,7 @@ void AnnounceModuleCompressions(BuildContext& ctx) {
     std::vector<lzh::BuildCompressor::Expected> runs;
     if (desc.Bios.MaxEbbSize != 0) {
         for (const EbbModuleRecord& record : desc.EbbModuleList) {
-            if (IsCompressedByBuild(record.Header.ModuleAttributes(), record.CompressionFlags)) {
+            if (IsCompressedByBuild(record.Header.attributes, record.CompressionFlags)) {
                 runs.push_back(ModuleFile(ctx.files, record.FileName, 1));
             }
         }
@@ -40,7 +40,7 @@ void AnnounceModuleCompressions(BuildContext& ctx) {
     for (std::uint32_t m = 0; m < desc.ModuleCount && m < desc.ModuleTable.size(); ++m) {
         const ModuleEntry& entry = desc.ModuleTable[m];
         if (!IsLinkedAddonRom(entry) &&
-            IsCompressedByBuild(entry.Header.ModuleAttributes(), entry.CompressionFlags)) {
+            IsCompressedByBuild(entry.Header.attributes, entry.CompressionFlags)) {
             runs.push_back(ModuleFile(ctx.files, entry.FileName, 2));
         }
     }

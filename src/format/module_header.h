@@ -33,8 +33,10 @@ constexpr std::uint16_t DataSize16For(std::uint32_t size) {
     return size < 0x10000 ? static_cast<std::uint16_t>(size) : kDataSize16TooLarge;
 }
 
-// The fields of a module header, read from or written to its 20 bytes.
-struct ModuleHeaderFields {
+// The fields of a module header, read from or written to its 20 bytes: the builder
+// fills one for each module, the reader reads one from each header, the editor changes
+// one and writes it back.
+struct ModuleHeader {
     std::uint32_t data_size = 0;
     std::uint32_t checksum = 0;
     std::uint32_t next_link = 0;
@@ -43,12 +45,19 @@ struct ModuleHeaderFields {
     std::uint8_t attributes = 0;
     std::uint16_t dest_offset = 0;   // or the PCI VendorId of an add-on ROM
     std::uint16_t dest_segment = 0;  // or the PCI DeviceId of an add-on ROM
+
+    // DataSize, and DataSize16 as it follows from it.
+    void SetDataSizes(std::uint32_t size) {
+        data_size = size;
+        data_size16 = DataSize16For(size);
+    }
+    bool operator==(const ModuleHeader&) const = default;
 };
 
 // `header` holds module_header::kSize bytes.
-inline ModuleHeaderFields ReadModuleHeader(const std::uint8_t* header) {
+inline ModuleHeader ReadModuleHeader(const std::uint8_t* header) {
     using namespace module_header;
-    ModuleHeaderFields h;
+    ModuleHeader h;
     h.data_size = load_le32(header + DataSize.offset);
     h.checksum = load_le32(header + Checksum.offset);
     h.next_link = load_le32(header + NextModuleLink.offset);
@@ -60,7 +69,7 @@ inline ModuleHeaderFields ReadModuleHeader(const std::uint8_t* header) {
     return h;
 }
 
-inline void WriteModuleHeader(std::uint8_t* header, const ModuleHeaderFields& h) {
+inline void WriteModuleHeader(std::uint8_t* header, const ModuleHeader& h) {
     using namespace module_header;
     store_le32(header + DataSize.offset, h.data_size);
     store_le32(header + Checksum.offset, h.checksum);

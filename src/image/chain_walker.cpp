@@ -19,7 +19,7 @@ constexpr std::uint32_t kBase = module_header::kExtensionSize;  // links point h
 
 HeaderView ReadHeader(Bytes image, std::uint32_t at) {
     HeaderView h;
-    static_cast<ModuleHeaderFields&>(h) = ReadModuleHeader(image.data() + at);
+    static_cast<ModuleHeader&>(h) = ReadModuleHeader(image.data() + at);
     h.offset = at;
     return h;
 }

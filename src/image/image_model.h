@@ -30,7 +30,7 @@ struct Finding {
 };
 
 // One 20-byte module header as it stands in the image: its fields, and where it is.
-struct HeaderView : ModuleHeaderFields {
+struct HeaderView : ModuleHeader {
     std::uint32_t offset = 0;  // image offset of the header's first byte
 };
 

@@ -155,7 +155,7 @@ void BuildImageInfoModule(BuildContext& ctx) {
     // Block; the image information module starts from a fresh record instead.
     ModuleEntry& module = d.ModuleTable[d.ModuleCount];
     module = ModuleEntry{};
-    module.Header.SetModuleId(kImageInfoModuleId);
+    module.Header.id = kImageInfoModuleId;
     // Sizing keeps the smaller of compressed and stored, and reads the file back.
     module.CompressionFlags |= compression_flag::MinSize;
     module.RomHoleIndex = kNoIndex;

@@ -330,10 +330,10 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
                           const std::string& region) {
         const Module& m = *chain[i];
         const std::size_t k = static_cast<std::size_t>(&m - model.modules.data());
-        ModuleHeaderImage header;
-        header.SetModuleId(m.header.id);
-        header.SetDestOffset(m.header.dest_offset);
-        header.SetDestSegment(m.header.dest_segment);
+        ModuleHeader header;
+        header.id = m.header.id;
+        header.dest_offset = m.header.dest_offset;
+        header.dest_segment = m.header.dest_segment;
         std::uint8_t attributes = m.header.attributes & module_attr::NotCompressed;
         if (m.Contiguous()) attributes |= module_attr::ContiguousAttr;
         const std::uint8_t compression =
@@ -352,7 +352,7 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
                            "; the build compresses it again, and its encoder may choose other "
                            "matches of the same meaning");
         }
-        header.SetModuleAttributes(attributes);
+        header.attributes = attributes;
         if (region == "EBB") {
             EbbModuleRecord record;
             record.FileName = module_files[k];
@@ -385,7 +385,7 @@ ExtractPlan PlanExtract(std::span<const std::uint8_t> image, const ImageModel& m
             } else {
                 lost.push_back(DescribeModule(model, m) + ": linked add-on ROM without a parent");
             }
-            header.SetModuleAttributes(attributes);
+            header.attributes = attributes;
         }
         entry.Header = header;
         entry.CompressionFlags = compression;

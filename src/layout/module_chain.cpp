@@ -72,7 +72,7 @@ void SealNewHeader(BuildContext& ctx) {
 }
 
 bool IsLinkedAddonRom(const ModuleEntry& entry) {
-    return entry.Header.ModuleId() == kAddonRomModuleId && entry.LinkVendorId != 0xFFFF &&
+    return entry.Header.id == kAddonRomModuleId && entry.LinkVendorId != 0xFFFF &&
            entry.LinkDeviceId != 0xFFFF;
 }
 

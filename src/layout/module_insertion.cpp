@@ -15,10 +15,9 @@ PlacementMode ModeOf(const BuildContext& ctx) {
     return ctx.description.RomHoleCount == 0 ? PlacementMode::Sequential : PlacementMode::Gap;
 }
 
-// Copies the header image to the PlacementCursor and joins it to the chain.
-void WriteHeaderAndChain(BuildContext& ctx, const ModuleHeaderImage& header) {
-    std::copy(header.bytes.begin(), header.bytes.end(),
-              ctx.image.ImageBuffer.begin() + ctx.image.PlacementCursor);
+// Writes the header at the PlacementCursor and joins it to the chain.
+void WriteHeaderAndChain(BuildContext& ctx, const ModuleHeader& header) {
+    WriteModuleHeader(ctx.image.ImageBuffer.data() + ctx.image.PlacementCursor, header);
     LinkToLastHeader(ctx);
     SealLastHeader(ctx);
     SealNewHeader(ctx);
@@ -57,9 +56,9 @@ std::uint64_t LoadModuleData(BuildContext& ctx, const ModuleEntry& m, bool trace
     std::uint32_t n = 0;
     buffer = ReadModuleFile(ctx, m.FileName, n);
     std::uint64_t d = n;
-    if (IsCompressedByBuild(m.Header.ModuleAttributes(), m.CompressionFlags)) {
+    if (IsCompressedByBuild(m.Header.attributes, m.CompressionFlags)) {
         if (trace_compression && ctx.options.VerboseMode &&
-            m.Header.ModuleId() == kImageInfoModuleId) {
+            m.Header.id == kImageInfoModuleId) {
             ctx.diag.Print(" (compressed)");
         }
         d = CompressInPlace(ctx, buffer, n).total;
@@ -102,7 +101,7 @@ void InsertModule(BuildContext& ctx, std::uint32_t index) {
         image.PlacementCursor += kHeader * linked;
     }
     m.InsertionIndex = ctx.layout.InsertionCounter++;
-    ctx.diag.Printf(" Inserting %s as module id %02X", m.FileName.c_str(), m.Header.ModuleId());
+    ctx.diag.Printf(" Inserting %s as module id %02X", m.FileName.c_str(), m.Header.id);
 
     std::vector<std::uint8_t> buffer;
     const std::uint64_t d = LoadModuleData(ctx, m, true, buffer);
@@ -115,7 +114,7 @@ void InsertModule(BuildContext& ctx, std::uint32_t index) {
             // multiple of Alignment.
             s += (image.PlacementCursor - s) % m.Alignment;
         }
-        if (m.Header.ModuleId() == kDescriptorModuleId) {
+        if (m.Header.id == kDescriptorModuleId) {
             const std::uint32_t data_offset = mode == PlacementMode::Sequential
                                                   ? image.PlacementCursor - s
                                                   : image.PlacementCursor + kHeader;

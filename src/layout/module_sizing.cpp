@@ -35,8 +35,8 @@ void AttachLinkedRom(BuildContext& ctx, ModuleEntry& link) {
         ctx.diag.Printf(
             "  encountered link: parent = %s, # of siblings = %d\n   vendorID = %x, deviceID = "
             "%x\n",
-            parent.FileName.c_str(), parent.LinkedRomCount - 1, link.Header.DestOffset(),
-            link.Header.DestSegment());
+            parent.FileName.c_str(), parent.LinkedRomCount - 1, link.Header.dest_offset,
+            link.Header.dest_segment);
         ctx.diag.Printf("    parents total size will be increased by %x\n", kHeader);
     }
 }
@@ -51,12 +51,12 @@ void SizeModule(BuildContext& ctx, std::uint32_t index) {
         return;
     }
     ctx.layout.LinkParent =
-        m.Header.ModuleId() == kAddonRomModuleId ? static_cast<std::uint8_t>(index) : kNoIndex;
+        m.Header.id == kAddonRomModuleId ? static_cast<std::uint8_t>(index) : kNoIndex;
 
     // Sizes are 32-bit as the firmware format counts them: a MaxModuleSize within a few
     // bytes of 4 GB wraps here, and the module is refused where its data would be copied.
     std::uint32_t s = 0;
-    if (IsCompressedByBuild(m.Header.ModuleAttributes(), m.CompressionFlags)) {
+    if (IsCompressedByBuild(m.Header.attributes, m.CompressionFlags)) {
         std::uint32_t n = 0;
         std::vector<std::uint8_t> buffer = ReadModuleFile(ctx, m.FileName, n);
         const lzh::CompressResult result = CompressInPlace(ctx, buffer, n);
@@ -68,7 +68,7 @@ void SizeModule(BuildContext& ctx, std::uint32_t index) {
         const bool cut_off = result.stopped && result.consumed < n;
         if (cut_off || ((m.CompressionFlags & compression_flag::MinSize) && n <= s)) {
             s = n;
-            m.Header.SetModuleAttributes(m.Header.ModuleAttributes() | module_attr::NotCompressed);
+            m.Header.attributes |= module_attr::NotCompressed;
         }
     } else {
         s = MeasureModuleFile(ctx, m.FileName);
@@ -91,7 +91,7 @@ void SizeModule(BuildContext& ctx, std::uint32_t index) {
     }
     if (ctx.options.VerboseMode) {
         ctx.diag.Printf(" %s (module id %x) size will be %x\n", m.FileName.c_str(),
-                        m.Header.ModuleId(), m.PlacedSize);
+                        m.Header.id, m.PlacedSize);
     }
 }
 

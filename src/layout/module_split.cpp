@@ -42,11 +42,11 @@ void CopyPiece(BuildContext& ctx, const ModuleEntry& m, const std::vector<std::u
 void WritePieceHeader(BuildContext& ctx, const ModuleEntry& m, std::uint32_t length) {
     std::uint8_t* h = ctx.image.ImageBuffer.data() + ctx.image.PlacementCursor;
     store_le32(h + module_header::DataSize.offset, length);
-    h[module_header::ModuleId.offset] = m.Header.ModuleId();
+    h[module_header::ModuleId.offset] = m.Header.id;
     h[module_header::ModuleAttributes.offset] =
-        m.Header.ModuleAttributes() | module_attr::SplitPiece;
-    store_le16(h + module_header::DestOffset.offset, m.Header.DestOffset());
-    store_le16(h + module_header::DestSegment.offset, m.Header.DestSegment());
+        m.Header.attributes | module_attr::SplitPiece;
+    store_le16(h + module_header::DestOffset.offset, m.Header.dest_offset);
+    store_le16(h + module_header::DestSegment.offset, m.Header.dest_segment);
 }
 
 }  // namespace
@@ -89,7 +89,7 @@ void SplitModule(BuildContext& ctx, std::uint32_t index) {
             desc.RomImage.RomImageFlags;
     }
     m.InsertionIndex = layout.InsertionCounter++;
-    ctx.diag.Printf(" Splitting %s as module id %02X\n", m.FileName.c_str(), m.Header.ModuleId());
+    ctx.diag.Printf(" Splitting %s as module id %02X\n", m.FileName.c_str(), m.Header.id);
 
     // The first room holds the headers of the linked add-on ROMs at its bottom, then the
     // first piece's header and at least 16 data bytes.
@@ -142,8 +142,7 @@ void SplitModule(BuildContext& ctx, std::uint32_t index) {
     // The last piece carries the whole module's DataSize and no SplitPiece; its checksum
     // covers its header and the data of every piece (SplitDataSum).
     m.Header.SetDataSizes(s);
-    std::copy(m.Header.bytes.begin(), m.Header.bytes.end(),
-              image.ImageBuffer.begin() + image.PlacementCursor);
+    WriteModuleHeader(image.ImageBuffer.data() + image.PlacementCursor, m.Header);
     SealNewHeader(ctx);
     layout.LastHeader = image.PlacementCursor + module_header::kExtensionSize;
     buffer = {};

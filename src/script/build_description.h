@@ -4,7 +4,6 @@
 // reader fills it; the layout engine writes only the fields it owns (see each field).
 
 #include <algorithm>
-#include <array>
 #include <cstdint>
 #include <span>
 #include <string>
@@ -12,7 +11,6 @@
 
 #include "format/main_header_block.h"
 #include "format/module_header.h"
-#include "platform/byte_order.h"
 
 namespace fwforge {
 
@@ -30,40 +28,10 @@ inline constexpr std::uint8_t MinSize = 0x02;            // compressed = minsize
 
 enum PlacementState : std::uint8_t { Unplaced = 0, Placed = 1, NoWholeFit = 2 };
 
-// A 20-byte module header image with named access to its fields.
-struct ModuleHeaderImage {
-    std::array<std::uint8_t, module_header::kSize> bytes{};
-
-    std::uint32_t DataSize() const { return load_le32(&bytes[module_header::DataSize.offset]); }
-    void SetDataSize(std::uint32_t v) { store_le32(&bytes[module_header::DataSize.offset], v); }
-    // DataSize, and DataSize16 as it follows from it.
-    void SetDataSizes(std::uint32_t v) {
-        SetDataSize(v);
-        SetDataSize16(DataSize16For(v));
-    }
-    std::uint16_t DataSize16() const { return load_le16(&bytes[module_header::DataSize16.offset]); }
-    void SetDataSize16(std::uint16_t v) { store_le16(&bytes[module_header::DataSize16.offset], v); }
-    std::uint8_t ModuleId() const { return bytes[module_header::ModuleId.offset]; }
-    void SetModuleId(std::uint8_t v) { bytes[module_header::ModuleId.offset] = v; }
-    std::uint8_t ModuleAttributes() const { return bytes[module_header::ModuleAttributes.offset]; }
-    void SetModuleAttributes(std::uint8_t v) { bytes[module_header::ModuleAttributes.offset] = v; }
-    // DestOffset, or the PCI VendorId of an add-on ROM.
-    std::uint16_t DestOffset() const { return load_le16(&bytes[module_header::DestOffset.offset]); }
-    void SetDestOffset(std::uint16_t v) { store_le16(&bytes[module_header::DestOffset.offset], v); }
-    // DestSegment, or the PCI DeviceId of an add-on ROM.
-    std::uint16_t DestSegment() const {
-        return load_le16(&bytes[module_header::DestSegment.offset]);
-    }
-    void SetDestSegment(std::uint16_t v) {
-        store_le16(&bytes[module_header::DestSegment.offset], v);
-    }
-    bool operator==(const ModuleHeaderImage&) const = default;
-};
-
 // One [module] section. Default member values are those of a fresh section.
 struct ModuleEntry {
     std::string FileName;
-    ModuleHeaderImage Header;
+    ModuleHeader Header;
     std::uint16_t LinkVendorId = 0xFFFF;
     std::uint16_t LinkDeviceId = 0xFFFF;
     std::uint32_t MaxModuleSize = 0;
@@ -95,7 +63,7 @@ struct RomHoleEntry {
 
 // A module diverted to the Extended Boot Block.
 struct EbbModuleRecord {
-    ModuleHeaderImage Header;
+    ModuleHeader Header;
     std::string FileName;
     std::uint32_t MaxModuleSize = 0;
     std::uint8_t Alignment = 0;

@@ -15,10 +15,10 @@ EbbOffer AddEbbModule(BuildDescription& description, const ModuleEntry& record) 
     ebb.MaxModuleSize = record.MaxModuleSize;
     ebb.CompressionFlags = record.CompressionFlags;
     ebb.Alignment = record.Alignment;
-    ebb.Header.SetModuleId(record.Header.ModuleId());
-    ebb.Header.SetModuleAttributes(record.Header.ModuleAttributes());
-    ebb.Header.SetDestOffset(record.Header.DestOffset());
-    ebb.Header.SetDestSegment(record.Header.DestSegment());
+    ebb.Header.id = record.Header.id;
+    ebb.Header.attributes = record.Header.attributes;
+    ebb.Header.dest_offset = record.Header.dest_offset;
+    ebb.Header.dest_segment = record.Header.dest_segment;
     description.EbbModuleList.push_back(std::move(ebb));
     return EbbOffer::Taken;
 }

@@ -80,7 +80,7 @@ void ScriptParser::ParseModuleSection(std::size_t index) {
 
 void ScriptParser::ModuleIdKey(std::string_view key) {
     module_given_.moduleid = true;
-    Current().Header.SetModuleId(ByteHex(ReadKeyValue(key)));
+    Current().Header.id = ByteHex(ReadKeyValue(key));
 }
 
 void ScriptParser::ModuleFileKey(std::string_view key) {
@@ -99,8 +99,8 @@ void ScriptParser::DestnKey(std::string_view key) {
     if (!segment || !offset) {
         Fail("Expected segment:offset (i.e. xxxx:yyyy).  Refer to %s, line %d.");
     }
-    Current().Header.SetDestSegment(static_cast<std::uint16_t>(*segment));
-    Current().Header.SetDestOffset(static_cast<std::uint16_t>(*offset));
+    Current().Header.dest_segment = static_cast<std::uint16_t>(*segment);
+    Current().Header.dest_offset = static_cast<std::uint16_t>(*offset);
 }
 
 void ScriptParser::CompressedKey(std::string_view key) {
@@ -108,8 +108,7 @@ void ScriptParser::CompressedKey(std::string_view key) {
     ModuleEntry& module = Current();
     if (value == "yes") return;  // compression is the default
     if (value == "no") {
-        module.Header.SetModuleAttributes(module.Header.ModuleAttributes() |
-                                          module_attr::NotCompressed);
+        module.Header.attributes |= module_attr::NotCompressed;
     } else if (value == "minsize") {
         module.CompressionFlags |= compression_flag::MinSize;
     } else {
@@ -119,12 +118,12 @@ void ScriptParser::CompressedKey(std::string_view key) {
 
 void ScriptParser::VendorIdKey(std::string_view key) {
     module_given_.vendorid = true;
-    Current().Header.SetDestOffset(FourDigitHex(ReadKeyValue(key)));
+    Current().Header.dest_offset = FourDigitHex(ReadKeyValue(key));
 }
 
 void ScriptParser::DeviceIdKey(std::string_view key) {
     module_given_.deviceid = true;
-    Current().Header.SetDestSegment(FourDigitHex(ReadKeyValue(key)));
+    Current().Header.dest_segment = FourDigitHex(ReadKeyValue(key));
 }
 
 void ScriptParser::LinkVenIdKey(std::string_view key) {
@@ -145,8 +144,7 @@ void ScriptParser::LinkKey(std::string_view key) {
     const bool linked = YesNo(ReadKeyValue(key));
     if (first && linked) {
         ModuleEntry& module = Current();
-        module.Header.SetModuleAttributes(module.Header.ModuleAttributes() |
-                                          module_attr::LinkedRom);
+        module.Header.attributes |= module_attr::LinkedRom;
     }
 }
 
@@ -159,8 +157,7 @@ void ScriptParser::ContiguousKey(std::string_view key) {
     ModuleEntry& module = Current();
     if (YesNo(ReadKeyValue(key))) {
         module.Contiguous = 1;
-        module.Header.SetModuleAttributes(module.Header.ModuleAttributes() |
-                                          module_attr::ContiguousAttr);
+        module.Header.attributes |= module_attr::ContiguousAttr;
     } else {
         module.Contiguous = 0;
     }
@@ -220,14 +217,14 @@ void ScriptParser::CheckModuleSection() {
     }
     if (!given.contiguous && !given.startaddress) {
         module.Contiguous =
-            (module.Header.ModuleAttributes() & module_attr::NotCompressed) != 0 ? 1 : 0;
+            (module.Header.attributes & module_attr::NotCompressed) != 0 ? 1 : 0;
     }
     if (given.alignment && given.romregion) {
         Fail(
             "Alignment tag not supported for Non-Critical Block modules. "
             "Refer to %s, line %d.");
     }
-    if (module.Header.ModuleId() == kAddonRomModuleId) {
+    if (module.Header.id == kAddonRomModuleId) {
         if (given.link) {
             if (!(given.moduleid && given.vendorid && given.deviceid && given.linkvenid &&
                   given.linkdevid)) {
@@ -270,8 +267,8 @@ void ScriptParser::InsertLinkedRom() {
     const std::uint16_t vendor = table[count].LinkVendorId;
     const std::uint16_t device = table[count].LinkDeviceId;
     std::size_t parent = 0;
-    while (parent < count && !(table[parent].Header.DestOffset() == vendor &&
-                               table[parent].Header.DestSegment() == device)) {
+    while (parent < count && !(table[parent].Header.dest_offset == vendor &&
+                               table[parent].Header.dest_segment == device)) {
         ++parent;
     }
     if (parent == count) {

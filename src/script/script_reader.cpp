@@ -108,7 +108,7 @@ void ScriptParser::TopLevelLoop() {
             // The stamp module's file is read again after every section (and comment)
             // while it is the current module; the result is the same every time.
             if (current_module_ &&
-                desc_.ModuleTable[*current_module_].Header.ModuleId() == kBootBlockStampModuleId) {
+                desc_.ModuleTable[*current_module_].Header.id == kBootBlockStampModuleId) {
                 ReadBootBlockStamp();
             }
             break;

@@ -16,16 +16,16 @@ std::string Lower(std::string text) {
 
 // A module that the layout links behind an add-on ROM with its ids.
 bool HasParentIds(const ModuleEntry& m) {
-    return m.Header.ModuleId() == kAddonRomModuleId && m.LinkVendorId != 0xFFFF &&
+    return m.Header.id == kAddonRomModuleId && m.LinkVendorId != 0xFFFF &&
            m.LinkDeviceId != 0xFFFF;
 }
 
 // The first module of the table that carries a link's parent ids, as the reader finds it.
 std::size_t ParentOf(const BuildDescription& d, std::size_t link) {
     for (std::size_t p = 0; p < link; ++p) {
-        const ModuleHeaderImage& h = d.ModuleTable[p].Header;
-        if (h.DestOffset() == d.ModuleTable[link].LinkVendorId &&
-            h.DestSegment() == d.ModuleTable[link].LinkDeviceId) {
+        const ModuleHeader& h = d.ModuleTable[p].Header;
+        if (h.dest_offset == d.ModuleTable[link].LinkVendorId &&
+            h.dest_segment == d.ModuleTable[link].LinkDeviceId) {
             return p;
         }
     }
@@ -50,13 +50,13 @@ void CompressionKeys(Writer& w, std::uint8_t attributes, std::uint8_t flags) {
     if (flags & compression_flag::AlreadyCompressed) w.Key("nowcompressed", "yes");
 }
 
-void DestinationKeys(Writer& w, const ModuleHeaderImage& h) {
-    w.Key("moduleid", StrFormat("%02x", h.ModuleId()));
-    if (h.ModuleId() == kAddonRomModuleId) {
-        w.Key("vendorid", StrFormat("%04x", h.DestOffset()));
-        w.Key("deviceid", StrFormat("%04x", h.DestSegment()));
+void DestinationKeys(Writer& w, const ModuleHeader& h) {
+    w.Key("moduleid", StrFormat("%02x", h.id));
+    if (h.id == kAddonRomModuleId) {
+        w.Key("vendorid", StrFormat("%04x", h.dest_offset));
+        w.Key("deviceid", StrFormat("%04x", h.dest_segment));
     } else {
-        w.Key("destn", StrFormat("%04x:%04x", h.DestSegment(), h.DestOffset()));
+        w.Key("destn", StrFormat("%04x:%04x", h.dest_segment, h.dest_offset));
     }
 }
 
@@ -64,16 +64,16 @@ void WriteEbbModule(Writer& w, const EbbModuleRecord& m) {
     w.Line("[module]");
     w.Key("file", m.FileName);
     DestinationKeys(w, m.Header);
-    CompressionKeys(w, m.Header.ModuleAttributes(), m.CompressionFlags);
+    CompressionKeys(w, m.Header.attributes, m.CompressionFlags);
     if (m.MaxModuleSize) w.Hex8("maxmodulesize", m.MaxModuleSize);
-    if (m.Header.ModuleAttributes() & module_attr::ContiguousAttr) w.Key("contiguous", "yes");
+    if (m.Header.attributes & module_attr::ContiguousAttr) w.Key("contiguous", "yes");
     w.Key("romregion", "ebb");
     w.Line("");
 }
 
 // `link_key`: the module is read as a link and moved behind its parent.
 void WriteModule(Writer& w, const ModuleEntry& m, bool link_key) {
-    const std::uint8_t attributes = m.Header.ModuleAttributes();
+    const std::uint8_t attributes = m.Header.attributes;
     w.Line("[module]");
     if (!m.FileName.empty()) w.Key("file", m.FileName);
     DestinationKeys(w, m.Header);

@@ -14,7 +14,7 @@ namespace fwforge {
 namespace {
 
 TEST(ModuleHeaderFormat, FieldsComeBackAsWritten) {
-    ModuleHeaderFields h;
+    ModuleHeader h;
     h.data_size = 0x12345;
     h.checksum = 0xDEADBEEF;
     h.next_link = 0xF0001238;
@@ -25,7 +25,7 @@ TEST(ModuleHeaderFormat, FieldsComeBackAsWritten) {
     h.dest_segment = 0x1234;
     std::array<std::uint8_t, module_header::kSize> bytes{};
     WriteModuleHeader(bytes.data(), h);
-    const ModuleHeaderFields back = ReadModuleHeader(bytes.data());
+    const ModuleHeader back = ReadModuleHeader(bytes.data());
     EXPECT_EQ(back.data_size, h.data_size);
     EXPECT_EQ(back.checksum, h.checksum);
     EXPECT_EQ(back.next_link, h.next_link);
