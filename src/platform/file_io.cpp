@@ -180,28 +180,6 @@ std::optional<OutputFile> OutputFile::Create(std::string_view name) {
     return std::nullopt;
 }
 
-OutputFile::OutputFile(OutputFile&& other) noexcept
-    : handle_(std::exchange(other.handle_, kNoHandle)),
-      temporary_(std::move(other.temporary_)),
-      target_(std::move(other.target_)) {
-    other.temporary_.clear();
-}
-
-OutputFile& OutputFile::operator=(OutputFile&& other) noexcept {
-    if (this != &other) {
-        Discard();
-        handle_ = std::exchange(other.handle_, kNoHandle);
-        temporary_ = std::move(other.temporary_);
-        target_ = std::move(other.target_);
-        other.temporary_.clear();
-    }
-    return *this;
-}
-
-OutputFile::~OutputFile() {
-    Discard();
-}
-
 void OutputFile::Discard() {
     if (handle_ != kNoHandle) ::close(Fd(handle_));
     handle_ = kNoHandle;
