@@ -394,7 +394,9 @@ int main(int argc, char** argv) {
     const fs::path bin = fs::absolute(argc > 1 ? argv[1] : FWFORGE_BINARY_DIR);
     const std::string only = argc > 2 ? argv[2] : "";
     const int rounds = std::getenv("ROUNDS") ? std::max(1, std::atoi(std::getenv("ROUNDS"))) : kRounds;
-    const fs::path dir = fs::temp_directory_path() / "fwforge-image-build-bench";
+    // A folder of this run's own: benchmarks run side by side do not clear each other's.
+    const fs::path dir =
+        fs::temp_directory_path() / ("fwforge-image-build-bench-" + std::to_string(getpid()));
     fs::remove_all(dir);
     fs::create_directories(dir);
 
@@ -481,6 +483,10 @@ int main(int argc, char** argv) {
                 worst_key.c_str());
     std::printf("targets: builds at most 0.60 of the compression pass; peak under %.0f MB\n",
                 limit_mb);
-    if (!std::getenv("KEEP")) fs::remove_all(dir);
+    if (std::getenv("KEEP")) {
+        std::printf("inputs kept in %s\n", dir.c_str());
+    } else {
+        fs::remove_all(dir);
+    }
     return 0;
 }
