@@ -10,7 +10,9 @@
 namespace fwforge::lzh {
 
 struct BuildCompressor::Run {
-    enum class State { Running, Done, Failed };
+    // Waiting: announced and read, not started; Running: being computed, by a worker or
+    // by the build.
+    enum class State { Waiting, Running, Done, Failed };
 
     std::vector<std::uint8_t> input;
     // The bytes of StaleReadRange(input.size()) in the window the run starts from:
@@ -22,12 +24,13 @@ struct BuildCompressor::Run {
     State state = State::Running;
     unsigned uses_left = 1;
     bool asked = false;  // the build has asked for it once
+    bool ahead = false;  // counted among the runs read ahead of the build
 };
 
 namespace {
 
-// How many announced runs the workers compute ahead of the build, per worker: enough
-// to keep every core busy, few enough that memory stays near the image's size.
+// Announced runs read ahead of the build, per worker, whatever their size: enough to
+// keep every core busy when a single run is larger than the byte budget.
 constexpr unsigned kAheadPerWorker = 2;
 
 bool TooLarge(std::size_t size) { return size > std::uint32_t(-1) - kCompressedOverhead; }
@@ -65,7 +68,8 @@ void BuildCompressor::Release() {
     StopWorkers();
     std::lock_guard lock(mutex_);
     runs_.clear();
-    unasked_ = 0;
+    ahead_runs_ = 0;
+    ahead_bytes_ = 0;
 }
 
 void BuildCompressor::Expect(std::vector<Expected> runs) {
@@ -73,8 +77,11 @@ void BuildCompressor::Expect(std::vector<Expected> runs) {
     try {
         // The first announced run starts from the real window as it is now.
         const std::span<const std::uint8_t> now = encoder_.Window();
-        std::lock_guard lock(mutex_);
+        std::unique_lock lock(mutex_);
+        // A run being read belongs to the announcement this one replaces.
+        changed_.wait(lock, [this] { return !planning_; });
         predicted_.assign(now.begin(), now.end());
+        plan_.clear();
         for (Expected& expected : runs) plan_.push_back(std::move(expected));
     } catch (const std::bad_alloc&) {
         return;  // announcing is only a guess; every run is computed when asked for
@@ -90,49 +97,89 @@ void BuildCompressor::Expect(std::vector<Expected> runs) {
     changed_.notify_all();
 }
 
-BuildCompressor::Run* BuildCompressor::PlanNext(const std::span<const std::uint8_t>* given) {
+bool BuildCompressor::MayPlan() const {
+    return !planning_ && !plan_.empty() &&
+           (ahead_bytes_ < options_.ahead_bytes || ahead_runs_ < kAheadPerWorker * options_.threads);
+}
+
+void BuildCompressor::PlanNext(std::unique_lock<std::mutex>& lock) {
     try {
         Expected next = std::move(plan_.front());
         plan_.pop_front();
-        std::vector<std::uint8_t> input;
-        if (given != nullptr) {
-            input.assign(given->begin(), given->end());
-        } else {
-            std::optional<std::vector<std::uint8_t>> loaded = next.load();
-            if (!loaded || TooLarge(loaded->size())) {
-                plan_.clear();  // the runs after it would start from another window
-                return nullptr;
+        // Read without the lock: the build and the other workers go on meanwhile, and no
+        // one else reads or predicts until this run is in place.
+        planning_ = true;
+        lock.unlock();
+        std::optional<std::vector<std::uint8_t>> loaded;
+        try {
+            loaded = next.load();
+        } catch (...) {
+            loaded.reset();
+        }
+        lock.lock();
+        planning_ = false;
+        changed_.notify_all();
+        if (!loaded || TooLarge(loaded->size()) || stopping_) {
+            plan_.clear();  // the runs after it would start from another window
+            return;
+        }
+        std::vector<std::uint8_t> input = std::move(*loaded);
+        const WindowRange range = StaleReadRange(input.size());
+        std::vector<std::uint8_t> stale(predicted_.begin() + range.begin,
+                                        predicted_.begin() + range.end);
+        ReplayRun(predicted_, input, FullRunSlides(input.size()));
+        if (next.again) {
+            // A run that reads nothing of earlier runs gives what it gave before.
+            if (range.size() == 0) return;
+            for (const std::unique_ptr<Run>& run : runs_) {
+                if (run->state != Run::State::Failed && run->input.size() == input.size() &&
+                    run->stale == stale && run->input == input) {
+                    return;
+                }
             }
-            input = std::move(*loaded);
         }
         auto run = std::make_unique<Run>();
-        const WindowRange range = StaleReadRange(input.size());
-        run->stale.assign(predicted_.begin() + range.begin, predicted_.begin() + range.end);
-        ReplayRun(predicted_, input, FullRunSlides(input.size()));
+        run->stale = std::move(stale);
         run->input = std::move(input);
         run->uses_left = next.uses;
+        run->state = Run::State::Waiting;
+        run->ahead = true;
         runs_.push_back(std::move(run));
-        return runs_.back().get();
+        ++ahead_runs_;
+        ahead_bytes_ += runs_.back()->input.size();
     } catch (...) {
-        // Out of memory, or a loader that failed otherwise: the rest is computed when
-        // it is asked for.
+        // Out of memory: the rest is computed when it is asked for.
         plan_.clear();
-        return nullptr;
     }
 }
 
 void BuildCompressor::Work() {
     std::unique_ptr<Encoder> encoder;
     std::unique_lock lock(mutex_);
+    std::vector<std::uint8_t> output;  // room for the longest result so far
+    // The longest run read and not started: the build asks in order and takes over what
+    // no worker has started, so the long runs, started first, do not end the build on
+    // one core.
+    auto waiting = [this]() -> Run* {
+        Run* longest = nullptr;
+        for (const std::unique_ptr<Run>& run : runs_) {
+            if (run->state == Run::State::Waiting &&
+                (longest == nullptr || run->input.size() > longest->input.size())) {
+                longest = run.get();
+            }
+        }
+        return longest;
+    };
     for (;;) {
-        changed_.wait(lock, [this] {
-            return stopping_ || (!plan_.empty() && unasked_ < kAheadPerWorker * options_.threads);
-        });
+        changed_.wait(lock, [&] { return stopping_ || MayPlan() || waiting() != nullptr; });
         if (stopping_) return;
-        // Inputs are read here, one at a time and in order, as the prediction needs.
-        Run* run = PlanNext(nullptr);
-        if (run == nullptr) continue;
-        ++unasked_;
+        // Reading comes first: it is quick, and it gives the other threads work.
+        if (MayPlan()) {
+            PlanNext(lock);
+            continue;
+        }
+        Run* run = waiting();
+        run->state = Run::State::Running;
         ++computed_;
         lock.unlock();
 
@@ -144,10 +191,11 @@ void BuildCompressor::Work() {
             const WindowRange range = StaleReadRange(run->input.size());
             std::copy(run->stale.begin(), run->stale.end(),
                       encoder->Window().begin() + range.begin);
-            run->output.resize(run->input.size() + kCompressedOverhead);
-            run->result = encoder->CompressModule(run->input, run->output);
-            run->output.resize(run->result.total);
-            run->output.shrink_to_fit();
+            if (output.size() < run->input.size() + kCompressedOverhead) {
+                output.resize(run->input.size() + kCompressedOverhead);
+            }
+            run->result = encoder->CompressModule(run->input, output);
+            run->output.assign(output.begin(), output.begin() + run->result.total);
             run->token_buffer = encoder->TokenBufferSize();
         } catch (...) {
             // Out of memory in a worker: the run is computed when it is asked for.
@@ -156,14 +204,16 @@ void BuildCompressor::Work() {
 
         lock.lock();
         run->state = done ? Run::State::Done : Run::State::Failed;
-        if (!done) --unasked_;
+        if (!done) LeaveAhead(*run);
         changed_.notify_all();
     }
 }
 
 BuildCompressor::Run* BuildCompressor::FindReusable(std::span<const std::uint8_t> source,
                                                     std::span<const std::uint8_t> stale,
-                                                    std::unique_lock<std::mutex>& lock) {
+                                                    std::unique_lock<std::mutex>& lock,
+                                                    bool& computing) {
+    computing = false;
     // By index: workers add runs while this waits; only the build's thread removes any.
     for (std::size_t i = 0; i < runs_.size(); ++i) {
         Run& run = *runs_[i];
@@ -171,6 +221,13 @@ BuildCompressor::Run* BuildCompressor::FindReusable(std::span<const std::uint8_t
         if (run.input.size() != source.size() || !std::ranges::equal(run.stale, stale) ||
             !std::ranges::equal(run.input, source)) {
             continue;
+        }
+        if (run.state == Run::State::Waiting) {
+            // No worker has started it: the build computes it rather than wait.
+            run.state = Run::State::Running;
+            ++computed_;
+            computing = true;
+            return &run;
         }
         changed_.wait(lock, [&run] { return run.state != Run::State::Running; });
         if (run.state == Run::State::Done && run.token_buffer == encoder_.TokenBufferSize()) {
@@ -180,12 +237,19 @@ BuildCompressor::Run* BuildCompressor::FindReusable(std::span<const std::uint8_t
     return nullptr;
 }
 
-void BuildCompressor::Use(Run& run) {
-    if (!run.asked) {
-        run.asked = true;
-        if (unasked_ != 0) --unasked_;
-        changed_.notify_all();
+void BuildCompressor::LeaveAhead(Run& run) {
+    if (run.asked) return;
+    run.asked = true;
+    if (run.ahead) {
+        run.ahead = false;
+        --ahead_runs_;
+        ahead_bytes_ -= run.input.size();
     }
+    changed_.notify_all();
+}
+
+void BuildCompressor::Use(Run& run) {
+    LeaveAhead(run);
     if (--run.uses_left != 0 && options_.reuse) return;
     std::erase_if(runs_, [&run](const std::unique_ptr<Run>& r) { return r.get() == &run; });
 }
@@ -201,7 +265,22 @@ CompressResult BuildCompressor::CompressModule(std::span<const std::uint8_t> sou
     const std::span<const std::uint8_t> stale = window.subspan(range.begin, range.size());
 
     std::unique_lock lock(mutex_);
-    if (Run* run = FindReusable(source, stale, lock)) {
+    bool computing = false;
+    Run* run = FindReusable(source, stale, lock, computing);
+    while (run == nullptr) {
+        if (planning_) {
+            // The run being read may be this one.
+            changed_.wait(lock, [this] { return !planning_; });
+        } else if (ahead_runs_ == 0 && !plan_.empty()) {
+            // The workers have not read this far: the build reads the next announced run
+            // itself, which keeps the prediction going past it.
+            PlanNext(lock);
+        } else {
+            break;
+        }
+        run = FindReusable(source, stale, lock, computing);
+    }
+    if (run != nullptr && !computing) {
         // The run read the same input and the same stale bytes, so it wrote these bytes;
         // the window goes on as that run left it.
         std::copy(run->output.begin(), run->output.end(), destination.begin());
@@ -213,14 +292,8 @@ CompressResult BuildCompressor::CompressModule(std::span<const std::uint8_t> sou
     }
 
     // Computed here, from the real window, and kept for later calls over the same input:
-    // in the announced run it is when the workers have not got this far (taking it keeps
-    // the prediction going past it), else in a run of its own.
-    Run* run = nullptr;
-    if (!plan_.empty()) {
-        run = PlanNext(&source);
-        if (run != nullptr) run->asked = true;
-    }
-    ++computed_;
+    // an announced run that no worker has started, else a run of its own.
+    if (run == nullptr) ++computed_;
     lock.unlock();
     std::unique_ptr<Run> own;
     bool keep = run != nullptr || options_.reuse;
@@ -228,11 +301,13 @@ CompressResult BuildCompressor::CompressModule(std::span<const std::uint8_t> sou
         if (run == nullptr && keep) {
             own = std::make_unique<Run>();
             own->input.assign(source.begin(), source.end());
+            // Before the run, which changes the window.
+            own->stale.assign(stale.begin(), stale.end());
             run = own.get();
         }
-        // Before the run, which changes the window.
-        if (keep) run->stale.assign(stale.begin(), stale.end());
     } catch (const std::bad_alloc&) {
+        own.reset();
+        run = nullptr;
         keep = false;  // computed all the same, but not kept
     }
     // An announced run taken here that ends up not kept is given up on for good.
@@ -240,6 +315,7 @@ CompressResult BuildCompressor::CompressModule(std::span<const std::uint8_t> sou
         if (run == nullptr || own) return;
         std::lock_guard relock(mutex_);
         run->state = Run::State::Failed;
+        LeaveAhead(*run);
         changed_.notify_all();
     };
 

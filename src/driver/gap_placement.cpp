@@ -1,5 +1,6 @@
 #include "driver/gap_placement.h"
 
+#include "driver/compression_plan.h"
 #include "imageinfo/image_info.h"
 #include "layout/gap_map.h"
 #include "layout/main_header.h"
@@ -53,6 +54,7 @@ void RunGapPlacement(BuildContext& ctx) {
     BuildDescription& desc = ctx.description;
     ctx.diag.Print("Gathering module size information\n");
     for (std::uint32_t m = 0; m < desc.ModuleCount; ++m) SizeModule(ctx, m);
+    AnnouncePlacementCompressions(ctx);
 
     ctx.diag.Print("Generating gap information\n");
     BuildGapMap(ctx);

@@ -70,8 +70,9 @@ void WriteRomFile(BuildContext& ctx) {
 
 void BuildRomImage(BuildContext& ctx) {
     const BuildDescription& desc = ctx.description;
-    AllocateImage(ctx);
+    // Announced first, so that the workers start while the image is filled.
     AnnounceModuleCompressions(ctx);
+    AllocateImage(ctx);
 
     // Each fixed phase checks that its region fits below the cursor, after its progress
     // line and its own limits: the end-of-script check compares the regions with BiosSize

@@ -68,5 +68,40 @@ TEST(BuildCompressor, GivesOneEncodersBytesAndComputesEachRunOnce) {
     }
 }
 
+// Gap placement sizes every module in script order and places them in another order:
+// announced again, a long input gives what its sizing gave, and a short one, which reads
+// what the run before it left in the window, is computed ahead from that window.
+TEST(BuildCompressor, ComputesOnlyShortRunsAgainInTheOrderAnnouncedNext) {
+    const std::vector<Bytes> inputs = Inputs();
+    std::vector<std::size_t> order(inputs.size());
+    for (std::size_t i = 0; i < order.size(); ++i) order[i] = (i * 3 + 2) % order.size();
+    Encoder one;
+    std::vector<Bytes> expected;
+    for (const Bytes& input : inputs) expected.push_back(Compress(one, input));
+    for (const std::size_t i : order) expected.push_back(Compress(one, inputs[i]));
+
+    for (const std::size_t ahead : {std::size_t{1}, std::size_t{8} << 20}) {
+        SCOPED_TRACE(::testing::Message() << ahead << " bytes ahead");
+        BuildCompressor compressor({2, true, {}, ahead});
+        std::vector<BuildCompressor::Expected> sizing, placing;
+        for (const Bytes& input : inputs) {
+            sizing.push_back({[input] { return std::optional<Bytes>(input); }, 2});
+        }
+        for (const std::size_t i : order) {
+            placing.push_back({[input = inputs[i]] { return std::optional<Bytes>(input); }, 1, true});
+        }
+        compressor.Expect(std::move(sizing));
+        std::vector<Bytes> got;
+        for (const Bytes& input : inputs) got.push_back(Compress(compressor, input));
+        compressor.Expect(std::move(placing));
+        for (const std::size_t i : order) got.push_back(Compress(compressor, inputs[i]));
+        EXPECT_EQ(got, expected);
+        // Seven runs to size; of the placing runs, the two long inputs are not computed
+        // again, and the repeated short input at most once more.
+        EXPECT_LE(compressor.RunsComputed(), 7u + 5u);
+        EXPECT_GE(compressor.RunsComputed(), 7u);
+    }
+}
+
 }  // namespace
 }  // namespace fwforge::lzh
