@@ -56,7 +56,7 @@ void AnnouncePlacementCompressions(BuildContext& ctx) {
         const ModuleEntry& entry = desc.ModuleTable[m];
         // Sizing has marked what it stores as it is.
         if (IsLinkedAddonRom(entry) ||
-            !IsCompressedByBuild(entry.Header.ModuleAttributes(), entry.CompressionFlags)) {
+            !IsCompressedByBuild(entry.Header.attributes, entry.CompressionFlags)) {
             continue;
         }
         if (!entry.RomRegion.empty()) {
