@@ -161,6 +161,8 @@ void BuildExtendedBootBlock(BuildContext& ctx) {
         const std::uint64_t data_length = std::min<std::uint64_t>(size, buffer.bytes.size());
         size = (size + 3) & ~std::uint64_t(3);
 
+        ctx.layout.LastRequest = {RoomRegion::Ebb, std::uint32_t(i), size + kSize,
+                                  ebb_size - std::min<std::uint64_t>(fill, ebb_size)};
         if (fill + size + kSize > ebb_size) ctx.diag.Fatal("Out of EBB space!");
         record.Header.SetDataSizes(std::uint32_t(size));
         store_le32(record.Header.bytes.data() + module_header::Checksum.offset, 0);

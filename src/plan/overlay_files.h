@@ -1,0 +1,28 @@
+#pragma once
+// A file system that reads through to another one and keeps everything written in
+// memory: a plan runs the real build on the files of the disk (or of any file system)
+// and writes nothing there.
+
+#include <memory>
+#include <string_view>
+
+#include "platform/file_system.h"
+
+namespace fwforge::plan {
+
+class OverlayFileSystem final : public platform::FileSystem {
+  public:
+    explicit OverlayFileSystem(platform::FileSystem& below) : below_(below) {}
+
+    // A file written here (or put) is read from here; any other from below.
+    std::unique_ptr<platform::ReadableFile> Open(std::string_view name) override;
+    std::unique_ptr<platform::WritableFile> Create(std::string_view name) override;
+
+    platform::MemoryFileSystem& written() { return written_; }
+
+  private:
+    platform::FileSystem& below_;
+    platform::MemoryFileSystem written_;
+};
+
+}  // namespace fwforge::plan
