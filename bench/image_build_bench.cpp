@@ -5,7 +5,8 @@
 // the three alternate, three rounds, and the medians are compared. Also the builds on
 // one thread, and the peak memory of every build.
 // Targets: a build takes at most 0.6 times one compression pass over its input; peak
-// memory stays under 3 x BiosSize + 16 MB.
+// memory stays under 3 x BiosSize + 16 MB; fwforge-inspect plan costs at most 1.2 times
+// the build, a plan that fails (and searches for changes) at most 5 times.
 // Usage: image_build_bench [BIN_DIR]   (where fwforge and fwforge-lzh are)
 
 #include <spawn.h>
@@ -18,6 +19,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <map>
 #include <thread>
 #include <fcntl.h>
@@ -84,9 +86,10 @@ struct Measure {
     double peak_mb = 0;
 };
 
-// Runs a program in `dir` and returns its wall time and peak memory; exits on failure.
+// Runs a program in `dir` and returns its wall time and peak memory; exits when it
+// fails or ends with another status than `expected`.
 Measure Run(const fs::path& dir, std::vector<std::string> args,
-            const std::vector<std::string>& extra_env) {
+            const std::vector<std::string>& extra_env, int expected = 0) {
     std::vector<char*> argv;
     for (std::string& a : args) argv.push_back(a.data());
     argv.push_back(nullptr);
@@ -109,7 +112,7 @@ Measure Run(const fs::path& dir, std::vector<std::string> args,
     int status = 0;
     rusage usage{};
     if (spawned != 0 || wait4(pid, &status, 0, &usage) != pid || !WIFEXITED(status) ||
-        WEXITSTATUS(status) != 0) {
+        WEXITSTATUS(status) != expected) {
         std::fprintf(stderr, "failed: %s %s in %s\n", args[0].c_str(), args[1].c_str(),
                      dir.c_str());
         std::exit(1);
@@ -170,6 +173,33 @@ bool MakeInputs(const fs::path& dir) {
     return true;
 }
 
+// fwforge-inspect plan of the benchmark image against its build, and the plan of the same
+// modules in a quarter of the image (which stops, and searches for changes that make it
+// fit) against the same build, alternating, in the same run.
+// Targets: a plan at most 1.2 times the build; a plan that fails at most 5 times.
+void MeasurePlan(const fs::path& bin, const fs::path& dir) {
+    std::ifstream in(dir / "sequential.scr", std::ios::binary);
+    std::string script((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    const std::string size = "size = 01000000";
+    script.replace(script.find(size), size.size(), "size = 00400000");
+    std::ofstream(dir / "quarter.scr", std::ios::binary) << script;
+    const std::string inspect = (bin / "fwforge-inspect").string();
+    std::vector<double> build, plan, failing;
+    for (int round = 0; round < kRounds; ++round) {
+        build.push_back(Run(dir, {(bin / "fwforge").string(), "out", "sequential.scr"}, {}).seconds);
+        plan.push_back(Run(dir, {inspect, "plan", "sequential.scr", "--out", "out"}, {}).seconds);
+        failing.push_back(
+            Run(dir, {inspect, "plan", "quarter.scr", "--out", "out"}, {}, 1).seconds);
+    }
+    const double reference = Median(build);
+    std::printf("%-34s %8.3f %8.2f\n", "plan, sequential placement", Median(plan),
+                Median(plan) / reference);
+    std::printf("%-34s %8.3f %8.2f\n", "plan that fails, with suggestions", Median(failing),
+                Median(failing) / reference);
+    std::printf("targets: a plan at most 1.2 times the build (ratio column: to the build); "
+                "a failing plan at most 5\n");
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -224,6 +254,7 @@ int main(int argc, char** argv) {
     }
     std::printf("targets: builds at most 0.60 of the compression pass; peak under %.0f MB\n",
                 limit_mb);
+    MeasurePlan(bin, dir);
     if (!std::getenv("KEEP")) fs::remove_all(dir);
     return 0;
 }

@@ -151,8 +151,11 @@ void BuildExtendedBootBlock(BuildContext& ctx) {
             size = CompressInPlace(ctx, record, buffer);
         }
         if (record.MaxModuleSize != 0) {
-            if (record.MaxModuleSize < size)
+            if (record.MaxModuleSize < size) {
+                ctx.layout.LastRequest = {RoomRegion::EbbModuleLimit, std::uint32_t(i), size,
+                                          record.MaxModuleSize};
                 ctx.diag.Fatal("MaxModuleSize is too small for this module");
+            }
             size = record.MaxModuleSize;
         }
         // Bytes copied after the header; the padding to a multiple of 4 is not written.

@@ -29,8 +29,9 @@ struct GapMap {
     std::vector<std::uint8_t> GapSizeOrder;
 };
 
-// Where the layout engine asked for room last.
-enum class RoomRegion : std::uint8_t { None, Main, Ebb, Block };
+// Where the layout engine asked for room last: in a region, or within the module's own
+// maxmodulesize (of a ModuleTable module, or of an Extended Boot Block module).
+enum class RoomRegion : std::uint8_t { None, Main, Ebb, Block, ModuleLimit, EbbModuleLimit };
 
 // The room the layout engine asked for last: for which module, in which region, how many
 // bytes the module takes and how many the region had for it. The engine only writes it;

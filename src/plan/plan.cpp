@@ -256,6 +256,21 @@ std::optional<Shortfall> FindShortfall(const std::string& fatal, const BuildStat
         s.bytes = Minus(q.needed, q.offered);
         return s;
     }
+    if (fatal == "MaxModuleSize is too small for this module" &&
+        (q.region == RoomRegion::ModuleLimit || q.region == RoomRegion::EbbModuleLimit)) {
+        const bool ebb = q.region == RoomRegion::EbbModuleLimit;
+        if (ebb ? q.module >= d.EbbModuleList.size() : q.module >= d.ModuleTable.size()) {
+            return std::nullopt;
+        }
+        s.region = "maxmodulesize";
+        s.module = ebb ? d.EbbModuleList[q.module].FileName : d.ModuleTable[q.module].FileName;
+        const std::vector<int>& sections = ebb ? refs.ebb : refs.table;
+        s.section = q.module < sections.size() ? sections[q.module] : -1;
+        s.needed = q.needed;
+        s.total_free = s.largest_free = q.offered;
+        s.bytes = Minus(q.needed, q.offered);
+        return s;
+    }
     if (fatal == "Non-critical block too small for module." && q.region == RoomRegion::Block &&
         q.module < d.ModuleTable.size()) {
         const ModuleEntry& m = d.ModuleTable[q.module];

@@ -51,6 +51,8 @@ class Candidates {
             CompressEbb();
             GrowEbb();
             MoveOutOf("ebb");
+        } else if (shortfall_.region == "maxmodulesize") {
+            RaiseMaxSize();
         } else {
             GrowBlock();
             MoveOutOf("block");
@@ -214,6 +216,23 @@ class Candidates {
                                     static_cast<unsigned long long>(grow)),
             StrFormat("the main BIOS loses %llx bytes", static_cast<unsigned long long>(grow)),
             "bios", 0, "maxebbsize", Hex8(now + grow));
+    }
+
+    // The module's own limit, to what it needs, or none.
+    void RaiseMaxSize() {
+        const int section = shortfall_.section;
+        if (section < 0) return;
+        const std::uint64_t size = RoundUp(shortfall_.needed, 4);
+        if (size > 0xFFFFFFFFu) return;
+        Add(kSplit, size - shortfall_.largest_free,
+            StrFormat("raise the maxmodulesize of %s to %llx", shortfall_.module.c_str(),
+                      static_cast<unsigned long long>(size)),
+            StrFormat("%s takes %llx bytes more", shortfall_.module.c_str(),
+                      static_cast<unsigned long long>(size - shortfall_.largest_free)),
+            "module", section, "maxmodulesize", Hex8(size));
+        Add(kSplit, size, "drop the maxmodulesize of " + shortfall_.module,
+            shortfall_.module + " takes the room of its data, whatever that is", "module", section,
+            "maxmodulesize", std::nullopt);
     }
 
     void GrowBlock() {
