@@ -315,22 +315,30 @@ BuildResult BuildWith(platform::FileSystem& files, const PlanRequest& request,
 
 SectionRefs MapSections(const std::string& text, const BuildDescription& d) {
     SectionRefs refs;
-    std::vector<int> with_file;
+    // [module] sections with a file outside the Extended Boot Block, in script order;
+    // the table keeps them in that order but for linked add-on ROMs, which move.
+    std::vector<std::pair<int, std::string>> with_file;
     int k = 0;
     for (const ScriptSection& s : ReadSections(text)) {
         if (s.kind != "module") continue;
         if (s.Value("romregion") == "ebb") {
             refs.ebb.push_back(k);
-        } else if (s.Value("file")) {
-            with_file.push_back(k);
+        } else if (const auto file = s.Value("file")) {
+            with_file.push_back({k, *file});
         }
         ++k;
     }
     refs.table.assign(kModuleTableSize, -1);
-    std::size_t next = 0;
+    std::vector<bool> used(with_file.size());
     for (std::uint32_t i = 0; i < d.ModuleCount && i < d.ModuleTable.size(); ++i) {
-        if (d.ModuleTable[i].FileName.empty() || next >= with_file.size()) continue;
-        refs.table[i] = with_file[next++];
+        const std::string& name = d.ModuleTable[i].FileName;
+        if (name.empty()) continue;
+        for (std::size_t j = 0; j < with_file.size(); ++j) {
+            if (used[j] || with_file[j].second != Lower(name)) continue;
+            used[j] = true;
+            refs.table[i] = with_file[j].first;
+            break;
+        }
     }
     return refs;
 }

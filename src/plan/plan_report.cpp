@@ -20,7 +20,9 @@ std::string FillText(const Region& r) {
 }
 
 void FailureText(std::string& out, const Plan& plan) {
-    out += "\nFATAL ERROR: " + plan.build.fatal + "\n";
+    // The encoder's out-of-memory stop is no fatal report; fwforge prints it alone.
+    out += plan.build.fatal.empty() ? "\n" + plan.build.error_output + "\n"
+                                    : "\nFATAL ERROR: " + plan.build.fatal + "\n";
     if (!plan.shortfall) return;
     const Shortfall& s = *plan.shortfall;
     const std::string what =
@@ -135,7 +137,8 @@ std::string PlanJson(const Plan& plan, std::optional<double> budget, int status)
                 {"script", inspect::JsonText(plan.script)},
                 {"completed", plan.Completed()}};
     if (!plan.Completed()) {
-        out["fatal"] = inspect::JsonText(plan.build.fatal);
+        out["fatal"] = inspect::JsonText(plan.build.fatal.empty() ? plan.build.error_output
+                                                                  : plan.build.fatal);
         if (plan.shortfall) {
             const Shortfall& s = *plan.shortfall;
             out["shortfall"] = {{"module", inspect::JsonText(s.module)},
