@@ -11,7 +11,7 @@ namespace {
 
 // Kinds of change, smallest first: a module's own options, then the room of a reserved
 // range, then where a module goes, then the size of the image.
-enum Rank { kSplit = 0, kCompress = 1, kRange = 2, kMove = 3, kImage = 4 };
+enum Rank { kOwnOption = 0, kCompress = 1, kRange = 2, kMove = 3, kImage = 4 };
 
 std::uint64_t RoundUp(std::uint64_t value, std::uint64_t unit) {
     return (value + unit - 1) / unit * unit;
@@ -92,7 +92,7 @@ class Candidates {
             return;
         }
         if (shortfall_.total_free < shortfall_.needed) return;
-        Add(kSplit, 0, "let " + m.FileName + " be split",
+        Add(kOwnOption, 0, "let " + m.FileName + " be split",
             m.FileName + " is stored in pieces across the gaps", "module",
             refs_.table[q.module], "contiguous", "no");
     }
@@ -224,13 +224,13 @@ class Candidates {
         if (section < 0) return;
         const std::uint64_t size = RoundUp(shortfall_.needed, 4);
         if (size > 0xFFFFFFFFu) return;
-        Add(kSplit, size - shortfall_.largest_free,
+        Add(kOwnOption, size - shortfall_.largest_free,
             StrFormat("raise the maxmodulesize of %s to %llx", shortfall_.module.c_str(),
                       static_cast<unsigned long long>(size)),
             StrFormat("%s takes %llx bytes more", shortfall_.module.c_str(),
                       static_cast<unsigned long long>(size - shortfall_.largest_free)),
             "module", section, "maxmodulesize", Hex8(size));
-        Add(kSplit, size, "drop the maxmodulesize of " + shortfall_.module,
+        Add(kOwnOption, size, "drop the maxmodulesize of " + shortfall_.module,
             shortfall_.module + " takes the room of its data, whatever that is", "module", section,
             "maxmodulesize", std::nullopt);
     }
