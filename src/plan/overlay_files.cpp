@@ -1,5 +1,8 @@
 #include "plan/overlay_files.h"
 
+#include <filesystem>
+#include <system_error>
+
 namespace fwforge::plan {
 
 std::unique_ptr<platform::ReadableFile> OverlayFileSystem::Open(std::string_view name) {
@@ -8,6 +11,11 @@ std::unique_ptr<platform::ReadableFile> OverlayFileSystem::Open(std::string_view
 }
 
 std::unique_ptr<platform::WritableFile> OverlayFileSystem::Create(std::string_view name) {
+    if (folders_below_) {
+        const std::filesystem::path folder = std::filesystem::path(name).parent_path();
+        std::error_code error;
+        if (!folder.empty() && !std::filesystem::is_directory(folder, error)) return nullptr;
+    }
     return written_.Create(name);
 }
 

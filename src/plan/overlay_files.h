@@ -12,7 +12,10 @@ namespace fwforge::plan {
 
 class OverlayFileSystem final : public platform::FileSystem {
   public:
-    explicit OverlayFileSystem(platform::FileSystem& below) : below_(below) {}
+    // `folders_below`: a file is created only where `below` has its folder, as a build on
+    // `below` would create it (true for the disk).
+    explicit OverlayFileSystem(platform::FileSystem& below, bool folders_below = false)
+        : below_(below), folders_below_(folders_below) {}
 
     // A file written here (or put) is read from here; any other from below.
     std::unique_ptr<platform::ReadableFile> Open(std::string_view name) override;
@@ -22,6 +25,7 @@ class OverlayFileSystem final : public platform::FileSystem {
 
   private:
     platform::FileSystem& below_;
+    bool folders_below_;
     platform::MemoryFileSystem written_;
 };
 

@@ -289,7 +289,7 @@ std::optional<Shortfall> FindShortfall(const std::string& fatal, const BuildStat
 
 BuildResult BuildWith(platform::FileSystem& files, const PlanRequest& request,
                       const std::string* script_text, BuildState* state) {
-    OverlayFileSystem overlay(files);
+    OverlayFileSystem overlay(files, request.on_disk);
     if (script_text) overlay.written().Put(request.script, *script_text);
     BuildRequest build;
     build.script = request.script;

@@ -27,6 +27,8 @@ struct PlanRequest {
     bool suggest = true;             // search for changes when the build stops for room
     // Builds tried for suggestions at most (the next size up always among them).
     int most_trials = 4;
+    // The files are the disk's: outputs are created only in folders that exist there.
+    bool on_disk = false;
 };
 
 // An area of the image. Regions that take modules (the main BIOS, the Extended Boot

@@ -11,6 +11,7 @@ inspect::ExitStatus RunPlan(const PlanCommand& command, std::ostream& out) {
     request.output_path = command.output_path;
     request.compatibility = command.compatibility;
     request.compression_threads = command.compression_threads;
+    request.on_disk = true;
     const bool readable = static_cast<bool>(platform::Disk().Open(command.script));
     const Plan plan = MakePlan(platform::Disk(), request);
     inspect::ExitStatus status = inspect::ExitStatus::Ok;

@@ -133,17 +133,19 @@ class Candidates {
         }
     }
 
-    // A ROM hole loses bytes at its top, where the gap above it gains them.
+    // A ROM hole or a non-critical block loses bytes at its top, where the gap above it
+    // gains them; a hole keeps its file, a block its header and its modules' rooms.
     void ShrinkRomHoles() {
         if (d_.RomHoleCount == 0) return;
         std::vector<Suggestion> found;
-        int index = -1;
+        int holes = -1, blocks = -1;
         for (std::uint32_t r = 0; r < d_.RomHoleCount && r < d_.RomHoleTable.size(); ++r) {
             const RomHoleEntry& hole = d_.RomHoleTable[r];
-            if (!hole.Name.empty() || hole.OwnerModule != kNoIndex) continue;
-            ++index;
+            if (hole.OwnerModule != kNoIndex) continue;
+            const bool block = !hole.Name.empty();
+            const int index = block ? ++blocks : ++holes;
             const std::uint64_t end = std::uint64_t{hole.StartAddress} + hole.Size;
-            // The gap that begins where the hole ends gains what the hole gives up.
+            // The gap that begins where the range ends gains what the range gives up.
             std::uint64_t above = 0;
             const std::vector<GapEntry>& built = state_.layout.GapsAsBuilt;
             for (std::size_t g = 0; g < built.size() && g < state_.layout.gaps.GapTable.size(); ++g) {
@@ -153,15 +155,24 @@ class Candidates {
             const std::uint64_t want = RoundUp(
                 whole_ && shortfall_.needed > above ? shortfall_.needed - above : shortfall_.bytes,
                 16);
-            const std::uint64_t keep = hole.FileName.empty() ? 16 : FileSize(files_, hole.FileName);
+            std::uint64_t keep = hole.FileName.empty() ? 16 : FileSize(files_, hole.FileName);
+            if (block) {
+                keep = block_header::kSize;
+                for (std::uint32_t i = 0; i < d_.ModuleCount && i < d_.ModuleTable.size(); ++i) {
+                    if (d_.ModuleTable[i].RomRegion == hole.Name) keep += d_.ModuleTable[i].PlacedSize;
+                }
+            }
             if (hole.Size < want + keep || want == 0) continue;
-            const ScriptSection* s = Section("romhole", index);
+            const char* kind = block ? "noncriticalrom" : "romhole";
+            const ScriptSection* s = Section(kind, index);
             if (!s || !s->Value("size")) continue;
-            Suggestion g{StrFormat("shrink ROM hole %d by %llx bytes", index,
+            const std::string name = block ? "block " + s->Value("name").value_or("")
+                                           : StrFormat("ROM hole %d", index);
+            Suggestion g{StrFormat("shrink %s by %llx bytes", name.c_str(),
                                    static_cast<unsigned long long>(want)),
-                         StrFormat("ROM hole %d keeps %llx of its %x bytes", index,
+                         StrFormat("%s keeps %llx of its %x bytes", name.c_str(),
                                    static_cast<unsigned long long>(hole.Size - want), hole.Size),
-                         ScriptEdit{"romhole", index, "size", s->Value("size"), Hex8(hole.Size - want)},
+                         ScriptEdit{kind, index, "size", s->Value("size"), Hex8(hole.Size - want)},
                          kRange, want};
             found.push_back(std::move(g));
         }
