@@ -19,11 +19,15 @@ _fwforge_inspect()
     done
 
     case $prev in
-        --bbsize | --module)
+        --bbsize | --module | --budget)
             return
             ;;
         --html | --file)
             _filedir
+            return
+            ;;
+        --out)
+            _filedir -d
             return
             ;;
     esac
@@ -33,7 +37,7 @@ _fwforge_inspect()
         if [[ $cur == -* ]]; then
             COMPREPLY=($(compgen -W '--help --version' -- "$cur"))
         else
-            COMPREPLY=($(compgen -W 'list verify extract map diff replace' -- "$cur"))
+            COMPREPLY=($(compgen -W 'list verify extract map diff replace plan' -- "$cur"))
         fi
         return
     fi
@@ -44,6 +48,7 @@ _fwforge_inspect()
             list | verify) options+=" --json" ;;
             map) options+=" --html" ;;
             replace) options+=" --module --file --as-is" ;;
+            plan) options="--out -c --json --budget --help" ;;
         esac
         COMPREPLY=($(compgen -W "$options" -- "$cur"))
         return
@@ -54,13 +59,13 @@ _fwforge_inspect()
     local operand=0
     for ((i++; i < cword; i++)); do
         case ${words[i]} in
-            --bbsize | --module | --html | --file) ((i++)) ;;
+            --bbsize | --module | --html | --file | --out | --budget) ((i++)) ;;
             -*) ;;
             *) ((operand++)) ;;
         esac
     done
     case $command:$operand in
-        list:0 | verify:0 | map:0 | diff:[01] | replace:[01] | extract:0) _filedir ;;
+        list:0 | verify:0 | map:0 | diff:[01] | replace:[01] | extract:0 | plan:0) _filedir ;;
         extract:1) _filedir -d ;;
     esac
 } &&

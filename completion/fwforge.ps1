@@ -24,7 +24,7 @@ function FwforgeCompletions($commandAst, $cursorPosition, $wordToComplete, $comm
 Register-ArgumentCompleter -Native -CommandName 'fwforge-inspect', 'fwforge-inspect.exe' -ScriptBlock {
     param($wordToComplete, $commandAst, $cursorPosition)
     FwforgeCompletions $commandAst $cursorPosition $wordToComplete `
-        @('list', 'verify', 'extract', 'map', 'diff', 'replace') @('--help', '--version') {
+        @('list', 'verify', 'extract', 'map', 'diff', 'replace', 'plan') @('--help', '--version') {
             param($command)
             $options = @('--16', '--32', '--bbsize', '--help')
             switch ($command) {
@@ -32,6 +32,7 @@ Register-ArgumentCompleter -Native -CommandName 'fwforge-inspect', 'fwforge-insp
                 'verify' { $options += '--json' }
                 'map' { $options += '--html' }
                 'replace' { $options += @('--module', '--file', '--as-is') }
+                'plan' { $options = @('--out', '-c', '--json', '--budget', '--help') }
             }
             $options
         }

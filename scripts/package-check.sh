@@ -178,7 +178,7 @@ check_completion() {
         fail "completion of '$1' offers '$offered', not '$2'"
     fi
 }
-check_completion "fwforge-inspect " "diff extract list map replace verify"
+check_completion "fwforge-inspect " "diff extract list map plan replace verify"
 check_completion "fwforge-inspect --v" "--version"
 check_completion "fwforge-inspect replace firmware.rom --m" "--module"
 check_completion "fwforge-inspect verify firmware.r" "firmware.rom"

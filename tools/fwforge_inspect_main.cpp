@@ -1,6 +1,7 @@
 // fwforge-inspect: reads ROM images back. The commands and their exit statuses:
 //   list, verify, extract, map, diff  see inspect/inspect_cli.h
 //   replace                           see edit/replace_cli.h
+//   plan                              see plan/plan_cli.h
 // A bad command line ends with status 2, as an image that cannot be read does.
 
 #include <CLI/CLI.hpp>
@@ -11,9 +12,11 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <thread>
 
 #include "edit/replace_cli.h"
 #include "inspect/inspect_cli.h"
+#include "plan/plan_cli.h"
 #include "rebuild/extract_cli.h"
 
 namespace {
@@ -65,10 +68,11 @@ struct ReadingOptions {
 
 int main(int argc, char** argv) {
     CLI::App app{"Reads FWFORGE ROM images back: lists, verifies, extracts, maps and compares "
-                 "them,\nand changes one module of a finished image.\n"
+                 "them,\nand changes one module of a finished image; plans a build before it runs.\n"
                  "Exit status: 0 all in order; 1 problems found (diff: differences; replace: "
-                 "refused);\n2 a bad command line or a file that cannot be read; 3 (verify, "
-                 "extract) intact as\nbuilt, but some compressed modules cannot be unpacked.",
+                 "refused;\nplan: the build stops); 2 a bad command line or a file that cannot "
+                 "be read; 3 (verify,\nextract) intact as built, but some compressed modules "
+                 "cannot be unpacked; 4 (plan)\na region fuller than --budget.",
                  "fwforge-inspect"};
     app.set_version_flag("--version", "fwforge-inspect " FWFORGE_VERSION);
     app.require_subcommand(1);
@@ -113,6 +117,19 @@ int main(int argc, char** argv) {
     edit->add_flag("--as-is", replace.as_is, "FILE holds the stored (compressed) data already");
     reading.AddTo(*edit);
 
+    fwforge::plan::PlanCommand plan;
+    CLI::App* planning = app.add_subcommand(
+        "plan", "build SCRIPT in memory (nothing is written): regions, gaps, modules, headroom; "
+                "when it does not fit, by how much and what makes it fit");
+    planning->add_option("SCRIPT", plan.script, "the build script")->required();
+    planning->add_option("--out", plan.output_path,
+                         "fwforge's OutputPath, where the .int and .inf files would go (default .)");
+    planning->add_flag("-c", plan.compatibility, "as fwforge -c (compatibility mode header)");
+    planning->add_flag("--json", plan.json, "as JSON (schema_version 1)");
+    planning->add_option("--budget", plan.budget,
+                         "exit status 4 when a region is fuller than this many percent")
+        ->check(CLI::Range(0.0, 100.0));
+
     const auto commands = app.get_subcommands({});
     const bool known = argc > 1 && std::any_of(commands.begin(), commands.end(),
                                                [&](const CLI::App* c) {
@@ -120,8 +137,8 @@ int main(int argc, char** argv) {
                                                });
     if (argc > 1 && argv[1][0] != '-' && !known) {
         std::fprintf(stderr,
-                     "fwforge-inspect: unknown command %s (list, verify, extract, map, diff or "
-                     "replace)\nRun with --help for more information.\n",
+                     "fwforge-inspect: unknown command %s (list, verify, extract, map, diff, "
+                     "replace or plan)\nRun with --help for more information.\n",
                      argv[1]);
         return kBadCommandLine;
     }
@@ -133,7 +150,10 @@ int main(int argc, char** argv) {
     }
 
     int status = kBadCommandLine;
-    if (app.got_subcommand(edit)) {
+    if (app.got_subcommand(planning)) {
+        plan.compression_threads = std::max(1u, std::thread::hardware_concurrency());
+        status = fwforge::inspect::ExitCode(fwforge::plan::RunPlan(plan, std::cout));
+    } else if (app.got_subcommand(edit)) {
         if (reading.Apply(replace.options)) {
             status = fwforge::inspect::ExitCode(fwforge::edit::RunReplace(replace, std::cout));
         }

@@ -150,8 +150,11 @@ void BuildExtendedBootBlock(BuildContext& ctx) {
             size = CompressInPlace(ctx, record, buffer);
         }
         if (record.MaxModuleSize != 0) {
-            if (record.MaxModuleSize < size)
+            if (record.MaxModuleSize < size) {
+                ctx.layout.LastRequest = {RoomRegion::EbbModuleLimit, std::uint32_t(i), size,
+                                          record.MaxModuleSize};
                 ctx.diag.Fatal("MaxModuleSize is too small for this module");
+            }
             size = record.MaxModuleSize;
         }
         // Bytes copied after the header; the padding to a multiple of 4 is not written.
@@ -160,6 +163,8 @@ void BuildExtendedBootBlock(BuildContext& ctx) {
         const std::uint64_t data_length = std::min<std::uint64_t>(size, buffer.bytes.size());
         size = (size + 3) & ~std::uint64_t(3);
 
+        ctx.layout.LastRequest = {RoomRegion::Ebb, std::uint32_t(i), size + kSize,
+                                  ebb_size - std::min<std::uint64_t>(fill, ebb_size)};
         if (fill + size + kSize > ebb_size) ctx.diag.Fatal("Out of EBB space!");
         record.Header.SetDataSizes(std::uint32_t(size));
         record.Header.checksum = 0;

@@ -29,6 +29,20 @@ struct GapMap {
     std::vector<std::uint8_t> GapSizeOrder;
 };
 
+// Where the layout engine asked for room last: in a region, or within the module's own
+// maxmodulesize (of a ModuleTable module, or of an Extended Boot Block module).
+enum class RoomRegion : std::uint8_t { None, Main, Ebb, Block, ModuleLimit, EbbModuleLimit };
+
+// The room the layout engine asked for last: for which module, in which region, how many
+// bytes the module takes and how many the region had for it. The engine only writes it;
+// it is kept so that a build that stops for want of room can be told by how much.
+struct RoomRequest {
+    RoomRegion region = RoomRegion::None;
+    std::uint32_t module = 0;   // ModuleTable index; EbbModuleList index in the EBB
+    std::uint64_t needed = 0;   // bytes the module takes, its header included
+    std::uint64_t offered = 0;  // bytes free for it: below the cursor, in the EBB or block
+};
+
 struct LayoutState {
     // Image offset of the main BIOS header's signature; valid once it has been created.
     std::uint32_t MainHeader = 0;
@@ -50,6 +64,10 @@ struct LayoutState {
     std::uint32_t NcbBase = 0;
     // Gap placement only.
     GapMap gaps;
+    // The gaps as the map was first laid out, before anything took room from them; for
+    // reports only.
+    std::vector<GapEntry> GapsAsBuilt;
+    RoomRequest LastRequest;
     // One past the last byte of the room that gap placement handed to the module being
     // inserted (a reserved gap, a start address reservation, the rest of a non-critical
     // block). Insertion refuses to write past it.

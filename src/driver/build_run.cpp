@@ -42,10 +42,12 @@ BuildResult RunBuild(platform::FileSystem& files, const BuildRequest& request,
     } catch (const FatalError& fatal) {
         console.flush();
         result.fatal = fatal.what();
+        if (request.observe) request.observe(ctx);
         return result;
     }
     ctx.diag.PrintRunSummary();
     result.exit_status = 0;
+    if (request.observe) request.observe(ctx);
     return result;
 }
 

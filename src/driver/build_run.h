@@ -4,6 +4,7 @@
 // the fatal message come back. fwforge runs it on the disk; replace and the tests run it
 // on files in memory, without a working folder or a console.
 
+#include <functional>
 #include <ostream>
 #include <string>
 
@@ -11,6 +12,8 @@
 #include "platform/file_system.h"
 
 namespace fwforge {
+
+class BuildContext;
 
 struct BuildRequest {
     std::string script;          // the build script's name in the file system
@@ -23,6 +26,10 @@ struct BuildRequest {
     bool reuse_compression = true;
     // What the encoder may allocate; tests make its allocations fail with it.
     lzh::EncoderLimits encoder_limits;
+    // Called once when the build ends, completed or stopped by a fatal report, with its
+    // state as the build left it (the image buffer released): a plan reads the layout
+    // from it. It must not change the build's state.
+    std::function<void(const BuildContext&)> observe;
 };
 
 struct BuildResult {

@@ -16,6 +16,8 @@ enum class ExitStatus : int {
     Unusable = 2,  // a bad command line, or a file that cannot be read or written
     // verify, extract: intact as built, but some compressed modules cannot be unpacked
     CannotUnpack = 3,
+    // plan --budget: the script builds, but a region is fuller than the budget
+    OverBudget = 4,
 };
 
 constexpr int ExitCode(ExitStatus status) { return static_cast<int>(status); }

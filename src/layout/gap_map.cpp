@@ -119,6 +119,7 @@ void BuildGapMap(BuildContext& ctx) {
     map.GapCount = count;
     map.GapTable.resize(count);
     OrderGapsBySize(map);
+    ctx.layout.GapsAsBuilt = map.GapTable;
 }
 
 void OrderGapsBySize(GapMap& map) {

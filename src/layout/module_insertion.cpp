@@ -124,6 +124,8 @@ void InsertModule(BuildContext& ctx, std::uint32_t index) {
     m.Header.SetDataSizes(s);
 
     if (mode == PlacementMode::Sequential) {
+        ctx.layout.LastRequest = {RoomRegion::Main, index, std::uint64_t{s} + kHeader,
+                                  image.PlacementCursor};
         if (image.PlacementCursor < s + kHeader) ctx.diag.Fatal("Out of ROM space!");
         image.PlacementCursor -= s + kHeader;
         // The image information module is the lowest item; its header starts on an
@@ -160,6 +162,8 @@ void InsertLinkedRom(BuildContext& ctx, std::uint32_t index) {
     }
     k.InsertionIndex = ctx.layout.InsertionCounter++;
     k.Header.SetDataSizes(load_le32(last + module_header::DataSize.offset));
+    // A linked header needs its 20 bytes and one more below it.
+    ctx.layout.LastRequest = {RoomRegion::Main, index, kHeader + 1, image.PlacementCursor};
     if (ModeOf(ctx) == PlacementMode::Sequential && image.PlacementCursor <= kHeader) {
         ctx.diag.Fatal("Not enough free space in ROM file to insert module");
     }

@@ -75,6 +75,7 @@ void SizeModule(BuildContext& ctx, std::uint32_t index) {
     }
 
     if (m.MaxModuleSize != 0 && m.MaxModuleSize < s) {
+        ctx.layout.LastRequest = {RoomRegion::ModuleLimit, index, s, m.MaxModuleSize};
         ctx.diag.Fatal("MaxModuleSize is too small for this module");
     }
     if (m.MaxModuleSize != 0) s = m.MaxModuleSize;

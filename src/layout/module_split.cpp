@@ -53,6 +53,12 @@ void WritePieceHeader(BuildContext& ctx, const ModuleEntry& m, std::uint32_t len
 
 std::uint32_t TakeSplitRoom(BuildContext& ctx, std::uint32_t minimum, std::uint32_t wanted) {
     GapMap& map = ctx.layout.gaps;
+    std::uint32_t largest = 0;
+    for (std::uint32_t i = 0; i < map.GapCount; ++i) {
+        largest = std::max(largest, map.GapTable[i].Size);
+    }
+    ctx.layout.LastRequest.needed = wanted;
+    ctx.layout.LastRequest.offered = largest;
     for (std::uint32_t i = 0; i < map.GapCount; ++i) {
         GapEntry& gap = map.GapTable[i];
         if (gap.Size < minimum) continue;
@@ -93,6 +99,7 @@ void SplitModule(BuildContext& ctx, std::uint32_t index) {
 
     // The first room holds the headers of the linked add-on ROMs at its bottom, then the
     // first piece's header and at least 16 data bytes.
+    ctx.layout.LastRequest = {RoomRegion::Main, index, 0, 0};
     std::uint32_t taken =
         TakeSplitRoom(ctx, link_headers + kHeader + kLeastPieceData, m.PlacedSize);
     if (taken == 0) NoSpaceLeft(ctx, m);

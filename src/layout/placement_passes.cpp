@@ -1,5 +1,7 @@
 #include "layout/placement_passes.h"
 
+#include <algorithm>
+
 #include "format/module_header.h"
 #include "layout/gap_map.h"
 
@@ -22,6 +24,9 @@ std::uint8_t ReserveWholeRoom(BuildContext& ctx, std::uint32_t index) {
     ModuleEntry& m = ctx.description.ModuleTable[index];
     GapMap& map = ctx.layout.gaps;
     m.PlacementState = NoWholeFit;
+    std::uint32_t largest = 0;
+    for (const GapEntry& gap : map.GapTable) largest = std::max(largest, gap.Size);
+    ctx.layout.LastRequest = {RoomRegion::Main, index, m.PlacedSize, largest};
     for (const std::uint8_t g : map.GapSizeOrder) {
         GapEntry& gap = map.GapTable[g];
         if (m.PlacedSize > gap.Size) continue;

@@ -86,6 +86,7 @@ void BuildNonCriticalBlock(BuildContext& ctx, RomHoleEntry& block) {
     for (std::uint32_t j = 0; j < desc.ModuleCount; ++j) {
         ModuleEntry& m = desc.ModuleTable[j];
         if (m.RomRegion != block.Name) continue;
+        ctx.layout.LastRequest = {RoomRegion::Block, j, m.PlacedSize, block.Size};
         if (m.PlacedSize > block.Size) {
             ctx.diag.Printf(" Error inserting module: %s\n", m.FileName.c_str());
             ReleaseImageBuffers(ctx);

@@ -203,7 +203,34 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-Json JsonModule(std::span<const std::uint8_t> image, const ImageModel& model, const Module& m) {
+
+Json JsonBlock(const Block& b) {
+    return {{"offset", b.offset},
+            {"length", b.length},
+            {"header_checksum", b.header_checksum},
+            {"block_checksum", b.block_checksum},
+            {"first_module", b.first_module}};
+}
+
+Json JsonFindings(const std::vector<Finding>& findings) {
+    Json out = Json::array();
+    for (const Finding& f : findings) {
+        out.push_back({{"where", JsonText(f.where)}, {"what", JsonText(f.what)}});
+    }
+    return out;
+}
+
+Json JsonStrings(const std::vector<std::string>& items) {
+    Json out = Json::array();
+    for (const std::string& item : items) out.push_back(JsonText(item));
+    return out;
+}
+
+}  // namespace
+
+nlohmann::ordered_json ListModuleJson(std::span<const std::uint8_t> image, const ImageModel& model,
+                                  const Module& m) {
+    using Json = nlohmann::ordered_json;
     const ModuleSizes s = SizesOf(image, m);
     Json out = {
         {"index", m.index},
@@ -242,30 +269,6 @@ Json JsonModule(std::span<const std::uint8_t> image, const ImageModel& model, co
     return out;
 }
 
-Json JsonBlock(const Block& b) {
-    return {{"offset", b.offset},
-            {"length", b.length},
-            {"header_checksum", b.header_checksum},
-            {"block_checksum", b.block_checksum},
-            {"first_module", b.first_module}};
-}
-
-Json JsonFindings(const std::vector<Finding>& findings) {
-    Json out = Json::array();
-    for (const Finding& f : findings) {
-        out.push_back({{"where", JsonText(f.where)}, {"what", JsonText(f.what)}});
-    }
-    return out;
-}
-
-Json JsonStrings(const std::vector<std::string>& items) {
-    Json out = Json::array();
-    for (const std::string& item : items) out.push_back(JsonText(item));
-    return out;
-}
-
-}  // namespace
-
 std::string ListJson(std::span<const std::uint8_t> image, const ImageModel& model) {
     Json out = {{"schema_version", kJsonSchemaVersion},
                 {"size", model.size},
@@ -296,7 +299,7 @@ std::string ListJson(std::span<const std::uint8_t> image, const ImageModel& mode
     for (const Block& b : model.ncbs) blocks.push_back(JsonBlock(b));
     out["non_critical_blocks"] = std::move(blocks);
     Json modules = Json::array();
-    for (const Module& m : model.modules) modules.push_back(JsonModule(image, model, m));
+    for (const Module& m : model.modules) modules.push_back(ListModuleJson(image, model, m));
     out["modules"] = std::move(modules);
     Json holes = Json::array();
     for (const auto& h : model.info.holes) {

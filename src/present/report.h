@@ -20,6 +20,10 @@ std::string DescribeAttributes(const Module& m);
 // "f000:8000", or "PCI 8086:1234" for an add-on ROM.
 std::string DescribeDestination(const Module& m);
 
+// One module as `list --json` gives it in "modules"; a plan gives its modules the same way.
+nlohmann::ordered_json ListModuleJson(std::span<const std::uint8_t> image, const ImageModel& model,
+                                  const Module& m);
+
 std::string ListText(std::span<const std::uint8_t> image, const ImageModel& model);
 std::string ListJson(std::span<const std::uint8_t> image, const ImageModel& model);
 std::string VerifyText(const VerifyReport& report);
