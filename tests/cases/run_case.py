@@ -346,18 +346,24 @@ def run_steps(steps, bin_dir, work):
     return got, last
 
 
-def run_rows(steps, bin_dir):
-    """What the steps give; in table form, each row's, under a '---- NAME' line."""
+def split_rows(steps):
+    """A table's common steps, its 'then' steps and its rows as (NAME, MESSAGE, steps)."""
     common = [s for s in steps[:next((k for k, s in enumerate(steps) if s.startswith("row ")),
                                      len(steps))] if not s.startswith("then ")]
     then = [s[5:] for s in steps if s.startswith("then ")]
-    rows, got = [], []
+    rows = []
     for s in steps[len(common) + len(then):]:
         if s.startswith("row "):
-            name, _, message = s[4:].partition(": ")
-            rows.append((name, message, []))
+            rows.append(s[4:].partition(": ")[::2] + ([],))
         else:
             rows[-1][2].append(s)
+    return common, then, rows
+
+
+def run_rows(steps, bin_dir):
+    """What the steps give; in table form, each row's, under a '---- NAME' line."""
+    common, then, rows = split_rows(steps)
+    got = []
     for name, message, own in rows or [(None, "", [])]:
         with tempfile.TemporaryDirectory(prefix="fwforge-case-") as work:
             try:
