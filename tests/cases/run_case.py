@@ -26,6 +26,9 @@ A case holds steps, one per line ('#' starts a comment line). Input files:
 Runs and checks:
     run TOOL ARGS...            fwforge, fwforge-inspect or fwforge-lzh; its console text
                                 is recorded from the first line after the banner
+    readback IMAGE              run fwforge-inspect list IMAGE, then verify IMAGE
+    rebuild IMAGE DIR [OPTION]...  run fwforge-inspect extract IMAGE DIR, then, in DIR,
+                                fwforge o rebuild.scr OPTION... (into a new folder DIR/o)
     run-raw TOOL ARGS...        the same, banner included (the banner is pinned once)
     absent NAME                 records whether NAME exists (a refused run writes nothing)
     cd DIR                      later runs start in DIR ('.' goes back)
@@ -244,6 +247,11 @@ def run_steps(steps, bin_dir, work):
             items, _, body = steps[i - 1][4:].partition(" : ")
             steps[i:i] = [part for item in items.split(" | ")
                           for part in body.replace("%", item.strip()).split(" ; ")]
+        elif op == "readback":
+            steps[i:i] = [f"run fwforge-inspect {c} {args[0]}" for c in ("list", "verify")]
+        elif op == "rebuild":
+            steps[i:i] = [f"run fwforge-inspect extract {args[0]} {args[1]}", f"mkdir {args[1]}/o",
+                          f"cd {args[1]}", " ".join(["run fwforge o rebuild.scr"] + args[2:]), "cd ."]
         elif op == "repeat":
             steps[i:i] = steps[i - 1].split(None, 2)[2].split(" ; ") * int(args[0])
         elif op in ("set", "del", "add", "line"):
@@ -346,22 +354,28 @@ def run_steps(steps, bin_dir, work):
     return got, last
 
 
-def run_rows(steps, bin_dir):
-    """What the steps give; in table form, each row's, under a '---- NAME' line."""
+def split_rows(steps):
+    """A table's common steps, its 'then' steps and its rows as (NAME, MESSAGE, steps)."""
     common = [s for s in steps[:next((k for k, s in enumerate(steps) if s.startswith("row ")),
                                      len(steps))] if not s.startswith("then ")]
     then = [s[5:] for s in steps if s.startswith("then ")]
-    rows, got = [], []
+    rows = []
     for s in steps[len(common) + len(then):]:
         if s.startswith("row "):
-            name, _, message = s[4:].partition(": ")
-            rows.append((name, message, []))
+            rows.append(s[4:].partition(": ")[::2] + ([],))
         else:
             rows[-1][2].append(s)
+    return common, then, rows
+
+
+def run_rows(steps, bin_dir):
+    """What the steps give; in table form, each row's, under a '---- NAME' line."""
+    common, then, rows = split_rows(steps)
+    got = []
     for name, message, own in rows or [(None, "", [])]:
         with tempfile.TemporaryDirectory(prefix="fwforge-case-") as work:
             try:
-                ran = any(re.search(r"(^|; |: )run(-raw)? ", s) for s in own)
+                ran = any(re.search(r"(^|; |: )(run(-raw)?|readback|rebuild) ", s) for s in own)
                 out, last = run_steps(common + own + ([] if ran else then), bin_dir, work)
             except SkipCase:
                 print(f"SKIPPED for Windows tools: {name or 'the case'}")

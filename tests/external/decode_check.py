@@ -68,15 +68,9 @@ def compress_case_streams(bin_dir, tmp):
     steps = run_case.read_steps(open(os.path.join(HERE, "..", "cases", "compress.case"),
                                      encoding="latin-1").read().partition("==== expected")[0]
                                 .split("\n"))
-    common = [s for s in steps[:next(k for k, s in enumerate(steps) if s.startswith("row "))]
-              if not s.startswith("then ")]
-    rows, out = [], []
-    for s in steps[len(common):]:
-        if s.startswith("row "):
-            rows.append([])
-        elif not s.startswith("then "):
-            rows[-1].append(s)
-    for n, own in enumerate(rows):
+    common, _, rows = run_case.split_rows(steps)
+    out = []
+    for n, (_, _, own) in enumerate(rows):
         work = os.path.join(tmp, f"case{n}")
         os.makedirs(work)
         # Inputs as the steps generate them, before any run can change them.
