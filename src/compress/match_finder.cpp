@@ -70,18 +70,33 @@ inline unsigned CommonLength(const std::uint8_t* a, const std::uint8_t* b, unsig
 
 MatchFinder::MatchFinder() : window_{}, nodes_{}, heads_{}, root_child_{} {}
 
+// Only the records that the runs since the last reset can have touched are reset:
+// leaves below leaf_end_ and internal nodes below node_end_ (beyond it the free list
+// still runs n -> n + 1 as the first reset left it). Every chain head and root child
+// slot that is not empty points at a node of the tree, whose record names that slot,
+// so clearing the slots of those nodes empties them all: a run over a small input
+// does not pay for clearing 256 KB of slots.
 void MatchFinder::ResetTree() {
+    // The slots are cleared before any record is reset: a slot may be the next field
+    // of a node that is reset here.
+    for (unsigned leaf = kWindowSize; leaf < leaf_end_; ++leaf) {
+        if (nodes_[leaf].parent != kNone) *LinkAt(nodes_[leaf].link) = kNone;
+    }
+    for (unsigned node = 1; node < node_end_; ++node) {
+        if (nodes_[node].parent != kNone) *LinkAt(nodes_[node].link) = kNone;
+    }
     for (unsigned root = kRootBase; root < kNodeTableSize; ++root) {
         nodes_[root] = Node{};
         nodes_[root].level = 1;
     }
-    for (unsigned leaf = kWindowSize; leaf < kRootBase; ++leaf) nodes_[leaf] = Node{};
-    free_node_ = 1;
-    for (unsigned node = 1; node < kWindowSize; ++node) {
+    for (unsigned leaf = kWindowSize; leaf < leaf_end_; ++leaf) nodes_[leaf] = Node{};
+    for (unsigned node = 1; node < node_end_; ++node) {
+        nodes_[node] = Node{};
         nodes_[node].next = static_cast<std::uint16_t>(node + 1 < kWindowSize ? node + 1 : 0);
     }
-    std::fill(heads_.begin(), heads_.end(), std::uint16_t{kNone});
-    std::fill(root_child_.begin(), root_child_.end(), std::uint16_t{kNone});
+    free_node_ = 1;
+    leaf_end_ = kWindowSize;
+    node_end_ = 1;
 }
 
 // The link that points at the child of `node` for `byte`, or the link that ends the
@@ -141,6 +156,7 @@ void MatchFinder::Split(unsigned parent, unsigned old_node, unsigned pos) {
     const unsigned node = free_node_;
     Node& n = nodes_[node];
     free_node_ = n.next;
+    node_end_ = std::max(node_end_, node + 1);
     n.parent = static_cast<std::uint16_t>(parent);
     Replace(old_node, node);
     n.position = static_cast<std::uint16_t>(pos);
@@ -185,6 +201,7 @@ bool MatchFinder::StartBelowLastMatch(unsigned pos, unsigned length, unsigned& p
 }
 
 void MatchFinder::Insert(unsigned pos) {
+    leaf_end_ = std::max(leaf_end_, pos + 1);
     const std::uint8_t* text = window_.data();
     Node& leaf = nodes_[pos];
     unsigned q;

@@ -99,6 +99,10 @@ class MatchFinder {
     // starts most searches needs no chain walk.
     std::array<std::uint16_t, 256 * 256> root_child_;
     unsigned free_node_ = 1;
+    // One past the highest leaf and internal node used since the last reset; the first
+    // reset covers every record.
+    unsigned leaf_end_ = kPositionLimit;
+    unsigned node_end_ = kWindowSize;
 
     unsigned match_length_ = 0;
     unsigned match_position_ = 0;
