@@ -1,12 +1,15 @@
 // Compression speed against gzip -6 on the same bytes.
 //
-//   build/bench/compress_bench [--mb N] [--verify] [--digest]
+//   build/bench/compress_bench [--mb N] [--from DIR]... [--verify] [--digest]
 //
 // Gathers a corpus at run time (executables from /usr/bin, libraries from /usr/lib,
-// text from /usr/share/doc, plus synthetic data; N MB in all, 24 by default), cuts it
-// into modules of at most 1 MB as a ROM build would see them, compresses every module
-// with CompressModule through one encoder, and times `gzip -6` on the same bytes in
-// the same run. --verify also decodes every module that was not cut off. --digest
+// text from /usr/share/doc, plus synthetic data; N MB in all, 24 by default; with
+// --from, the files below the folders given, in that order, instead), cuts it into
+// modules of at most 1 MB as a ROM build would see them, compresses every module with
+// CompressModule through one encoder, and times `gzip -6` on the same bytes in the
+// same run, in pairs: each round times one pass of each, so that both see the same
+// load of a shared machine, and the ratio of each pair is printed with their median.
+// --verify also decodes every module that was not cut off. --digest
 // compresses once and prints only the digest of all output, untimed: a change that
 // is meant to make the encoder faster must leave it as it was (on the same machine,
 // since the corpus comes from its files).
@@ -35,7 +38,7 @@ using Bytes = std::vector<std::uint8_t>;
 using Clock = std::chrono::steady_clock;
 
 constexpr std::size_t kModuleLimit = 1 << 20;
-constexpr int kRepeats = 3;  // best of three, the machine may be shared
+constexpr int kRepeats = 5;  // pairs; the machine may be shared
 
 struct Corpus {
     std::vector<Bytes> modules;
@@ -160,6 +163,7 @@ int main(int argc, char** argv) {
     std::size_t megabytes = 24;
     bool verify = false;
     bool digest_only = false;
+    std::vector<std::string> roots;
     for (int i = 1; i < argc; ++i) {
         const std::string_view arg = argv[i];
         if (arg == "--mb" && i + 1 < argc) {
@@ -168,29 +172,37 @@ int main(int argc, char** argv) {
             verify = true;
         } else if (arg == "--digest") {
             digest_only = true;
+        } else if (arg == "--from" && i + 1 < argc) {
+            roots.emplace_back(argv[++i]);
         } else {
-            std::fprintf(stderr, "usage: compress_bench [--mb N] [--verify] [--digest]\n");
+            std::fprintf(stderr,
+                         "usage: compress_bench [--mb N] [--from DIR]... [--verify] [--digest]\n");
             return 1;
         }
     }
     const std::size_t total = megabytes << 20;
 
     Corpus corpus;
-    AddTree(corpus, "/usr/bin", false, 4096, 64 << 20, total * 40 / 100);
-    AddTree(corpus, "/usr/lib/x86_64-linux-gnu", false, 4096, 64 << 20, total * 65 / 100);
-    AddTree(corpus, "/usr/share/doc", true, 2048, 8 << 20, total * 80 / 100);
-    AddTree(corpus, "/usr/share", true, 2048, 8 << 20, total * 85 / 100);
-    AddSynthetic(corpus, total - std::min(total, corpus.bytes));
+    if (roots.empty()) {
+        AddTree(corpus, "/usr/bin", false, 4096, 64 << 20, total * 40 / 100);
+        AddTree(corpus, "/usr/lib/x86_64-linux-gnu", false, 4096, 64 << 20, total * 65 / 100);
+        AddTree(corpus, "/usr/share/doc", true, 2048, 8 << 20, total * 80 / 100);
+        AddTree(corpus, "/usr/share", true, 2048, 8 << 20, total * 85 / 100);
+        AddSynthetic(corpus, total - std::min(total, corpus.bytes));
+    } else {
+        for (const auto& root : roots) AddTree(corpus, root, true, 1, 64 << 20, total);
+    }
     std::printf(
         "corpus: %.1f MB in %zu modules (of at most 1 MB) from %zu files and synthetic data\n",
         corpus.bytes / 1048576.0, corpus.modules.size(), corpus.files);
 
-    // CompressModule, one encoder for all modules as in a build.
+    // CompressModule, one encoder for all modules as in a build; `digest` is set by
+    // the first pass.
     std::size_t compressed = 0;
     std::size_t stopped = 0;
     std::uint32_t digest = 0;
-    Timing lzh;
-    for (int round = 0; round < (digest_only ? 1 : kRepeats); ++round) {
+    bool first_pass = true;
+    auto compress_all = [&](Timing& best) {
         fwforge::lzh::Encoder encoder;
         Bytes out;
         compressed = stopped = 0;
@@ -201,13 +213,18 @@ int main(int argc, char** argv) {
             const auto r = encoder.CompressModule(module, out);
             compressed += r.total;
             stopped += r.stopped;
-            if (round == 0) digest = Fnv1a(digest, {out.data(), r.total});
+            if (first_pass) digest = Fnv1a(digest, {out.data(), r.total});
         }
-        lzh.wall = std::min(lzh.wall, Seconds(Clock::now() - start));
-        lzh.cpu = std::min(lzh.cpu, CpuSeconds(RUSAGE_SELF) - start_cpu);
-    }
+        const double cpu = CpuSeconds(RUSAGE_SELF) - start_cpu;
+        best.wall = std::min(best.wall, Seconds(Clock::now() - start));
+        best.cpu = std::min(best.cpu, cpu);
+        first_pass = false;
+        return cpu;
+    };
 
+    Timing lzh;
     if (digest_only) {
+        compress_all(lzh);
         std::printf("digest of all CompressModule output (FNV-1a): 0x%08X\n", digest);
         return 0;
     }
@@ -246,7 +263,9 @@ int main(int argc, char** argv) {
     const std::string command = "gzip -6 -c '" + (dir / "corpus.bin").string() + "' > '" +
                                 (dir / "corpus.gz").string() + "'";
     Timing gzip;
+    std::vector<double> pair_ratios;
     for (int round = 0; round < kRepeats; ++round) {
+        const double lzh_cpu = compress_all(lzh);
         const auto start = Clock::now();
         const double start_cpu = CpuSeconds(RUSAGE_CHILDREN);
         if (std::system(command.c_str()) != 0) {
@@ -254,8 +273,10 @@ int main(int argc, char** argv) {
             fs::remove_all(dir);
             return 1;
         }
+        const double gzip_cpu = CpuSeconds(RUSAGE_CHILDREN) - start_cpu;
         gzip.wall = std::min(gzip.wall, Seconds(Clock::now() - start));
-        gzip.cpu = std::min(gzip.cpu, CpuSeconds(RUSAGE_CHILDREN) - start_cpu);
+        gzip.cpu = std::min(gzip.cpu, gzip_cpu);
+        pair_ratios.push_back(lzh_cpu / gzip_cpu);
     }
     const auto gzip_size = fs::file_size(dir / "corpus.gz");
     fs::remove_all(dir);
@@ -269,6 +290,10 @@ int main(int argc, char** argv) {
                 gzip.wall, mb / gzip.wall, static_cast<double>(gzip_size) / corpus.bytes);
     std::printf("time ratio CompressModule / gzip -6: %.2f CPU, %.2f wall (below 1 = faster)\n",
                 lzh.cpu / gzip.cpu, lzh.wall / gzip.wall);
+    std::printf("CPU time ratio of each pair:");
+    for (const double ratio : pair_ratios) std::printf(" %.2f", ratio);
+    std::sort(pair_ratios.begin(), pair_ratios.end());
+    std::printf("; median %.2f\n", pair_ratios[pair_ratios.size() / 2]);
     std::printf("modules cut off by the output bound: %zu\n", stopped);
     std::printf("digest of all CompressModule output (FNV-1a): 0x%08X\n", digest);
     return 0;

@@ -24,7 +24,7 @@ inline constexpr unsigned kPositionLimit = 2 * kWindowSize;
 
 class MatchFinder {
   public:
-    // The window starts zero-filled. The object is large (about 400 KB) and meant to
+    // The window starts zero-filled. The object is large (about 470 KB) and meant to
     // live on the heap; its tables are plain arrays inside it, so the search reaches
     // them at fixed offsets from one pointer.
     MatchFinder();
@@ -59,6 +59,10 @@ class MatchFinder {
         std::uint16_t position;  // internal nodes: bit 15 = still to be passed up
         std::uint8_t level;      // bytes shared by every string below the node
         std::uint8_t children;   // internal nodes only
+        // Where the link that points at the node lives (a chain head, a root's child
+        // slot or the next field of its predecessor), as a LinkOffset: a node leaves
+        // or changes its place without a lookup of its parent's chain.
+        std::uint32_t link;
     };
 
     // Removes the leaf of `pos` (the string 8192 bytes before it) when it is in the tree.
@@ -67,7 +71,19 @@ class MatchFinder {
     unsigned Level(unsigned node) const { return nodes_[node].level; }
     std::uint16_t* FindChildLink(unsigned node, unsigned byte);
     void PushChild(unsigned node, unsigned byte, unsigned child);
-    void Split(unsigned parent, unsigned old_node, std::uint16_t* old_link, unsigned pos);
+    // Links: every link of the tree is a 16-bit field of this object, named in a
+    // node's record by its byte offset from the object's start.
+    std::uint32_t LinkOffset(const std::uint16_t* link) const {
+        return static_cast<std::uint32_t>(reinterpret_cast<const unsigned char*>(link) -
+                                          reinterpret_cast<const unsigned char*>(this));
+    }
+    std::uint16_t* LinkAt(std::uint32_t offset) {
+        return reinterpret_cast<std::uint16_t*>(reinterpret_cast<unsigned char*>(this) + offset);
+    }
+    void SetLink(std::uint16_t* link, unsigned child);
+    void Unlink(unsigned child);
+    void Replace(unsigned old_node, unsigned new_node);
+    void Split(unsigned parent, unsigned old_node, unsigned pos);
     bool StartBelowLastMatch(unsigned pos, unsigned length, unsigned& parent, unsigned& node);
 
     // Reading eight bytes at a time may look up to seven bytes past the last lookahead.
@@ -83,6 +99,10 @@ class MatchFinder {
     // starts most searches needs no chain walk.
     std::array<std::uint16_t, 256 * 256> root_child_;
     unsigned free_node_ = 1;
+    // One past the highest leaf and internal node used since the last reset; the first
+    // reset covers every record.
+    unsigned leaf_end_ = kPositionLimit;
+    unsigned node_end_ = kWindowSize;
 
     unsigned match_length_ = 0;
     unsigned match_position_ = 0;
