@@ -17,6 +17,7 @@
 #include "edit/replace_cli.h"
 #include "inspect/inspect_cli.h"
 #include "plan/plan_cli.h"
+#include "platform/process_memory.h"
 #include "rebuild/extract_cli.h"
 
 namespace {
@@ -67,6 +68,8 @@ struct ReadingOptions {
 }  // namespace
 
 int main(int argc, char** argv) {
+    // plan, extract and replace build images in memory, as fwforge does.
+    fwforge::platform::KeepFreedMemory();
     CLI::App app{"Reads FWFORGE ROM images back: lists, verifies, extracts, maps and compares "
                  "them,\nand changes one module of a finished image; plans a build before it runs.\n"
                  "Exit status: 0 all in order; 1 problems found (diff: differences; replace: "

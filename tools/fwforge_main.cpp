@@ -6,10 +6,7 @@
 
 #include "compress/module_compressor.h"
 #include "driver/main_flow.h"
-
-#if defined(__GLIBC__)
-#include <malloc.h>
-#endif
+#include "platform/process_memory.h"
 
 namespace {
 
@@ -29,21 +26,10 @@ unsigned CompressionThreads() {
     return cores == 0 ? 1 : cores;
 }
 
-// A build allocates buffers of a module's size several times for each module. Kept by
-// the allocator for the next ones instead of being mapped afresh each time, their pages
-// are faulted in once: on large modules the faults otherwise cost about a third as much
-// as the compression.
-void KeepFreedMemory() {
-#if defined(__GLIBC__)
-    mallopt(M_MMAP_THRESHOLD, 32 << 20);  // the largest that the allocator accepts
-    mallopt(M_TRIM_THRESHOLD, 64 << 20);
-#endif
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
-    KeepFreedMemory();
+    fwforge::platform::KeepFreedMemory();
     try {
         return fwforge::RunMainFlow(argc, argv, std::cout, CompressionThreads());
     } catch (const fwforge::lzh::OutOfMemory& e) {
