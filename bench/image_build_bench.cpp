@@ -20,10 +20,11 @@
 // Usage: image_build_bench [BIN_DIR [MIX]]   (where fwforge and fwforge-lzh are; MIX
 // builds only the mix of that name); ROUNDS=n sets the rounds, KEEP=1 keeps the inputs.
 
+#include <fcntl.h>
 #include <spawn.h>
-#include <unistd.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -32,12 +33,12 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <initializer_list>
 #include <iterator>
 #include <map>
 #include <set>
-#include <thread>
-#include <fcntl.h>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace fs = std::filesystem;
@@ -50,19 +51,31 @@ constexpr std::uint32_t kBiosSize = 16 * 1024 * 1024;
 constexpr std::size_t kModules = 200;
 constexpr int kRounds = 3;
 
-// Regular files of at least 1 KB under the usual system folders, in a stable order.
-std::vector<fs::path> GatherSources() {
-    std::vector<fs::path> found;
-    for (const char* root :
-         {"/usr/bin", "/usr/lib", "/usr/share/doc", "/usr/share/common-licenses", "/usr/include"}) {
+// The regular files under `roots` with their sizes, sorted by size, then name.
+std::vector<std::pair<std::uintmax_t, fs::path>> FilesUnder(
+    std::initializer_list<const char*> roots) {
+    std::vector<std::pair<std::uintmax_t, fs::path>> found;
+    for (const char* root : roots) {
         std::error_code ec;
         fs::recursive_directory_iterator it(root, fs::directory_options::skip_permission_denied,
                                             ec);
         for (; !ec && it != fs::recursive_directory_iterator(); it.increment(ec)) {
             std::error_code sec;
             if (!it->is_regular_file(sec) || it->is_symlink(sec)) continue;
-            if (it->file_size(sec) >= 1024) found.push_back(it->path());
+            const std::uintmax_t size = it->file_size(sec);
+            if (!sec) found.emplace_back(size, it->path());
         }
+    }
+    std::sort(found.begin(), found.end());
+    return found;
+}
+
+// Regular files of at least 1 KB under the usual system folders, in a stable order.
+std::vector<fs::path> GatherSources() {
+    std::vector<fs::path> found;
+    for (const auto& [size, path] : FilesUnder({"/usr/bin", "/usr/lib", "/usr/share/doc",
+                                                "/usr/share/common-licenses", "/usr/include"})) {
+        if (size >= 1024) found.push_back(path);
     }
     std::sort(found.begin(), found.end());
     // Spread the picks over everything found, so programs, libraries and text all come in.
@@ -144,20 +157,9 @@ double Median(std::vector<double> v) {
 
 // Whole regular files of 2 KB to 600 KB under the usual system folders, by size.
 std::vector<std::pair<std::uintmax_t, fs::path>> GatherWholeFiles() {
-    std::vector<std::pair<std::uintmax_t, fs::path>> found;
-    for (const char* root :
-         {"/usr/lib", "/usr/bin", "/usr/include", "/usr/share/common-licenses"}) {
-        std::error_code ec;
-        fs::recursive_directory_iterator it(root, fs::directory_options::skip_permission_denied,
-                                            ec);
-        for (; !ec && it != fs::recursive_directory_iterator(); it.increment(ec)) {
-            std::error_code sec;
-            if (!it->is_regular_file(sec) || it->is_symlink(sec)) continue;
-            const std::uintmax_t size = it->file_size(sec);
-            if (!sec && size >= 2048 && size <= 600 * 1024) found.emplace_back(size, it->path());
-        }
-    }
-    std::sort(found.begin(), found.end());
+    std::vector<std::pair<std::uintmax_t, fs::path>> found =
+        FilesUnder({"/usr/lib", "/usr/bin", "/usr/include", "/usr/share/common-licenses"});
+    std::erase_if(found, [](const auto& f) { return f.first < 2048 || f.first > 600 * 1024; });
     return found;
 }
 
@@ -165,10 +167,12 @@ std::vector<std::pair<std::uintmax_t, fs::path>> GatherWholeFiles() {
 // from a small vocabulary, tables of small numbers, repeats of earlier bytes and noise.
 std::vector<char> Generated(std::size_t size, std::uint32_t seed) {
     static const char* const kWords[] = {
-        "the ", "license ", "int ", "return ", "struct ", "const ", "char ", "void ",
-        "static ", "include ", "define ", "software ", "without ", "warranty ", "copy ",
-        "of ", "to ", "and ", "or ", "if ", "else ", "for ", "while ", "unsigned ", "\n",
-        "\n#", "(", ") ", "{\n", "}\n", "; ", "= ", "0x", "size_t ", "buffer ", "file "};
+        "the ",     "license ",  "int ",    "return ",  "struct ", "const ",
+        "char ",    "void ",     "static ", "include ", "define ", "software ",
+        "without ", "warranty ", "copy ",   "of ",      "to ",     "and ",
+        "or ",      "if ",       "else ",   "for ",     "while ",  "unsigned ",
+        "\n",       "\n#",       "(",       ") ",       "{\n",     "}\n",
+        "; ",       "= ",        "0x",      "size_t ",  "buffer ", "file "};
     std::uint32_t state = seed * 2654435761u + 1;
     auto next = [&state] {
         state = state * 1664525u + 1013904223u;
@@ -199,7 +203,8 @@ std::vector<char> Generated(std::size_t size, std::uint32_t seed) {
                 }
                 [[fallthrough]];
             default:
-                for (std::size_t i = 0; i < run / 4; ++i) bytes.push_back(static_cast<char>(next()));
+                for (std::size_t i = 0; i < run / 4; ++i)
+                    bytes.push_back(static_cast<char>(next()));
                 break;
         }
     }
@@ -252,8 +257,8 @@ struct MixBuilds {
     bool one_thread;  // also built on one thread
 };
 constexpr MixBuilds kMixes[] = {
-    {"today", true, true},       {"system files", true, true}, {"many small", true, false},
-    {"few large", true, false},  {"with EBB", true, false},     {"split", false, false},
+    {"today", true, true},      {"system files", true, true}, {"many small", true, false},
+    {"few large", true, false}, {"with EBB", true, false},    {"split", false, false},
 };
 
 // Today's mix: sizes from 1 KB to 300 KB, most of them small (about 100 KB on average);
@@ -327,7 +332,8 @@ std::vector<Mix> MakeMixes() {
     Mix split{"split", mixes[3].modules, {}};
     // Gaps of 256 KB between holes of 768 KB: the largest modules fit none whole.
     split.holes.clear();
-    for (std::uint32_t i = 0; i < 15; ++i) split.holes.emplace_back(0x100000 * i + 0x80000, 0xC0000);
+    for (std::uint32_t i = 0; i < 15; ++i)
+        split.holes.emplace_back(0x100000 * i + 0x80000, 0xC0000);
     mixes.push_back(std::move(split));
     return mixes;
 }
@@ -423,8 +429,9 @@ void MeasurePlan(const fs::path& bin, const fs::path& dir, int rounds) {
     std::printf("%-34s %8.3f %8.2f %8.3f %10.2f\n", "plan that fails, with suggestions",
                 Median(failing), Median(failing) / Median(build), Median(failing_cpu),
                 Median(failing_cpu) / Median(build_cpu));
-    std::printf("targets: a plan at most 1.2 times the build (ratios: to the build of the "
-                "same run); a failing plan at most 5\n");
+    std::printf(
+        "targets: a plan at most 1.2 times the build (ratios: to the build of the "
+        "same run); a failing plan at most 5\n");
 }
 
 }  // namespace
@@ -432,7 +439,8 @@ void MeasurePlan(const fs::path& bin, const fs::path& dir, int rounds) {
 int main(int argc, char** argv) {
     const fs::path bin = fs::absolute(argc > 1 ? argv[1] : FWFORGE_BINARY_DIR);
     const std::string only = argc > 2 ? argv[2] : "";
-    const int rounds = std::getenv("ROUNDS") ? std::max(1, std::atoi(std::getenv("ROUNDS"))) : kRounds;
+    const int rounds =
+        std::getenv("ROUNDS") ? std::max(1, std::atoi(std::getenv("ROUNDS"))) : kRounds;
     // A folder of this run's own: benchmarks run side by side do not clear each other's.
     const fs::path dir =
         fs::temp_directory_path() / ("fwforge-image-build-bench-" + std::to_string(getpid()));
@@ -459,18 +467,25 @@ int main(int argc, char** argv) {
     for (const MixBuilds& mix : kMixes) {
         if (!only.empty() && only != mix.name) continue;
         const std::string one = "FWFORGE_THREADS=1";
-        subjects.push_back({mix.name, "fwforge-lzh c, all module files",
-                            {lzh, "c", "all.bin", "all.lzh"}, {}, true});
+        subjects.push_back({mix.name,
+                            "fwforge-lzh c, all module files",
+                            {lzh, "c", "all.bin", "all.lzh"},
+                            {},
+                            true});
         if (mix.sequential) {
-            subjects.push_back({mix.name, "sequential placement", {fwforge, "out", "sequential.scr"}, {}});
+            subjects.push_back(
+                {mix.name, "sequential placement", {fwforge, "out", "sequential.scr"}, {}});
         }
         subjects.push_back({mix.name, "gap placement", {fwforge, "out", "gap.scr"}, {}});
         if (mix.one_thread && mix.sequential) {
-            subjects.push_back(
-                {mix.name, "sequential placement, 1 thread", {fwforge, "out", "sequential.scr"}, {one}});
+            subjects.push_back({mix.name,
+                                "sequential placement, 1 thread",
+                                {fwforge, "out", "sequential.scr"},
+                                {one}});
         }
         if (mix.one_thread) {
-            subjects.push_back({mix.name, "gap placement, 1 thread", {fwforge, "out", "gap.scr"}, {one}});
+            subjects.push_back(
+                {mix.name, "gap placement, 1 thread", {fwforge, "out", "gap.scr"}, {one}});
         }
     }
     if (subjects.empty()) {
