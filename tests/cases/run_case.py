@@ -141,6 +141,9 @@ def host_console(args, text):
         folder, composed = args[1], rb"[^\\/\s]*\.in[tf]\b"
     elif args[0] == "fwforge-inspect" and len(args) > 3 and args[1] == "extract":
         folder, composed = args[3], rb"[^\\/\s]+"
+    elif args[0] == "fwforge-inspect" and len(args) > 2 and args[1] == "plan":
+        out = args.index("--out") if "--out" in args[:-1] else -1
+        folder, composed = args[out + 1] if out > 0 else ".", rb"[^\\/\s]*\.in[tf]\b"
     else:
         return text
     if folder[-1:] in ("/", "\\"):
